@@ -1,0 +1,45 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "dh_db.hpp"
+
+// The framework server of one device handler: it owns the database and serves it over TCP and
+// over a Unix-domain socket named by the server name, one JSON-RPC 2.0 text per line.
+class device_handler_api {
+public:
+    struct limits {
+        std::size_t max_line_bytes = 1024 * 1024;
+        std::size_t max_output_bytes = 8 * 1024 * 1024;  // a client this far behind is dropped
+        std::size_t max_connections = 4096;
+        unsigned worker_threads = 4;  // for requests that wait on a handler
+    };
+
+    // `local_only` serves the Unix socket alone (handlers talking among themselves on a board);
+    // false serves TCP on `port` as well. Port 0 takes any free port (see tcp_port()).
+    device_handler_api(std::string name, unsigned port, bool local_only);
+    device_handler_api(std::string name, unsigned port, bool local_only, limits config,
+                       bool handle_signals = true);
+    ~device_handler_api();
+    device_handler_api(const device_handler_api&) = delete;
+    device_handler_api& operator=(const device_handler_api&) = delete;
+
+    dh_db& get_db() { return db_; }
+    const std::string& name() const { return name_; }
+    unsigned short tcp_port() const;
+    std::size_t connection_count() const;
+
+    // Serves on the calling thread until SIGTERM or SIGINT (or stop()), then returns.
+    void start();
+    // Safe from any thread; start() returns soon after.
+    void stop();
+
+private:
+    struct impl;
+    dh_db db_;
+    std::string name_;
+    std::unique_ptr<impl> impl_;
+};

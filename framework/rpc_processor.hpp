@@ -1,0 +1,51 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "dh_db.hpp"
+#include "dh_json.hpp"
+#include "dh_session.hpp"
+
+namespace dh::rpc {
+
+// JSON-RPC 2.0's own error codes.
+inline constexpr int parse_error = -32700;
+inline constexpr int invalid_request = -32600;
+inline constexpr int method_not_found = -32601;
+inline constexpr int invalid_params = -32602;
+inline constexpr int internal_error = -32603;
+
+inline constexpr std::size_t max_nesting_depth = 64;
+inline constexpr std::size_t max_batch_size = 1000;
+
+// Turns request lines into response lines against one database. Transport-free, so the
+// protocol is tested without sockets; the server decides on which thread `execute` runs.
+class request_processor {
+public:
+    explicit request_processor(dh_db& db) : db_(db) {}
+
+    // Parses one line (UTF-8 checked, nesting limited). On failure `response` gets the error line.
+    bool parse(std::string_view line, rapidjson::Document& request, std::string& response) const;
+    // Whether executing the request may wait on a handler (setters, commands, register reads).
+    bool may_block(const rapidjson::Document& request) const;
+    // Executes a parsed request (or batch) and appends the response line, if any, to `out`.
+    void execute(const rapidjson::Document& request, const std::shared_ptr<dh_session>& session,
+                 std::string& out) const;
+
+    // Convenience for tests and in-process callers: parse, execute, return the response line.
+    std::string handle_line(std::string_view line, const std::shared_ptr<dh_session>& session) const;
+
+    static std::string error_line(const dh::json_value* id, int code, std::string_view message);
+
+private:
+    // Appends one response object (no newline); returns false for a notification (no response).
+    bool execute_one(const dh::json_value& request, const std::shared_ptr<dh_session>& session,
+                     std::string& out) const;
+    bool request_may_block(const dh::json_value& request) const;
+
+    dh_db& db_;
+};
+
+}  // namespace dh::rpc

@@ -1,0 +1,231 @@
+#pragma once
+
+#include <boost/asio.hpp>
+#include <deque>
+#include <memory>
+#include <string>
+
+#include "dh_session.hpp"
+#include "msg_log.hpp"
+#include "rpc_processor.hpp"
+
+namespace dh::server {
+
+// What all connections of one server share.
+// Connections hold it shared, so one that outlives the server's run touches nothing freed.
+struct server_context {
+    server_context(boost::asio::io_context& io_context, boost::asio::thread_pool& pool, dh_db& db,
+                   std::size_t line_limit, std::size_t output_limit, std::string tag)
+        : io(io_context),
+          workers(pool),
+          processor(db),
+          max_line_bytes(line_limit),
+          max_output_bytes(output_limit),
+          log_tag(std::move(tag)) {}
+
+    boost::asio::io_context& io;
+    boost::asio::thread_pool& workers;
+    rpc::request_processor processor;
+    std::size_t max_line_bytes;
+    std::size_t max_output_bytes;
+    std::string log_tag;
+    std::atomic<std::size_t> connections{0};
+};
+
+// The session of a connection: notifications from any thread are handed to the network thread.
+class connection_session final : public dh_session {
+public:
+    using deliver_fn = std::function<void(std::shared_ptr<const std::string>)>;
+    explicit connection_session(deliver_fn fn) : deliver_(std::move(fn)) {}
+    void deliver(std::shared_ptr<const std::string> line) override {
+        if (is_open()) deliver_(std::move(line));
+    }
+
+private:
+    deliver_fn deliver_;
+};
+
+// One client. All of its state lives on the network thread; a request that may wait on a
+// handler runs on a worker while the connection holds its later lines (and any notifications)
+// back, so responses keep the order of the requests and a subscription's answer comes before
+// its first notification.
+template <class Socket>
+class connection : public std::enable_shared_from_this<connection<Socket>> {
+public:
+    connection(Socket socket, std::shared_ptr<server_context> context)
+        : socket_(std::move(socket)), shared_context_(std::move(context)), context_(*shared_context_) {
+        ++context_.connections;
+    }
+    ~connection() {
+        --context_.connections;
+        if (session_) session_->close();
+    }
+
+    void start() {
+        std::weak_ptr<connection> weak = this->shared_from_this();
+        auto& io = context_.io;
+        session_ = std::make_shared<connection_session>([weak, &io](std::shared_ptr<const std::string> line) {
+            boost::asio::post(io, [weak, line = std::move(line)] {
+                if (auto self = weak.lock()) self->on_notification(line);
+            });
+        });
+        read();
+    }
+
+private:
+    void read() {
+        if (reading_ || closing_ || job_running_) return;
+        reading_ = true;
+        socket_.async_read_some(boost::asio::buffer(chunk_),
+                                [self = this->shared_from_this()](boost::system::error_code ec, std::size_t n) {
+                                    self->reading_ = false;
+                                    self->on_read(ec, n);
+                                });
+    }
+
+    void on_read(boost::system::error_code ec, std::size_t n) {
+        if (ec) {
+            close();
+            return;
+        }
+        input_.append(chunk_.data(), n);
+        process_lines();
+    }
+
+    void process_lines() {
+        while (!job_running_ && !closing_) {
+            const auto newline = input_.find('\n', consumed_);
+            if (newline == std::string::npos) break;
+            std::string_view line(input_.data() + consumed_, newline - consumed_);
+            consumed_ = newline + 1;
+            handle_line(line);
+        }
+        if (consumed_ > 0 && !job_running_) {
+            input_.erase(0, consumed_);
+            consumed_ = 0;
+        }
+        if (input_.size() - consumed_ > context_.max_line_bytes) {
+            send(rpc::request_processor::error_line(
+                nullptr, rpc::invalid_request,
+                "Request line longer than " + std::to_string(context_.max_line_bytes) + " bytes"));
+            MSG_LOG(msg_log::warning, context_.log_tag) << "Closing a client that sent an over-long line";
+            close_after_write();
+            return;
+        }
+        flush();
+        read();
+    }
+
+    void handle_line(std::string_view line) {
+        if (line.empty() || line == "\r") return;
+        rapidjson::Document request;
+        std::string response;
+        if (!context_.processor.parse(line, request, response)) {
+            send(response);
+            return;
+        }
+        if (!context_.processor.may_block(request)) {
+            context_.processor.execute(request, session_, output_);
+            check_output();
+            return;
+        }
+        job_running_ = true;
+        auto shared_request = std::make_shared<rapidjson::Document>(std::move(request));
+        boost::asio::post(context_.workers, [self = this->shared_from_this(), shared_request] {
+            auto result = std::make_shared<std::string>();
+            self->context_.processor.execute(*shared_request, self->session_, *result);
+            boost::asio::post(self->context_.io, [self, result] { self->on_job_done(*result); });
+        });
+    }
+
+    void on_job_done(const std::string& result) {
+        job_running_ = false;
+        send(result);
+        for (auto& line : held_notifications_) output_ += *line;
+        held_notifications_.clear();
+        check_output();
+        process_lines();
+    }
+
+    void on_notification(const std::shared_ptr<const std::string>& line) {
+        if (closing_) return;
+        if (job_running_) {
+            held_notifications_.push_back(line);
+            return;
+        }
+        output_ += *line;
+        check_output();
+        flush();
+    }
+
+    void send(const std::string& text) {
+        output_ += text;
+        check_output();
+    }
+
+    void check_output() {
+        if (output_.size() + writing_.size() > context_.max_output_bytes && !closing_) {
+            MSG_LOG(msg_log::warning, context_.log_tag)
+                << "Closing a client that does not read its responses and notifications";
+            output_.clear();
+            close();
+        }
+    }
+
+    void flush() {
+        if (write_in_flight_ || output_.empty() || !socket_.is_open()) return;
+        writing_.swap(output_);
+        output_.clear();
+        write_in_flight_ = true;
+        boost::asio::async_write(socket_, boost::asio::buffer(writing_),
+                                 [self = this->shared_from_this()](boost::system::error_code ec, std::size_t) {
+                                     self->write_in_flight_ = false;
+                                     self->writing_.clear();
+                                     if (ec) {
+                                         self->close();
+                                         return;
+                                     }
+                                     if (!self->output_.empty()) {
+                                         self->flush();
+                                     } else if (self->close_when_written_) {
+                                         self->close();
+                                     }
+                                 });
+    }
+
+    void close_after_write() {
+        closing_ = true;
+        close_when_written_ = true;
+        if (!write_in_flight_ && output_.empty()) {
+            close();
+        } else {
+            flush();
+        }
+    }
+
+    void close() {
+        closing_ = true;
+        if (session_) session_->close();
+        boost::system::error_code ignored;
+        socket_.shutdown(Socket::shutdown_both, ignored);
+        socket_.close(ignored);
+    }
+
+    Socket socket_;
+    std::shared_ptr<server_context> shared_context_;
+    server_context& context_;
+    std::shared_ptr<connection_session> session_;
+    std::array<char, 16 * 1024> chunk_{};
+    std::string input_;
+    std::size_t consumed_ = 0;
+    std::string output_;
+    std::string writing_;
+    std::vector<std::shared_ptr<const std::string>> held_notifications_;
+    bool reading_ = false;
+    bool write_in_flight_ = false;
+    bool job_running_ = false;
+    bool closing_ = false;
+    bool close_when_written_ = false;
+};
+
+}  // namespace dh::server

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "clock.hpp"
+#include "dh_db_node.hpp"
+
+namespace dh::api {
+
+// Calls periodic_task of its nodes once per period on the cages' staggered grid: the first
+// instant is the next whole second plus unit * 100 / num_units ms. Nodes are held weakly and
+// visited in index order; the group's own thread stops when the group is destroyed.
+class value_group {
+public:
+    value_group(std::chrono::milliseconds period, unsigned unit, unsigned num_units,
+                std::shared_ptr<qsfpd::clock> clock = qsfpd::clock::system());
+    ~value_group();
+    value_group(const value_group&) = delete;
+    value_group& operator=(const value_group&) = delete;
+
+    void add_value(const std::shared_ptr<dh_db_leaf_node>& node, int index = 0);
+    std::size_t size() const;
+    std::uint64_t periods_run() const;
+
+private:
+    void run(std::stop_token stop);
+
+    std::chrono::milliseconds period_;
+    unsigned unit_;
+    unsigned num_units_;
+    std::shared_ptr<qsfpd::clock> clock_;
+    mutable std::mutex mutex_;
+    std::multimap<int, std::weak_ptr<dh_db_leaf_node>> nodes_;
+    std::atomic<std::uint64_t> periods_{0};
+    std::jthread thread_;
+};
+
+}  // namespace dh::api

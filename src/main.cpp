@@ -1,0 +1,27 @@
+#include <csignal>
+#include <iostream>
+#include <memory>
+
+#include "device_handler_api.hpp"
+#include "msg_log.hpp"
+#include "qsfpd_options.hpp"
+#include "system_path.hpp"
+
+int main(int argc, char* argv[]) {
+    auto options = qsfpd::parse_command_line(argc, argv, std::cout);
+    if (!options) return 1;
+
+    std::signal(SIGPIPE, SIG_IGN);
+    msg_log::init();
+
+    auto server = std::make_shared<device_handler_api>(qsfpd::system_path(options->server_name),
+                                                       options->port, false);
+
+    MSG_LOG(msg_log::info, options->device_path + "/init")
+        << "Device handler initialized for " << options->device_path << ". Listening on port "
+        << options->port << ".";
+
+    server->start();
+    server.reset();
+    return 0;
+}
