@@ -53,15 +53,14 @@ void virtual_clock::run_for(duration d, std::chrono::milliseconds settle) {
     std::unique_lock lock(mutex_);
     const time_point target = now_ + d;
     while (true) {
-        // Threads woken by the previous step must be back asleep (or gone) before time moves on.
-        changed_.wait_for(lock, settle, [&] {
-            return std::none_of(deadlines_.begin(), deadlines_.end(),
-                                [&](time_point t) { return t <= now_; });
-        });
         auto next = std::min_element(deadlines_.begin(), deadlines_.end());
         if (next == deadlines_.end() || *next > target) break;
+        // Every thread asleep now is expected asleep again after the step: the ones woken by it
+        // once their work is done. A thread that ends instead costs one `settle` of real time.
+        const std::size_t expected = deadlines_.size();
         now_ = std::max(now_, *next);
         changed_.notify_all();
+        changed_.wait_for(lock, settle, [&] { return sleepers_locked() >= expected; });
     }
     now_ = target;
     changed_.notify_all();

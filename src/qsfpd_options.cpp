@@ -8,6 +8,13 @@ namespace po = boost::program_options;
 
 namespace qsfpd {
 
+namespace {
+// A TCP port beyond 65535 would otherwise be cut silently to 16 bits.
+void check_port(std::uint32_t port) {
+    if (port > 65535) throw po::validation_error(po::validation_error::invalid_option_value, "port");
+}
+}  // namespace
+
 po::options_description make_options_description() {
     po::options_description description("Available options", po::options_description::m_default_line_length,
                                         po::options_description::m_default_line_length / 2);
@@ -20,7 +27,7 @@ po::options_description make_options_description() {
             "qsfp unit number, leave out for ZELT-20")
         ("num_units,n", po::value<std::uint32_t>()->default_value(0),
             "total number of qsfp:s on bus for calculation of time slots for bus access")
-        ("port,p", po::value<std::uint32_t>()->default_value(2500),
+        ("port,p", po::value<std::uint32_t>()->default_value(2500)->notifier(check_port),
             "listening socket port number (default value: 2500)");
     // clang-format on
     return description;
@@ -30,7 +37,11 @@ std::optional<daemon_options> parse_command_line(int argc, const char* const arg
     const auto description = make_options_description();
     po::variables_map vm;
     try {
-        po::store(po::parse_command_line(argc, argv, description), vm);
+        const auto parsed = po::parse_command_line(argc, argv, description);
+        // A stray word would otherwise be dropped without a trace.
+        if (!po::collect_unrecognized(parsed.options, po::include_positional).empty())
+            throw po::error("unexpected argument");
+        po::store(parsed, vm);
         po::notify(vm);
     } catch (...) {
         out << description << "\n";

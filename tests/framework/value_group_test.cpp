@@ -1,0 +1,91 @@
+#include "value_group.hpp"
+
+#include <gtest/gtest.h>
+
+#include "../support/test_owner.hpp"
+#include "grid_schedule.hpp"
+#include "virtual_clock.hpp"
+
+namespace {
+using namespace std::chrono_literals;
+using namespace qsfpd::test;
+
+// Records the virtual instants at which the group called it.
+class tick_recorder : public dh_db_leaf_node {
+public:
+    explicit tick_recorder(std::shared_ptr<qsfpd::virtual_clock> clock) : clock_(std::move(clock)) {}
+    void periodic_task(bool first) override {
+        std::lock_guard lock(mutex_);
+        ticks_.push_back(clock_->wall_now());
+        firsts_.push_back(first);
+    }
+    std::string get_info() const override { return "recorder"; }
+    std::string kind() const override { return "recorder"; }
+    std::vector<std::chrono::system_clock::time_point> ticks() const {
+        std::lock_guard lock(mutex_);
+        return ticks_;
+    }
+    std::vector<bool> firsts() const {
+        std::lock_guard lock(mutex_);
+        return firsts_;
+    }
+
+private:
+    std::shared_ptr<qsfpd::virtual_clock> clock_;
+    mutable std::mutex mutex_;
+    std::vector<std::chrono::system_clock::time_point> ticks_;
+    std::vector<bool> firsts_;
+};
+
+std::chrono::milliseconds ms_in_second(std::chrono::system_clock::time_point t) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch() % 1s);
+}
+
+TEST(GridSchedule, SlotOffsets) {
+    EXPECT_EQ(qsfpd::grid_schedule::slot_offset(3, 8), 37ms);
+    EXPECT_EQ(qsfpd::grid_schedule::slot_offset(7, 8), 87ms);
+    EXPECT_EQ(qsfpd::grid_schedule::slot_offset(5, 0), 0ms);
+}
+
+TEST(GridSchedule, AnOverrunKeepsThePhase) {
+    qsfpd::virtual_clock clock(std::chrono::system_clock::time_point{} + 1000s + 420ms);
+    qsfpd::grid_schedule schedule(clock, 100ms, 3, 8);
+    EXPECT_EQ(schedule.next() - clock.now(), 580ms + 37ms);  // next whole second + 37 ms
+    const auto first = schedule.next();
+    // A pass starting at `first` that takes 250 ms resumes on the grid, 300 ms after it.
+    EXPECT_EQ(schedule.advance(first + 250ms), first + 300ms);
+    EXPECT_EQ(schedule.advance(first + 300ms), first + 400ms);
+}
+
+TEST(ValueGroup, CallsItsNodesOncePerPeriodOnTheUnitsSlot) {
+    auto clock = std::make_shared<qsfpd::virtual_clock>(std::chrono::system_clock::time_point{} + 5000s + 250ms);
+    auto recorder = std::make_shared<tick_recorder>(clock);
+    dh::api::value_group group(1000ms, 3, 8, clock);
+    group.add_value(recorder, 0);
+    ASSERT_TRUE(clock->wait_for_sleepers(1));
+    clock->run_for(3500ms);
+    const auto ticks = recorder->ticks();
+    ASSERT_EQ(ticks.size(), 3u);
+    for (auto t : ticks) EXPECT_EQ(ms_in_second(t), 37ms);
+    EXPECT_EQ(ticks[1] - ticks[0], 1000ms);
+    EXPECT_EQ(recorder->firsts(), (std::vector<bool>{true, false, false}));
+}
+
+TEST(ValueGroup, ReleasedNodesAreDropped) {
+    auto clock = std::make_shared<qsfpd::virtual_clock>();
+    auto owner = std::make_shared<test_owner>();
+    dh_db db;
+    auto temperature =
+        dh::api::polled_volatile_value_impl<&test_owner::get_temperature>::create(db, "data/temperature", owner);
+    dh::api::value_group group(1000ms, 0, 0, clock);
+    group.add_value(temperature, 1);
+    ASSERT_TRUE(clock->wait_for_sleepers(1));
+    clock->run_for(2000ms);
+    EXPECT_EQ(owner->temperature_reads, 2);
+    temperature.reset();
+    clock->run_for(2000ms);
+    EXPECT_EQ(owner->temperature_reads, 2);
+    EXPECT_EQ(group.size(), 0u);
+}
+
+}  // namespace
