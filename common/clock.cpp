@@ -7,7 +7,7 @@ namespace qsfpd {
 namespace {
 
 class system_clock_impl final : public clock {
-public:
+  public:
     time_point now() const override { return std::chrono::steady_clock::now(); }
     std::chrono::system_clock::time_point wall_now() const override {
         return std::chrono::system_clock::now();

@@ -9,7 +9,7 @@ namespace qsfpd {
 // Every wait in the daemon goes through a clock so that tests can run the 3 s insertion wait,
 // the 100 ms poll grid and the value-group periods in virtual time.
 class clock {
-public:
+  public:
     using time_point = std::chrono::steady_clock::time_point;
     using duration = std::chrono::steady_clock::duration;
 

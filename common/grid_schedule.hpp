@@ -8,7 +8,7 @@ namespace qsfpd {
 // plus unit * 100 / num_units ms (no offset when num_units is 0). A pass that overruns skips the
 // missed instants instead of running late ones back to back, so the grid keeps its phase.
 class grid_schedule {
-public:
+  public:
     grid_schedule(const clock& clk, clock::duration period, unsigned unit, unsigned num_units);
 
     clock::time_point next() const { return next_; }
@@ -17,7 +17,7 @@ public:
 
     static std::chrono::milliseconds slot_offset(unsigned unit, unsigned num_units);
 
-private:
+  private:
     clock::duration period_;
     clock::time_point next_;
 };

@@ -14,8 +14,8 @@ clock::time_point virtual_clock::now() const {
 
 std::chrono::system_clock::time_point virtual_clock::wall_now() const {
     std::lock_guard lock(mutex_);
-    return wall_start_ + std::chrono::duration_cast<std::chrono::system_clock::duration>(
-                             now_.time_since_epoch());
+    return wall_start_ +
+           std::chrono::duration_cast<std::chrono::system_clock::duration>(now_.time_since_epoch());
 }
 
 bool virtual_clock::sleep_until(time_point deadline, std::stop_token stop) {
@@ -35,8 +35,8 @@ void virtual_clock::advance(duration d) {
 }
 
 std::size_t virtual_clock::sleepers_locked() const {
-    return static_cast<std::size_t>(
-        std::count_if(deadlines_.begin(), deadlines_.end(), [&](time_point t) { return t > now_; }));
+    return static_cast<std::size_t>(std::count_if(deadlines_.begin(), deadlines_.end(),
+                                                  [&](time_point t) { return t > now_; }));
 }
 
 std::size_t virtual_clock::sleepers() const {

@@ -12,9 +12,10 @@ namespace qsfpd {
 // time passes their deadline; `wait_for_sleepers` lets a test wait (in real time, bounded)
 // until the threads under test have gone back to sleep before it moves time again.
 class virtual_clock final : public clock {
-public:
-    explicit virtual_clock(std::chrono::system_clock::time_point wall_start =
-                               std::chrono::system_clock::time_point{} + std::chrono::hours(24 * 365 * 50));
+  public:
+    explicit virtual_clock(
+        std::chrono::system_clock::time_point wall_start = std::chrono::system_clock::time_point{} +
+                                                           std::chrono::hours(24 * 365 * 50));
 
     time_point now() const override;
     std::chrono::system_clock::time_point wall_now() const override;
@@ -30,7 +31,7 @@ public:
                            std::chrono::milliseconds limit = std::chrono::milliseconds(2000));
     std::size_t sleepers() const;
 
-private:
+  private:
     std::size_t sleepers_locked() const;
 
     mutable std::mutex mutex_;

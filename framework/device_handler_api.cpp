@@ -29,7 +29,8 @@ void raise_descriptor_limit(std::size_t wanted) {
 }  // namespace
 
 struct device_handler_api::impl {
-    impl(dh_db& db, const std::string& name, unsigned port, bool local_only, limits config, bool signals)
+    impl(dh_db& db, const std::string& name, unsigned port, bool local_only, limits config,
+         bool signals)
         : workers(config.worker_threads),
           context(std::make_shared<dh::server::server_context>(
               io, workers, db, config.max_line_bytes, config.max_output_bytes, name)),
@@ -70,7 +71,8 @@ struct device_handler_api::impl {
             if (ec) {
                 // Out of descriptors, most likely: back off instead of spinning on accept.
                 MSG_LOG(msg_log::warning, context->log_tag) << "Accept failed: " << ec.message();
-                auto timer = std::make_shared<asio::steady_timer>(io, std::chrono::milliseconds(50));
+                auto timer =
+                    std::make_shared<asio::steady_timer>(io, std::chrono::milliseconds(50));
                 timer->async_wait([this, &acceptor, timer](boost::system::error_code) {
                     if (!stopping) accept<Acceptor, Socket>(acceptor);
                 });
@@ -88,7 +90,8 @@ struct device_handler_api::impl {
                 asio::write(socket, asio::buffer(busy), ignored);
                 socket.close(ignored);
             } else {
-                std::make_shared<dh::server::connection<Socket>>(std::move(socket), context)->start();
+                std::make_shared<dh::server::connection<Socket>>(std::move(socket), context)
+                    ->start();
             }
             accept<Acceptor, Socket>(acceptor);
         });
@@ -118,8 +121,8 @@ struct device_handler_api::impl {
 device_handler_api::device_handler_api(std::string name, unsigned port, bool local_only)
     : device_handler_api(std::move(name), port, local_only, limits{}) {}
 
-device_handler_api::device_handler_api(std::string name, unsigned port, bool local_only, limits config,
-                                       bool handle_signals)
+device_handler_api::device_handler_api(std::string name, unsigned port, bool local_only,
+                                       limits config, bool handle_signals)
     : name_(std::move(name)),
       impl_(std::make_unique<impl>(db_, name_, port, local_only, config, handle_signals)) {}
 
@@ -129,7 +132,9 @@ unsigned short device_handler_api::tcp_port() const {
     return impl_->tcp_acceptor ? impl_->tcp_acceptor->local_endpoint().port() : 0;
 }
 
-std::size_t device_handler_api::connection_count() const { return impl_->context->connections.load(); }
+std::size_t device_handler_api::connection_count() const {
+    return impl_->context->connections.load();
+}
 
 void device_handler_api::start() {
     if (impl_->stopping) return;

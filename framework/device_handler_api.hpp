@@ -10,7 +10,7 @@
 // The framework server of one device handler: it owns the database and serves it over TCP and
 // over a Unix-domain socket named by the server name, one JSON-RPC 2.0 text per line.
 class device_handler_api {
-public:
+  public:
     struct limits {
         std::size_t max_line_bytes = 1024 * 1024;
         std::size_t max_output_bytes = 8 * 1024 * 1024;  // a client this far behind is dropped
@@ -37,7 +37,7 @@ public:
     // Safe from any thread; start() returns soon after.
     void stop();
 
-private:
+  private:
     struct impl;
     dh_db db_;
     std::string name_;

@@ -54,12 +54,12 @@ struct device_handler_client::impl {
                                      done = true;
                                  });
         } else {
-            socket.async_connect(
-                asio::generic::stream_protocol::endpoint(asio::local::stream_protocol::endpoint(socket_path)),
-                [&](boost::system::error_code e) {
-                    ec = e;
-                    done = true;
-                });
+            socket.async_connect(asio::generic::stream_protocol::endpoint(
+                                     asio::local::stream_protocol::endpoint(socket_path)),
+                                 [&](boost::system::error_code e) {
+                                     ec = e;
+                                     done = true;
+                                 });
         }
         if (!run_until(done, timeout) || ec) {
             boost::system::error_code ignored;
@@ -87,11 +87,12 @@ struct device_handler_client::impl {
             bool done = false;
             boost::system::error_code ec;
             std::size_t received = 0;
-            socket.async_read_some(asio::buffer(chunk), [&](boost::system::error_code e, std::size_t n) {
-                ec = e;
-                received = n;
-                done = true;
-            });
+            socket.async_read_some(asio::buffer(chunk),
+                                   [&](boost::system::error_code e, std::size_t n) {
+                                       ec = e;
+                                       received = n;
+                                       done = true;
+                                   });
             if (!run_until(done, timeout)) return false;
             if (ec) {
                 boost::system::error_code ignored;
@@ -105,10 +106,11 @@ struct device_handler_client::impl {
     bool write_all(const std::string& text, std::chrono::milliseconds timeout) {
         bool done = false;
         boost::system::error_code ec;
-        asio::async_write(socket, asio::buffer(text), [&](boost::system::error_code e, std::size_t) {
-            ec = e;
-            done = true;
-        });
+        asio::async_write(socket, asio::buffer(text),
+                          [&](boost::system::error_code e, std::size_t) {
+                              ec = e;
+                              done = true;
+                          });
         if (!run_until(done, timeout)) return false;
         if (ec) {
             boost::system::error_code ignored;
@@ -123,10 +125,12 @@ struct device_handler_client::impl {
         if (!doc.IsObject() || doc.HasMember("id")) return false;
         auto method = doc.FindMember("method");
         auto params = doc.FindMember("params");
-        if (method == doc.MemberEnd() || params == doc.MemberEnd() || !params->value.IsObject()) return false;
+        if (method == doc.MemberEnd() || params == doc.MemberEnd() || !params->value.IsObject())
+            return false;
         notification n;
         auto path = params->value.FindMember("path");
-        if (path != params->value.MemberEnd() && path->value.IsString()) n.path = path->value.GetString();
+        if (path != params->value.MemberEnd() && path->value.IsString())
+            n.path = path->value.GetString();
         auto value = params->value.FindMember("value");
         n.value = value != params->value.MemberEnd() ? dh::to_json_text(value->value) : "null";
         notifications.push_back(std::move(n));
@@ -134,14 +138,17 @@ struct device_handler_client::impl {
     }
 };
 
-device_handler_client::device_handler_client(std::string server_name, std::chrono::milliseconds timeout)
+device_handler_client::device_handler_client(std::string server_name,
+                                             std::chrono::milliseconds timeout)
     : target_(server_name), timeout_(timeout), impl_(std::make_unique<impl>()) {
     impl_->socket_path = std::move(server_name);
 }
 
 device_handler_client::device_handler_client(std::string host, unsigned short port,
                                              std::chrono::milliseconds timeout)
-    : target_(host + ":" + std::to_string(port)), timeout_(timeout), impl_(std::make_unique<impl>()) {
+    : target_(host + ":" + std::to_string(port)),
+      timeout_(timeout),
+      impl_(std::make_unique<impl>()) {
     impl_->tcp = true;
     impl_->host = std::move(host);
     impl_->port = port;
@@ -171,7 +178,8 @@ std::string device_handler_client::call_raw(const std::string& request_line) {
         throw dh_error(connection_refused, "Cannot connect to " + target_);
     std::string line = request_line;
     if (line.empty() || line.back() != '\n') line += '\n';
-    if (!impl_->write_all(line, timeout_)) throw dh_error(connection_refused, "Connection to " + target_ + " lost");
+    if (!impl_->write_all(line, timeout_))
+        throw dh_error(connection_refused, "Connection to " + target_ + " lost");
     while (true) {
         std::string response;
         if (!impl_->read_line(response, timeout_)) {
@@ -189,7 +197,8 @@ std::string device_handler_client::call_raw(const std::string& request_line) {
     }
 }
 
-rapidjson::Document device_handler_client::call(const std::string& method, const rapidjson::Value& params) {
+rapidjson::Document device_handler_client::call(const std::string& method,
+                                                const rapidjson::Value& params) {
     std::string request = R"({"jsonrpc":"2.0","id":)";
     {
         std::lock_guard lock(mutex_);
@@ -209,28 +218,33 @@ rapidjson::Document device_handler_client::call(const std::string& method, const
         int code = dh::errc::io_error;
         std::string message = "error";
         if (error->value.IsObject()) {
-            if (auto c = error->value.FindMember("code"); c != error->value.MemberEnd() && c->value.IsInt())
+            if (auto c = error->value.FindMember("code");
+                c != error->value.MemberEnd() && c->value.IsInt())
                 code = c->value.GetInt();
-            if (auto m = error->value.FindMember("message"); m != error->value.MemberEnd() && m->value.IsString())
+            if (auto m = error->value.FindMember("message");
+                m != error->value.MemberEnd() && m->value.IsString())
                 message = m->value.GetString();
         }
         throw dh_error(code, message);
     }
     rapidjson::Document result;
-    if (auto r = doc.FindMember("result"); r != doc.MemberEnd()) result.CopyFrom(r->value, result.GetAllocator());
+    if (auto r = doc.FindMember("result"); r != doc.MemberEnd())
+        result.CopyFrom(r->value, result.GetAllocator());
     return result;
 }
 
 namespace {
 rapidjson::Document params_with(const char* key, const std::string& text) {
     rapidjson::Document params(rapidjson::kObjectType);
-    params.AddMember(rapidjson::StringRef(key), rapidjson::Value(text.c_str(), params.GetAllocator()),
-                     params.GetAllocator());
+    params.AddMember(rapidjson::StringRef(key),
+                     rapidjson::Value(text.c_str(), params.GetAllocator()), params.GetAllocator());
     return params;
 }
 }  // namespace
 
-rapidjson::Document device_handler_client::get(const std::string& path) { return call("get", params_with("path", path)); }
+rapidjson::Document device_handler_client::get(const std::string& path) {
+    return call("get", params_with("path", path));
+}
 rapidjson::Document device_handler_client::info(const std::string& path) {
     return call("info", params_with("path", path));
 }
@@ -243,13 +257,15 @@ rapidjson::Document device_handler_client::subscribe(const std::string& path) {
 rapidjson::Document device_handler_client::unsubscribe(const std::string& path) {
     return call("unsubscribe", params_with("path", path));
 }
-rapidjson::Document device_handler_client::set(const std::string& path, const rapidjson::Value& value) {
+rapidjson::Document device_handler_client::set(const std::string& path,
+                                               const rapidjson::Value& value) {
     auto params = params_with("path", path);
     rapidjson::Value copy(value, params.GetAllocator());
     params.AddMember("value", copy, params.GetAllocator());
     return call("set", params);
 }
-rapidjson::Document device_handler_client::run(const std::string& path, const rapidjson::Value& argument) {
+rapidjson::Document device_handler_client::run(const std::string& path,
+                                               const rapidjson::Value& argument) {
     auto params = params_with("path", path);
     rapidjson::Value copy(argument, params.GetAllocator());
     params.AddMember("argument", copy, params.GetAllocator());
@@ -261,7 +277,8 @@ std::optional<device_handler_client::notification> device_handler_client::next_n
     std::lock_guard lock(mutex_);
     const auto deadline = std::chrono::steady_clock::now() + wait;
     while (impl_->notifications.empty()) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0 || !impl_->socket.is_open()) return std::nullopt;
         std::string line;
         if (!impl_->read_line(line, left)) {

@@ -15,15 +15,15 @@
 // daemon over TCP). It connects on first use and again after a failure, so a server that comes
 // up late is reached once it is there. Calls are serialised; each waits at most `timeout`.
 class device_handler_client {
-public:
+  public:
     struct notification {
         std::string path;
         std::string value;  // JSON text
     };
 
     // Reaches the server by its name: the Unix socket path it listens on.
-    explicit device_handler_client(std::string server_name,
-                                   std::chrono::milliseconds timeout = std::chrono::milliseconds(2000));
+    explicit device_handler_client(std::string server_name, std::chrono::milliseconds timeout =
+                                                                std::chrono::milliseconds(2000));
     // Reaches a server over TCP.
     device_handler_client(std::string host, unsigned short port,
                           std::chrono::milliseconds timeout = std::chrono::milliseconds(2000));
@@ -54,7 +54,7 @@ public:
     // The next "changed" notification, waiting at most `wait`.
     std::optional<notification> next_notification(std::chrono::milliseconds wait);
 
-private:
+  private:
     struct impl;
     std::string target_;
     std::chrono::milliseconds timeout_;
@@ -65,7 +65,7 @@ private:
 // One node of another handler, read through a shared client.
 template <class T>
 class device_handler_read_object {
-public:
+  public:
     device_handler_read_object(std::shared_ptr<device_handler_client> client, std::string path)
         : client_(std::move(client)), path_(std::move(path)) {}
 
@@ -80,7 +80,7 @@ public:
         }
     }
 
-private:
+  private:
     std::shared_ptr<device_handler_client> client_;
     std::string path_;
 };

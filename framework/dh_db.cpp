@@ -7,8 +7,10 @@
 
 namespace {
 std::string_view normalized(std::string_view path) {
-    while (!path.empty() && path.front() == '/') path.remove_prefix(1);
-    while (!path.empty() && path.back() == '/') path.remove_suffix(1);
+    while (!path.empty() && path.front() == '/')
+        path.remove_prefix(1);
+    while (!path.empty() && path.back() == '/')
+        path.remove_suffix(1);
     return path;
 }
 }  // namespace
@@ -49,7 +51,8 @@ void dh_db::add_node(const std::vector<std::string>& components,
                      const std::shared_ptr<dh_db_leaf_node>& node) {
     std::string path = join_path(components);
     std::unique_lock lock(registry_->mutex);
-    auto [it, inserted] = registry_->nodes.try_emplace(path, dh_db_registry::entry{node, node.get()});
+    auto [it, inserted] =
+        registry_->nodes.try_emplace(path, dh_db_registry::entry{node, node.get()});
     if (!inserted) {
         if (!it->second.node.expired())
             throw dh_error(dh::errc::exists, "Node already exists: " + path);

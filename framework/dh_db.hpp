@@ -26,7 +26,7 @@ struct dh_db_registry {
 
 // The path-addressed node store of one device handler.
 class dh_db {
-public:
+  public:
     struct listing_entry {
         std::string path;
         std::shared_ptr<dh_db_leaf_node> node;
@@ -42,7 +42,8 @@ public:
     static std::string join_path(const std::vector<std::string>& components);
 
     // Registers a node; a live node already at the path is an error (-17).
-    void add_node(const std::vector<std::string>& path, const std::shared_ptr<dh_db_leaf_node>& node);
+    void add_node(const std::vector<std::string>& path,
+                  const std::shared_ptr<dh_db_leaf_node>& node);
 
     std::shared_ptr<dh_db_leaf_node> find(std::string_view path) const;
     // As find, but an unknown path throws -2 "No such node: " + path.
@@ -54,6 +55,6 @@ public:
     // Records one value change of an event node with the current wall time.
     static void append_to_history(dh_db_event_node& node, const std::string& value_text);
 
-private:
+  private:
     std::shared_ptr<dh_db_registry> registry_;
 };

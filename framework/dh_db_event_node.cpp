@@ -70,8 +70,8 @@ bool dh_db_event_node::has_value() const {
 
 std::size_t dh_db_event_node::subscriber_count() const {
     std::lock_guard lock(event_mutex_);
-    return static_cast<std::size_t>(std::count_if(
-        subscribers_.begin(), subscribers_.end(), [](const auto& s) { return !s.expired(); }));
+    return static_cast<std::size_t>(std::count_if(subscribers_.begin(), subscribers_.end(),
+                                                  [](const auto& s) { return !s.expired(); }));
 }
 
 std::vector<dh_db_event_node::history_entry> dh_db_event_node::history() const {
@@ -119,7 +119,8 @@ void dh_db_event_node::send_event_impl(const std::shared_ptr<const std::string>&
             return false;
         });
     }
-    for (auto& session : targets) session->deliver(line);
+    for (auto& session : targets)
+        session->deliver(line);
 }
 
 bool dh_db_event_node::store_text(std::string value_text, bool force_event) {

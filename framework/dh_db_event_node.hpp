@@ -12,7 +12,7 @@
 // subscribed session when the value differs from the one kept. Reads answer from the kept
 // value, so they never wait on a handler.
 class dh_db_event_node : public dh_db_leaf_node {
-public:
+  public:
     struct history_entry {
         std::chrono::system_clock::time_point time;
         std::string value;  // JSON text
@@ -41,7 +41,7 @@ public:
     static std::shared_ptr<const std::string> create_value_changed_event(
         const std::string& path, const std::string& value_text);
 
-protected:
+  protected:
     // Keeps `value_text` and notifies subscribers when it differs from the kept value (or
     // always with `force_event`). Returns whether subscribers were notified.
     bool store_text(std::string value_text, bool force_event = false);
@@ -51,7 +51,7 @@ protected:
     virtual dh_error unset_error() const;
     void send_event_impl(const std::shared_ptr<const std::string>& line);
 
-private:
+  private:
     friend class dh_db;
     void append_history(std::chrono::system_clock::time_point time, const std::string& value);
 

@@ -18,7 +18,9 @@ dh::json_value dh_db_leaf_node::export_history_entry(dh::json_allocator&) const 
 void dh_db_leaf_node::get(const std::string&, dh::json_allocator&, dh::json_value&) {
     refuse("get");
 }
-void dh_db_leaf_node::set(const std::string&, const dh::json_value&) { refuse("set"); }
+void dh_db_leaf_node::set(const std::string&, const dh::json_value&) {
+    refuse("set");
+}
 void dh_db_leaf_node::run(const std::string&, const dh::json_value&, dh::json_allocator&,
                           dh::json_value&) {
     refuse("run");
@@ -29,7 +31,9 @@ void dh_db_leaf_node::subscribe(const std::shared_ptr<dh_session>&, const std::s
                                 dh::json_allocator&, dh::json_value&) {
     refuse("subscribe");
 }
-void dh_db_leaf_node::unsubscribe(const std::shared_ptr<dh_session>&) { refuse("unsubscribe"); }
+void dh_db_leaf_node::unsubscribe(const std::shared_ptr<dh_session>&) {
+    refuse("unsubscribe");
+}
 
 std::string dh_db_leaf_node::get_text(const std::string& path) {
     rapidjson::Document scratch;

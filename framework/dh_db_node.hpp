@@ -12,7 +12,7 @@ struct dh_db_registry;
 // A named place in the database. The database only refers to nodes; their owners keep them
 // alive, and a node takes its entry with it when the last owner lets go.
 class dh_db_node {
-public:
+  public:
     dh_db_node() = default;
     virtual ~dh_db_node();
     dh_db_node(const dh_db_node&) = delete;
@@ -20,7 +20,7 @@ public:
 
     const std::string& get_path() const { return path_; }
 
-private:
+  private:
     friend class dh_db;
     std::string path_;
     std::weak_ptr<dh_db_registry> registry_;
@@ -29,7 +29,7 @@ private:
 // The operations a client may ask of a node. The defaults refuse with -95 and a text naming
 // the node's kind and the operation, so each kind overrides only what it offers.
 class dh_db_leaf_node : public dh_db_node, public std::enable_shared_from_this<dh_db_leaf_node> {
-public:
+  public:
     virtual dh::json_value export_history_entry(dh::json_allocator& allocator) const;
     virtual void get(const std::string& path, dh::json_allocator& allocator, dh::json_value& out);
     virtual void set(const std::string& path, const dh::json_value& value);
@@ -57,7 +57,7 @@ public:
     // a stored value are answered on the server's network thread.
     virtual bool get_may_block() const { return true; }
 
-protected:
+  protected:
     // The framework's base info object: {"path", "description"}; kinds append their members.
     dh::json_value base_info(dh::json_allocator& allocator) const;
     [[noreturn]] void refuse(const char* operation) const;

@@ -8,7 +8,7 @@ namespace {
 // Writes like rapidjson's writer but turns NaN and infinities into null, so every line the
 // server sends is plain JSON.
 class finite_writer : public json_writer {
-public:
+  public:
     using json_writer::json_writer;
     bool Double(double d) {
         if (!std::isfinite(d)) return json_writer::Null();

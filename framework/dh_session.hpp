@@ -13,7 +13,7 @@ class dh_db_leaf_node;
 // nodes keep weak references to the sessions subscribed to them and hand each change over as
 // one ready protocol line.
 class dh_session : public std::enable_shared_from_this<dh_session> {
-public:
+  public:
     dh_session();
     virtual ~dh_session() = default;
     dh_session(const dh_session&) = delete;
@@ -30,7 +30,7 @@ public:
     void forget_subscription(const std::shared_ptr<dh_db_leaf_node>& node);
     void close();
 
-private:
+  private:
     std::uint64_t id_;
     std::atomic<bool> closed_{false};
     std::mutex mutex_;

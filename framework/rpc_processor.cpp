@@ -18,7 +18,7 @@ constexpr unsigned parse_flags = rapidjson::kParseValidateEncodingFlag |
 // Forwards SAX events to the document, refusing input nested deeper than the limit so that
 // nothing downstream recurses without bound.
 class depth_limiter {
-public:
+  public:
     explicit depth_limiter(rapidjson::Document& doc) : doc_(doc) {}
     bool exceeded() const { return exceeded_; }
 
@@ -29,7 +29,9 @@ public:
     bool Int64(int64_t i) { return doc_.Int64(i); }
     bool Uint64(uint64_t u) { return doc_.Uint64(u); }
     bool Double(double d) { return doc_.Double(d); }
-    bool RawNumber(const char* s, rapidjson::SizeType n, bool copy) { return doc_.RawNumber(s, n, copy); }
+    bool RawNumber(const char* s, rapidjson::SizeType n, bool copy) {
+        return doc_.RawNumber(s, n, copy);
+    }
     bool String(const char* s, rapidjson::SizeType n, bool copy) { return doc_.String(s, n, copy); }
     bool StartObject() { return enter() && doc_.StartObject(); }
     bool Key(const char* s, rapidjson::SizeType n, bool copy) { return doc_.Key(s, n, copy); }
@@ -43,7 +45,7 @@ public:
         return doc_.EndArray(n);
     }
 
-private:
+  private:
     bool enter() {
         if (++depth_ > max_nesting_depth) exceeded_ = true;
         return !exceeded_;
@@ -83,7 +85,8 @@ struct invalid_params_error {
     std::string message;
 };
 
-const dh::json_value* param(const dh::json_value* params, const char* name, rapidjson::SizeType position) {
+const dh::json_value* param(const dh::json_value* params, const char* name,
+                            rapidjson::SizeType position) {
     if (params == nullptr) return nullptr;
     if (params->IsObject()) {
         auto it = params->FindMember(name);
@@ -93,8 +96,8 @@ const dh::json_value* param(const dh::json_value* params, const char* name, rapi
     return nullptr;
 }
 
-std::string string_param(const dh::json_value* params, const char* name, rapidjson::SizeType position,
-                         bool required = true) {
+std::string string_param(const dh::json_value* params, const char* name,
+                         rapidjson::SizeType position, bool required = true) {
     const auto* value = param(params, name, position);
     if (value == nullptr) {
         if (!required) return {};
@@ -106,7 +109,8 @@ std::string string_param(const dh::json_value* params, const char* name, rapidjs
 }
 
 std::string iso_time(std::chrono::system_clock::time_point t) {
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
+    const auto ms =
+        std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
     const std::time_t seconds = static_cast<std::time_t>(ms / 1000);
     std::tm utc{};
     gmtime_r(&seconds, &utc);
@@ -121,21 +125,28 @@ enum class method_id { get, set, run, info, list, subscribe, unsubscribe, histor
 
 method_id find_method(std::string_view name) {
     static constexpr std::pair<std::string_view, method_id> methods[] = {
-        {"get", method_id::get},           {"set", method_id::set},
-        {"run", method_id::run},           {"info", method_id::info},
-        {"list", method_id::list},         {"subscribe", method_id::subscribe},
-        {"unsubscribe", method_id::unsubscribe}, {"history", method_id::history},
+        {"get", method_id::get},
+        {"set", method_id::set},
+        {"run", method_id::run},
+        {"info", method_id::info},
+        {"list", method_id::list},
+        {"subscribe", method_id::subscribe},
+        {"unsubscribe", method_id::unsubscribe},
+        {"history", method_id::history},
     };
     for (const auto& [text, id] : methods)
         if (text == name) return id;
     return method_id::unknown;
 }
 
-bool valid_id(const dh::json_value& id) { return id.IsString() || id.IsNumber() || id.IsNull(); }
+bool valid_id(const dh::json_value& id) {
+    return id.IsString() || id.IsNumber() || id.IsNull();
+}
 
 }  // namespace
 
-std::string request_processor::error_line(const dh::json_value* id, int code, std::string_view message) {
+std::string request_processor::error_line(const dh::json_value* id, int code,
+                                          std::string_view message) {
     std::string out;
     append_error(out, id, code, message);
     out += '\n';
@@ -156,14 +167,15 @@ bool request_processor::parse(std::string_view line, rapidjson::Document& reques
     };
     request.Populate(generator);
     if (too_deep) {
-        response = error_line(nullptr, parse_error,
-                              "Parse error: nesting deeper than " + std::to_string(max_nesting_depth) +
-                                  " levels");
+        response = error_line(
+            nullptr, parse_error,
+            "Parse error: nesting deeper than " + std::to_string(max_nesting_depth) + " levels");
         return false;
     }
     if (reader.HasParseError()) {
         response = error_line(nullptr, parse_error,
-                              std::string("Parse error: ") + rapidjson::GetParseError_En(reader.GetParseErrorCode()) +
+                              std::string("Parse error: ") +
+                                  rapidjson::GetParseError_En(reader.GetParseErrorCode()) +
                                   " (at byte " + std::to_string(reader.GetErrorOffset()) + ")");
         return false;
     }
@@ -200,13 +212,15 @@ bool request_processor::may_block(const rapidjson::Document& request) const {
     return request_may_block(request);
 }
 
-void request_processor::execute(const rapidjson::Document& request, const std::shared_ptr<dh_session>& session,
+void request_processor::execute(const rapidjson::Document& request,
+                                const std::shared_ptr<dh_session>& session,
                                 std::string& out) const {
     if (request.IsArray()) {
         if (request.Empty() || request.Size() > max_batch_size) {
             append_error(out, nullptr, invalid_request,
                          request.Empty() ? "Invalid Request: empty batch"
-                                         : "Invalid Request: batch larger than " + std::to_string(max_batch_size));
+                                         : "Invalid Request: batch larger than " +
+                                               std::to_string(max_batch_size));
             out += '\n';
             return;
         }
@@ -238,7 +252,8 @@ std::string request_processor::handle_line(std::string_view line,
     return response;
 }
 
-bool request_processor::execute_one(const dh::json_value& request, const std::shared_ptr<dh_session>& session,
+bool request_processor::execute_one(const dh::json_value& request,
+                                    const std::shared_ptr<dh_session>& session,
                                     std::string& out) const {
     if (!request.IsObject()) {
         append_error(out, nullptr, invalid_request, "Invalid Request: not an object");
@@ -247,7 +262,8 @@ bool request_processor::execute_one(const dh::json_value& request, const std::sh
     const dh::json_value* id = nullptr;
     if (auto it = request.FindMember("id"); it != request.MemberEnd()) {
         if (!valid_id(it->value)) {
-            append_error(out, nullptr, invalid_request, "Invalid Request: 'id' must be a string, number or null");
+            append_error(out, nullptr, invalid_request,
+                         "Invalid Request: 'id' must be a string, number or null");
             return true;
         }
         id = &it->value;
@@ -266,13 +282,15 @@ bool request_processor::execute_one(const dh::json_value& request, const std::sh
     const dh::json_value* params = nullptr;
     if (auto it = request.FindMember("params"); it != request.MemberEnd()) {
         if (!it->value.IsObject() && !it->value.IsArray()) {
-            append_error(out, id, invalid_request, "Invalid Request: 'params' must be an object or an array");
+            append_error(out, id, invalid_request,
+                         "Invalid Request: 'params' must be an object or an array");
             return true;
         }
         params = &it->value;
     }
     const bool notification = id == nullptr;
-    const std::string_view method_name(method_member->value.GetString(), method_member->value.GetStringLength());
+    const std::string_view method_name(method_member->value.GetString(),
+                                       method_member->value.GetStringLength());
 
     std::string result;
     try {
@@ -283,14 +301,16 @@ bool request_processor::execute_one(const dh::json_value& request, const std::sh
                 const auto path = string_param(params, "path", 0);
                 auto node = db_.lookup(path);
                 if (!node->readable())
-                    throw dh_error(dh::errc::not_supported, "Operation 'get' is not supported by " + node->kind());
+                    throw dh_error(dh::errc::not_supported,
+                                   "Operation 'get' is not supported by " + node->kind());
                 result = node->get_text(path);
                 break;
             }
             case method_id::set: {
                 const auto path = string_param(params, "path", 0);
                 const auto* value = param(params, "value", 1);
-                if (value == nullptr) throw invalid_params_error{"Invalid params: 'value' is required"};
+                if (value == nullptr)
+                    throw invalid_params_error{"Invalid params: 'value' is required"};
                 db_.lookup(path)->set(path, *value);
                 result = "true";
                 break;
@@ -300,7 +320,8 @@ bool request_processor::execute_one(const dh::json_value& request, const std::sh
                 const auto* argument = param(params, "argument", 1);
                 const dh::json_value null_argument;
                 dh::json_value response;
-                db_.lookup(path)->run(path, argument ? *argument : null_argument, allocator, response);
+                db_.lookup(path)->run(path, argument ? *argument : null_argument, allocator,
+                                      response);
                 result = dh::to_json_text(response);
                 break;
             }
@@ -360,7 +381,8 @@ bool request_processor::execute_one(const dh::json_value& request, const std::sh
                 for (const auto& entry : events->history()) {
                     if (!first) result += ',';
                     first = false;
-                    result += R"({"time":")" + iso_time(entry.time) + R"(","value":)" + entry.value + "}";
+                    result +=
+                        R"({"time":")" + iso_time(entry.time) + R"(","value":)" + entry.value + "}";
                 }
                 result += ']';
                 break;

@@ -23,7 +23,7 @@ inline constexpr std::size_t max_batch_size = 1000;
 // Turns request lines into response lines against one database. Transport-free, so the
 // protocol is tested without sockets; the server decides on which thread `execute` runs.
 class request_processor {
-public:
+  public:
     explicit request_processor(dh_db& db) : db_(db) {}
 
     // Parses one line (UTF-8 checked, nesting limited). On failure `response` gets the error line.
@@ -35,11 +35,12 @@ public:
                  std::string& out) const;
 
     // Convenience for tests and in-process callers: parse, execute, return the response line.
-    std::string handle_line(std::string_view line, const std::shared_ptr<dh_session>& session) const;
+    std::string handle_line(std::string_view line,
+                            const std::shared_ptr<dh_session>& session) const;
 
     static std::string error_line(const dh::json_value* id, int code, std::string_view message);
 
-private:
+  private:
     // Appends one response object (no newline); returns false for a notification (no response).
     bool execute_one(const dh::json_value& request, const std::shared_ptr<dh_session>& session,
                      std::string& out) const;

@@ -34,14 +34,14 @@ struct server_context {
 
 // The session of a connection: notifications from any thread are handed to the network thread.
 class connection_session final : public dh_session {
-public:
+  public:
     using deliver_fn = std::function<void(std::shared_ptr<const std::string>)>;
     explicit connection_session(deliver_fn fn) : deliver_(std::move(fn)) {}
     void deliver(std::shared_ptr<const std::string> line) override {
         if (is_open()) deliver_(std::move(line));
     }
 
-private:
+  private:
     deliver_fn deliver_;
 };
 
@@ -51,9 +51,11 @@ private:
 // its first notification.
 template <class Socket>
 class connection : public std::enable_shared_from_this<connection<Socket>> {
-public:
+  public:
     connection(Socket socket, std::shared_ptr<server_context> context)
-        : socket_(std::move(socket)), shared_context_(std::move(context)), context_(*shared_context_) {
+        : socket_(std::move(socket)),
+          shared_context_(std::move(context)),
+          context_(*shared_context_) {
         ++context_.connections;
     }
     ~connection() {
@@ -64,23 +66,25 @@ public:
     void start() {
         std::weak_ptr<connection> weak = this->shared_from_this();
         auto& io = context_.io;
-        session_ = std::make_shared<connection_session>([weak, &io](std::shared_ptr<const std::string> line) {
-            boost::asio::post(io, [weak, line = std::move(line)] {
-                if (auto self = weak.lock()) self->on_notification(line);
+        session_ = std::make_shared<connection_session>(
+            [weak, &io](std::shared_ptr<const std::string> line) {
+                boost::asio::post(io, [weak, line = std::move(line)] {
+                    if (auto self = weak.lock()) self->on_notification(line);
+                });
             });
-        });
         read();
     }
 
-private:
+  private:
     void read() {
         if (reading_ || closing_ || job_running_) return;
         reading_ = true;
-        socket_.async_read_some(boost::asio::buffer(chunk_),
-                                [self = this->shared_from_this()](boost::system::error_code ec, std::size_t n) {
-                                    self->reading_ = false;
-                                    self->on_read(ec, n);
-                                });
+        socket_.async_read_some(
+            boost::asio::buffer(chunk_),
+            [self = this->shared_from_this()](boost::system::error_code ec, std::size_t n) {
+                self->reading_ = false;
+                self->on_read(ec, n);
+            });
     }
 
     void on_read(boost::system::error_code ec, std::size_t n) {
@@ -108,7 +112,8 @@ private:
             send(rpc::request_processor::error_line(
                 nullptr, rpc::invalid_request,
                 "Request line longer than " + std::to_string(context_.max_line_bytes) + " bytes"));
-            MSG_LOG(msg_log::warning, context_.log_tag) << "Closing a client that sent an over-long line";
+            MSG_LOG(msg_log::warning, context_.log_tag)
+                << "Closing a client that sent an over-long line";
             close_after_write();
             return;
         }
@@ -141,7 +146,8 @@ private:
     void on_job_done(const std::string& result) {
         job_running_ = false;
         send(result);
-        for (auto& line : held_notifications_) output_ += *line;
+        for (auto& line : held_notifications_)
+            output_ += *line;
         held_notifications_.clear();
         check_output();
         process_lines();
@@ -177,20 +183,21 @@ private:
         writing_.swap(output_);
         output_.clear();
         write_in_flight_ = true;
-        boost::asio::async_write(socket_, boost::asio::buffer(writing_),
-                                 [self = this->shared_from_this()](boost::system::error_code ec, std::size_t) {
-                                     self->write_in_flight_ = false;
-                                     self->writing_.clear();
-                                     if (ec) {
-                                         self->close();
-                                         return;
-                                     }
-                                     if (!self->output_.empty()) {
-                                         self->flush();
-                                     } else if (self->close_when_written_) {
-                                         self->close();
-                                     }
-                                 });
+        boost::asio::async_write(
+            socket_, boost::asio::buffer(writing_),
+            [self = this->shared_from_this()](boost::system::error_code ec, std::size_t) {
+                self->write_in_flight_ = false;
+                self->writing_.clear();
+                if (ec) {
+                    self->close();
+                    return;
+                }
+                if (!self->output_.empty()) {
+                    self->flush();
+                } else if (self->close_when_written_) {
+                    self->close();
+                }
+            });
     }
 
     void close_after_write() {

@@ -29,7 +29,9 @@ std::size_t value_group::size() const {
     return nodes_.size();
 }
 
-std::uint64_t value_group::periods_run() const { return periods_.load(); }
+std::uint64_t value_group::periods_run() const {
+    return periods_.load();
+}
 
 void value_group::run(std::stop_token stop) {
     qsfpd::grid_schedule schedule(*clock_, period_, unit_, num_units_);

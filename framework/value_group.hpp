@@ -15,7 +15,7 @@ namespace dh::api {
 // instant is the next whole second plus unit * 100 / num_units ms. Nodes are held weakly and
 // visited in index order; the group's own thread stops when the group is destroyed.
 class value_group {
-public:
+  public:
     value_group(std::chrono::milliseconds period, unsigned unit, unsigned num_units,
                 std::shared_ptr<qsfpd::clock> clock = qsfpd::clock::system());
     ~value_group();
@@ -26,7 +26,7 @@ public:
     std::size_t size() const;
     std::uint64_t periods_run() const;
 
-private:
+  private:
     void run(std::stop_token stop);
 
     std::chrono::milliseconds period_;

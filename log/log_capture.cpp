@@ -8,17 +8,18 @@ namespace msg_log {
 
 class log_capture::backend
     : public boost::log::sinks::basic_sink_backend<boost::log::sinks::synchronized_feeding> {
-public:
+  public:
     explicit backend(std::shared_ptr<state> s) : state_(std::move(s)) {}
     void consume(const boost::log::record_view& rec) {
-        captured_record r{boost::log::extract_or_default<int>("Severity", rec, -1),
-                          boost::log::extract_or_default<std::string>("Channel", rec, std::string()),
-                          boost::log::extract_or_default<std::string>("Message", rec, std::string())};
+        captured_record r{
+            boost::log::extract_or_default<int>("Severity", rec, -1),
+            boost::log::extract_or_default<std::string>("Channel", rec, std::string()),
+            boost::log::extract_or_default<std::string>("Message", rec, std::string())};
         std::lock_guard lock(state_->mutex);
         state_->records.push_back(std::move(r));
     }
 
-private:
+  private:
     std::shared_ptr<state> state_;
 };
 
@@ -29,7 +30,9 @@ log_capture::log_capture() : state_(std::make_shared<state>()) {
     sink_ = sink;
 }
 
-log_capture::~log_capture() { boost::log::core::get()->remove_sink(sink_); }
+log_capture::~log_capture() {
+    boost::log::core::get()->remove_sink(sink_);
+}
 
 std::vector<captured_record> log_capture::records() const {
     std::lock_guard lock(state_->mutex);

@@ -15,7 +15,7 @@ struct captured_record {
 
 // Collects every record while it lives; tests use it to check what the daemon logged.
 class log_capture {
-public:
+  public:
     log_capture();
     ~log_capture();
     log_capture(const log_capture&) = delete;
@@ -27,7 +27,7 @@ public:
     std::size_t count(std::string_view prefix) const { return find(prefix).size(); }
     void clear();
 
-private:
+  private:
     struct state {
         mutable std::mutex mutex;
         std::vector<captured_record> records;

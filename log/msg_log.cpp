@@ -30,7 +30,8 @@ BOOST_LOG_ATTRIBUTE_KEYWORD(timestamp_kw, "TimeStamp", boost::posix_time::ptime)
 
 std::string getCodeTrace(const char* file, int line) {
     std::string_view path(file);
-    if (auto slash = path.rfind('/'); slash != std::string_view::npos) path.remove_prefix(slash + 1);
+    if (auto slash = path.rfind('/'); slash != std::string_view::npos)
+        path.remove_prefix(slash + 1);
     return " (" + std::string(path) + ":" + std::to_string(line) + ")";
 }
 
@@ -42,7 +43,8 @@ std::vector<boost::shared_ptr<logging::sinks::sink>> installed_sinks;
 void init(const init_options& options) {
     std::lock_guard lock(init_mutex);
     auto core = logging::core::get();
-    for (auto& sink : installed_sinks) core->remove_sink(sink);
+    for (auto& sink : installed_sinks)
+        core->remove_sink(sink);
     installed_sinks.clear();
     core->add_global_attribute("TimeStamp", logging::attributes::local_clock());
 
@@ -67,8 +69,9 @@ void init(const init_options& options) {
         std::error_code ec;
         if (std::filesystem::exists(socket_path, ec)) {
             auto backend = boost::make_shared<syslog_datagram_backend>(socket_path, options.ident);
-            auto sink = boost::make_shared<logging::sinks::synchronous_sink<syslog_datagram_backend>>(
-                backend);
+            auto sink =
+                boost::make_shared<logging::sinks::synchronous_sink<syslog_datagram_backend>>(
+                    backend);
             sink->set_filter(filter);
             core->add_sink(sink);
             installed_sinks.push_back(sink);

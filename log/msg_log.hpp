@@ -1,9 +1,9 @@
 #pragma once
 
 #include <boost/log/sources/global_logger_storage.hpp>
+#include <boost/log/sources/record_ostream.hpp>
 #include <boost/log/sources/severity_channel_logger.hpp>
 #include <boost/log/utility/formatting_ostream.hpp>
-#include <boost/log/sources/record_ostream.hpp>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -29,7 +29,7 @@ void init(const init_options& options = {});
 
 // One record: the text streamed into it, then the code trace, pushed when the full expression ends.
 class record_line {
-public:
+  public:
     record_line(int severity, const std::string& tag, const char* file, int line);
     ~record_line();
     record_line(const record_line&) = delete;
@@ -37,7 +37,7 @@ public:
 
     std::ostream& stream();
 
-private:
+  private:
     boost::log::record record_;
     std::optional<boost::log::record_ostream> stream_;
     const char* file_;
@@ -48,4 +48,5 @@ private:
 
 BOOST_LOG_GLOBAL_LOGGER(msg_log_slg, msg_log::logger_type)
 
-#define MSG_LOG(severity, tag) ::msg_log::record_line((severity), (tag), __FILE__, __LINE__).stream()
+#define MSG_LOG(severity, tag) \
+    ::msg_log::record_line((severity), (tag), __FILE__, __LINE__).stream()

@@ -34,7 +34,8 @@ std::string syslog_datagram_backend::format(int severity, const std::string& ide
 void syslog_datagram_backend::consume(const boost::log::record_view& rec) {
     if (fd_ < 0) return;
     const int severity = boost::log::extract_or_default<int>("Severity", rec, 6);
-    const std::string tag = boost::log::extract_or_default<std::string>("Channel", rec, std::string());
+    const std::string tag =
+        boost::log::extract_or_default<std::string>("Channel", rec, std::string());
     const std::string text =
         boost::log::extract_or_default<std::string>("Message", rec, std::string());
     const std::string datagram = format(severity, ident_, tag, text);

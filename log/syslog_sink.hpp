@@ -10,7 +10,7 @@ namespace msg_log {
 // than blocking the daemon.
 class syslog_datagram_backend
     : public boost::log::sinks::basic_sink_backend<boost::log::sinks::synchronized_feeding> {
-public:
+  public:
     syslog_datagram_backend(std::string socket_path, std::string ident);
     ~syslog_datagram_backend();
     syslog_datagram_backend(const syslog_datagram_backend&) = delete;
@@ -22,7 +22,7 @@ public:
     static std::string format(int severity, const std::string& ident, const std::string& tag,
                               const std::string& text);
 
-private:
+  private:
     std::string socket_path_;
     std::string ident_;
     int fd_ = -1;

@@ -11,12 +11,14 @@ namespace qsfpd {
 namespace {
 // A TCP port beyond 65535 would otherwise be cut silently to 16 bits.
 void check_port(std::uint32_t port) {
-    if (port > 65535) throw po::validation_error(po::validation_error::invalid_option_value, "port");
+    if (port > 65535)
+        throw po::validation_error(po::validation_error::invalid_option_value, "port");
 }
 }  // namespace
 
 po::options_description make_options_description() {
-    po::options_description description("Available options", po::options_description::m_default_line_length,
+    po::options_description description("Available options",
+                                        po::options_description::m_default_line_length,
                                         po::options_description::m_default_line_length / 2);
     // clang-format off
     description.add_options()
@@ -33,7 +35,8 @@ po::options_description make_options_description() {
     return description;
 }
 
-std::optional<daemon_options> parse_command_line(int argc, const char* const argv[], std::ostream& out) {
+std::optional<daemon_options> parse_command_line(int argc, const char* const argv[],
+                                                 std::ostream& out) {
     const auto description = make_options_description();
     po::variables_map vm;
     try {

@@ -23,6 +23,7 @@ boost::program_options::options_description make_options_description();
 
 // Parses the command line. On a parse error or "help", prints the description (and "\n") to
 // `out` and returns nothing: the process then exits with status 1.
-std::optional<daemon_options> parse_command_line(int argc, const char* const argv[], std::ostream& out);
+std::optional<daemon_options> parse_command_line(int argc, const char* const argv[],
+                                                 std::ostream& out);
 
 }  // namespace qsfpd

@@ -6,7 +6,8 @@
 
 namespace {
 
-std::optional<qsfpd::daemon_options> parse(std::vector<const char*> args, std::string* printed = nullptr) {
+std::optional<qsfpd::daemon_options> parse(std::vector<const char*> args,
+                                           std::string* printed = nullptr) {
     args.insert(args.begin(), "qsfpd");
     std::ostringstream out;
     auto result = qsfpd::parse_command_line(static_cast<int>(args.size()), args.data(), out);
@@ -35,7 +36,9 @@ TEST(QsfpdOptions, UnitIsAppendedWithoutSeparator) {
         {{"--unit", "3", "-n", "8"}, "/dev/qsfp3", "/tmp/device_handlers/qsfp/3"},
         {{"-u", "99"}, "/dev/qsfp", "/tmp/device_handlers/qsfp"},
         {{"-d", "/dev/x", "-u", "2"}, "/dev/x2", "/tmp/device_handlers/qsfp/2"},
-        {{"--device_path=/tmp/qsfp-emu/qsfp", "--unit=7"}, "/tmp/qsfp-emu/qsfp7", "/tmp/device_handlers/qsfp/7"},
+        {{"--device_path=/tmp/qsfp-emu/qsfp", "--unit=7"},
+         "/tmp/qsfp-emu/qsfp7",
+         "/tmp/device_handlers/qsfp/7"},
     };
     for (const auto& r : rows) {
         auto o = parse(r.args);
@@ -50,12 +53,18 @@ TEST(QsfpdOptions, HelpAndBadInputPrintTheDescription) {
     std::string printed;
     EXPECT_FALSE(parse({"--help", "-u", "3"}, &printed));
     EXPECT_EQ(printed.rfind("Available options:\n", 0), 0u);
-    EXPECT_NE(printed.find("  --help                                Print help message\n"), std::string::npos);
-    EXPECT_NE(printed.find("-d [ --device_path ] arg (=/dev/qsfp) path to qsfp device file"), std::string::npos);
+    EXPECT_NE(printed.find("  --help                                Print help message\n"),
+              std::string::npos);
+    EXPECT_NE(printed.find("-d [ --device_path ] arg (=/dev/qsfp) path to qsfp device file"),
+              std::string::npos);
     EXPECT_EQ(printed.back(), '\n');
     const std::string help = printed;
-    for (std::vector<const char*> bad : {std::vector<const char*>{"--bogus"}, {"-u", "three"}, {"-p", "-1"},
-                                         {"-u"}, {"extra"}, {"-p", "70000"}}) {
+    for (std::vector<const char*> bad : {std::vector<const char*>{"--bogus"},
+                                         {"-u", "three"},
+                                         {"-p", "-1"},
+                                         {"-u"},
+                                         {"extra"},
+                                         {"-p", "70000"}}) {
         EXPECT_FALSE(parse(bad, &printed));
         EXPECT_EQ(printed, help);
     }

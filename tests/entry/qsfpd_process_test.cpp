@@ -17,9 +17,10 @@ namespace {
 
 // Runs the real daemon binary with its fixed paths under a private root.
 class QsfpdProcess : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
-        root = std::filesystem::temp_directory_path() / ("qsfpd-process-" + std::to_string(::getpid()));
+        root = std::filesystem::temp_directory_path() /
+               ("qsfpd-process-" + std::to_string(::getpid()));
         std::filesystem::create_directories(root);
         log_path = root / "stderr.log";
     }
@@ -34,18 +35,22 @@ protected:
     void spawn(std::vector<std::string> args) {
         args.insert(args.begin(), QSFPD_BINARY);
         std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
+        for (auto& a : args)
+            argv.push_back(a.data());
         argv.push_back(nullptr);
         std::vector<std::string> env_strings{"QSFPD_ROOT=" + root.string()};
         for (char** e = environ; *e; ++e)
             if (std::string_view(*e).rfind("QSFPD_ROOT=", 0) != 0) env_strings.emplace_back(*e);
         std::vector<char*> envp;
-        for (auto& e : env_strings) envp.push_back(e.data());
+        for (auto& e : env_strings)
+            envp.push_back(e.data());
         envp.push_back(nullptr);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, (root / "stdout.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_addopen(&actions, 2, log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_addopen(&actions, 1, (root / "stdout.log").c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_addopen(&actions, 2, log_path.c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
         ASSERT_EQ(posix_spawn(&pid, QSFPD_BINARY, &actions, nullptr, argv.data(), envp.data()), 0);
         posix_spawn_file_actions_destroy(&actions);
     }
@@ -87,7 +92,8 @@ TEST_F(QsfpdProcess, ServesUnderItsServerNameAndExitsZeroOnSigterm) {
     ASSERT_EQ(::kill(pid, SIGTERM), 0);
     EXPECT_EQ(wait_exit(), 0);
     const auto log = read_file(log_path);
-    EXPECT_NE(log.find("<6> [/dev/qsfp3/init] Device handler initialized for /dev/qsfp3. Listening on port 0. (main.cpp:"),
+    EXPECT_NE(log.find("<6> [/dev/qsfp3/init] Device handler initialized for /dev/qsfp3. Listening "
+                       "on port 0. (main.cpp:"),
               std::string::npos)
         << log;
 }

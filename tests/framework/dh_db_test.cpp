@@ -11,7 +11,8 @@ using dh::api::status_value;
 TEST(DhDb, SplitPathRefusesEmptyComponents) {
     EXPECT_EQ(dh_db::split_path("data/lane/0/txEnable"),
               (std::vector<std::string>{"data", "lane", "0", "txEnable"}));
-    EXPECT_EQ(dh_db::split_path("/inventory/vendor"), (std::vector<std::string>{"inventory", "vendor"}));
+    EXPECT_EQ(dh_db::split_path("/inventory/vendor"),
+              (std::vector<std::string>{"inventory", "vendor"}));
     for (const char* bad : {"", "/", "data//x", "data/"}) {
         try {
             dh_db::split_path(bad);
@@ -66,15 +67,17 @@ TEST(DhDb, ListingMatchesWholeComponentsAndIsSorted) {
     dh_db db;
     auto owner = std::make_shared<test_owner>();
     std::vector<std::shared_ptr<dh_db_leaf_node>> keep;
-    for (const char* path : {"data/temperature", "data/lane/1/rxPower", "data/lane/0/rxPower", "database/x",
-                             "data-x/y", "config/adminStatus", "data"})
+    for (const char* path : {"data/temperature", "data/lane/1/rxPower", "data/lane/0/rxPower",
+                             "database/x", "data-x/y", "config/adminStatus", "data"})
         keep.push_back(status_value<int>::create(db, path, owner, 0));
     std::vector<std::string> paths;
-    for (const auto& e : db.list("data")) paths.push_back(e.path);
+    for (const auto& e : db.list("data"))
+        paths.push_back(e.path);
     EXPECT_EQ(paths, (std::vector<std::string>{"data", "data/lane/0/rxPower", "data/lane/1/rxPower",
                                                "data/temperature"}));
     paths.clear();
-    for (const auto& e : db.list("data/lane/")) paths.push_back(e.path);
+    for (const auto& e : db.list("data/lane/"))
+        paths.push_back(e.path);
     EXPECT_EQ(paths, (std::vector<std::string>{"data/lane/0/rxPower", "data/lane/1/rxPower"}));
     EXPECT_EQ(db.list().size(), 7u);
     EXPECT_EQ(db.list().front().path, "config/adminStatus");

@@ -9,14 +9,16 @@ using namespace qsfpd::test;
 using namespace dh::api;
 
 class RpcProcessor : public ::testing::Test {
-protected:
+  protected:
     RpcProcessor() {
         nodes.push_back(status_value<int>::create(db, "alarms/los/severity", owner, 0));
-        nodes.push_back(volatile_value<&test_owner::get_temperature>::create(db, "data/temperature", owner));
+        nodes.push_back(
+            volatile_value<&test_owner::get_temperature>::create(db, "data/temperature", owner));
         nodes.push_back(config_param<&test_owner::set_admin>::create(
             db, "config/adminStatus", owner, std::vector<std::string>{"up", "down"}));
         nodes.push_back(command<&test_owner::restart>::create(db, "command/restart", owner));
-        nodes.push_back(volatile_value<&test_owner::get_runtime_failure>::create(db, "data/broken", owner));
+        nodes.push_back(
+            volatile_value<&test_owner::get_runtime_failure>::create(db, "data/broken", owner));
     }
     std::string call(std::string_view line) { return processor.handle_line(line, session); }
 
@@ -28,32 +30,52 @@ protected:
 };
 
 TEST_F(RpcProcessor, EveryMethod) {
-    EXPECT_EQ(call(R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/temperature"}})"),
-              R"({"jsonrpc":"2.0","id":1,"result":21.5})" "\n");
-    EXPECT_EQ(call(R"({"jsonrpc":"2.0","id":"a","method":"set","params":{"path":"config/adminStatus","value":"up"}})"),
-              R"({"jsonrpc":"2.0","id":"a","result":true})" "\n");
+    EXPECT_EQ(
+        call(R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/temperature"}})"),
+        R"({"jsonrpc":"2.0","id":1,"result":21.5})"
+        "\n");
+    EXPECT_EQ(
+        call(
+            R"({"jsonrpc":"2.0","id":"a","method":"set","params":{"path":"config/adminStatus","value":"up"}})"),
+        R"({"jsonrpc":"2.0","id":"a","result":true})"
+        "\n");
     EXPECT_EQ(owner->admin, "up");
     EXPECT_EQ(call(R"({"jsonrpc":"2.0","id":2,"method":"get","params":["config/adminStatus"]})"),
-              R"({"jsonrpc":"2.0","id":2,"result":"up"})" "\n");
-    EXPECT_EQ(call(R"({"jsonrpc":"2.0","id":3,"method":"run","params":{"path":"command/restart","argument":false}})"),
-              R"({"jsonrpc":"2.0","id":3,"result":"restarted soft"})" "\n");
+              R"({"jsonrpc":"2.0","id":2,"result":"up"})"
+              "\n");
+    EXPECT_EQ(
+        call(
+            R"({"jsonrpc":"2.0","id":3,"method":"run","params":{"path":"command/restart","argument":false}})"),
+        R"({"jsonrpc":"2.0","id":3,"result":"restarted soft"})"
+        "\n");
     EXPECT_EQ(call(R"({"jsonrpc":"2.0","id":4,"method":"list","params":{"prefix":"data"}})"),
               R"({"jsonrpc":"2.0","id":4,"result":[{"path":"data/broken","type":"volatile value"},)"
-              R"({"path":"data/temperature","type":"volatile value"}]})" "\n");
-    EXPECT_EQ(call(R"({"jsonrpc":"2.0","id":5,"method":"list"})").find(R"({"path":"alarms/los/severity","type":"status value"})"),
+              R"({"path":"data/temperature","type":"volatile value"}]})"
+              "\n");
+    EXPECT_EQ(call(R"({"jsonrpc":"2.0","id":5,"method":"list"})")
+                  .find(R"({"path":"alarms/los/severity","type":"status value"})"),
               std::string(R"({"jsonrpc":"2.0","id":5,"result":[)").size());
-    EXPECT_EQ(call(R"({"jsonrpc":"2.0","id":6,"method":"info","params":{"path":"command/restart"}})"),
-              R"~({"jsonrpc":"2.0","id":6,"result":{"path":"command/restart","description":"command value returning response (write)",)~"
-              R"("type":"command","valueType":"bool","returnType":"unknown","capabilities":{"write":true}}})" "\n");
-    EXPECT_EQ(call(R"({"jsonrpc":"2.0","id":7,"method":"subscribe","params":{"path":"alarms/los/severity"}})"),
-              R"({"jsonrpc":"2.0","id":7,"result":0})" "\n");
+    EXPECT_EQ(
+        call(R"({"jsonrpc":"2.0","id":6,"method":"info","params":{"path":"command/restart"}})"),
+        R"~({"jsonrpc":"2.0","id":6,"result":{"path":"command/restart","description":"command value returning response (write)",)~"
+        R"("type":"command","valueType":"bool","returnType":"unknown","capabilities":{"write":true}}})"
+        "\n");
+    EXPECT_EQ(
+        call(
+            R"({"jsonrpc":"2.0","id":7,"method":"subscribe","params":{"path":"alarms/los/severity"}})"),
+        R"({"jsonrpc":"2.0","id":7,"result":0})"
+        "\n");
     std::static_pointer_cast<status_value<int>>(nodes[0])->update(1);
     EXPECT_EQ(session->lines().size(), 1u);
-    EXPECT_EQ(call(R"({"jsonrpc":"2.0","id":8,"method":"unsubscribe","params":{"path":"alarms/los/severity"}})"),
-              R"({"jsonrpc":"2.0","id":8,"result":true})" "\n");
+    EXPECT_EQ(
+        call(
+            R"({"jsonrpc":"2.0","id":8,"method":"unsubscribe","params":{"path":"alarms/los/severity"}})"),
+        R"({"jsonrpc":"2.0","id":8,"result":true})"
+        "\n");
     std::static_pointer_cast<status_value<int>>(nodes[0])->update(0);
     EXPECT_EQ(session->lines().size(), 1u);
-    const auto history = call(R"({"jsonrpc":"2.0","id":9,"method":"history","params":{"path":"alarms/los/severity"}})");
+    const auto history = call(
+        R"({"jsonrpc":"2.0","id":9,"method":"history","params":{"path":"alarms/los/severity"}})");
     EXPECT_NE(history.find(R"("value":0},{"time":")"), std::string::npos) << history;
     EXPECT_NE(history.find(R"("value":1},{"time":")"), std::string::npos) << history;
 }
@@ -92,48 +114,64 @@ TEST_F(RpcProcessor, ErrorClasses) {
          R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Invalid Request: 'id' must be a string, number or null"}})"},
         {R"({"jsonrpc":"2.0","id":1,"method":"get","params":"x"})",
          R"({"jsonrpc":"2.0","id":1,"error":{"code":-32600,"message":"Invalid Request: 'params' must be an object or an array"}})"},
-        {R"("hello")", R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Invalid Request: not an object"}})"},
-        {R"([])", R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Invalid Request: empty batch"}})"},
+        {R"("hello")",
+         R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Invalid Request: not an object"}})"},
+        {R"([])",
+         R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Invalid Request: empty batch"}})"},
         {R"({"jsonrpc":"2.0",)",
          R"~({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"Parse error: Missing a name for object member. (at byte 17)"}})~"},
     };
-    for (const auto& r : rows) EXPECT_EQ(call(r.request), std::string(r.response) + "\n") << r.request;
+    for (const auto& r : rows)
+        EXPECT_EQ(call(r.request), std::string(r.response) + "\n") << r.request;
 }
 
 TEST_F(RpcProcessor, RefusedWriteKeepsTheStoredValue) {
-    call(R"({"jsonrpc":"2.0","id":1,"method":"set","params":{"path":"config/adminStatus","value":"down"}})");
-    call(R"({"jsonrpc":"2.0","id":1,"method":"set","params":{"path":"config/adminStatus","value":"sideways"}})");
-    EXPECT_EQ(call(R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"config/adminStatus"}})"),
-              R"({"jsonrpc":"2.0","id":1,"result":"down"})" "\n");
+    call(
+        R"({"jsonrpc":"2.0","id":1,"method":"set","params":{"path":"config/adminStatus","value":"down"}})");
+    call(
+        R"({"jsonrpc":"2.0","id":1,"method":"set","params":{"path":"config/adminStatus","value":"sideways"}})");
+    EXPECT_EQ(
+        call(R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"config/adminStatus"}})"),
+        R"({"jsonrpc":"2.0","id":1,"result":"down"})"
+        "\n");
 }
 
 TEST_F(RpcProcessor, BatchesAndNotifications) {
     // Notifications (no id) are executed but not answered, errors included.
-    EXPECT_EQ(call(R"({"jsonrpc":"2.0","method":"set","params":{"path":"config/adminStatus","value":"up"}})"), "");
+    EXPECT_EQ(
+        call(
+            R"({"jsonrpc":"2.0","method":"set","params":{"path":"config/adminStatus","value":"up"}})"),
+        "");
     EXPECT_EQ(owner->admin, "up");
     EXPECT_EQ(call(R"({"jsonrpc":"2.0","method":"get","params":{"path":"no/such"}})"), "");
     EXPECT_EQ(call(R"([{"jsonrpc":"2.0","method":"get","params":{"path":"x"}}])"), "");
-    EXPECT_EQ(call(R"([{"jsonrpc":"2.0","id":1,"method":"get","params":["alarms/los/severity"]},)"
-                   R"({"jsonrpc":"2.0","method":"get","params":["x"]},)"
-                   R"(7,)"
-                   R"({"jsonrpc":"2.0","id":2,"method":"get","params":["no/such"]}])"),
-              R"([{"jsonrpc":"2.0","id":1,"result":0},)"
-              R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Invalid Request: not an object"}},)"
-              R"({"jsonrpc":"2.0","id":2,"error":{"code":-2,"message":"No such node: no/such"}}])" "\n");
+    EXPECT_EQ(
+        call(R"([{"jsonrpc":"2.0","id":1,"method":"get","params":["alarms/los/severity"]},)"
+             R"({"jsonrpc":"2.0","method":"get","params":["x"]},)"
+             R"(7,)"
+             R"({"jsonrpc":"2.0","id":2,"method":"get","params":["no/such"]}])"),
+        R"([{"jsonrpc":"2.0","id":1,"result":0},)"
+        R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Invalid Request: not an object"}},)"
+        R"({"jsonrpc":"2.0","id":2,"error":{"code":-2,"message":"No such node: no/such"}}])"
+        "\n");
 }
 
 TEST_F(RpcProcessor, HostileInput) {
     std::string deep(100, '[');
     deep += std::string(100, ']');
-    EXPECT_EQ(call(deep),
-              R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"Parse error: nesting deeper than 64 levels"}})" "\n");
+    EXPECT_EQ(
+        call(deep),
+        R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"Parse error: nesting deeper than 64 levels"}})"
+        "\n");
     std::string nested_ok(60, '[');
     nested_ok += std::string(60, ']');
     EXPECT_NE(call(nested_ok).find("-32600"), std::string::npos);  // parses, then is no request
 
-    const std::string bad_utf8 = "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"get\",\"params\":{\"path\":\"\xC3\x28\"}}";
-    EXPECT_NE(call(bad_utf8).find(R"("code":-32700,"message":"Parse error: Invalid encoding in string.)"),
-              std::string::npos);
+    const std::string bad_utf8 =
+        "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"get\",\"params\":{\"path\":\"\xC3\x28\"}}";
+    EXPECT_NE(
+        call(bad_utf8).find(R"("code":-32700,"message":"Parse error: Invalid encoding in string.)"),
+        std::string::npos);
     // A very deep document far beyond any stack is refused without recursion.
     std::string huge(1 << 20, '[');
     EXPECT_NE(call(huge).find("nesting deeper"), std::string::npos);
@@ -146,12 +184,17 @@ TEST_F(RpcProcessor, OnlyWaitingRequestsLeaveTheNetworkThread) {
         EXPECT_TRUE(processor.parse(line, doc, error));
         return processor.may_block(doc);
     };
-    EXPECT_FALSE(blocks(R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"alarms/los/severity"}})"));
-    EXPECT_TRUE(blocks(R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/temperature"}})"));
-    EXPECT_TRUE(blocks(R"({"jsonrpc":"2.0","id":1,"method":"set","params":{"path":"config/adminStatus","value":"up"}})"));
-    EXPECT_TRUE(blocks(R"({"jsonrpc":"2.0","id":1,"method":"run","params":{"path":"command/restart"}})"));
+    EXPECT_FALSE(blocks(
+        R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"alarms/los/severity"}})"));
+    EXPECT_TRUE(
+        blocks(R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/temperature"}})"));
+    EXPECT_TRUE(blocks(
+        R"({"jsonrpc":"2.0","id":1,"method":"set","params":{"path":"config/adminStatus","value":"up"}})"));
+    EXPECT_TRUE(
+        blocks(R"({"jsonrpc":"2.0","id":1,"method":"run","params":{"path":"command/restart"}})"));
     EXPECT_FALSE(blocks(R"({"jsonrpc":"2.0","id":1,"method":"list"})"));
-    EXPECT_TRUE(blocks(R"([{"jsonrpc":"2.0","id":1,"method":"list"},{"jsonrpc":"2.0","id":2,"method":"run","params":["command/restart"]}])"));
+    EXPECT_TRUE(blocks(
+        R"([{"jsonrpc":"2.0","id":1,"method":"list"},{"jsonrpc":"2.0","id":2,"method":"run","params":["command/restart"]}])"));
 }
 
 }  // namespace

@@ -33,7 +33,7 @@ using namespace qsfpd::test;
 using namespace dh::api;
 
 class Server : public ::testing::Test {
-protected:
+  protected:
     void start(device_handler_api::limits limits = {}) {
         dir = std::filesystem::temp_directory_path() /
               ("qsfpd-server-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
@@ -41,9 +41,10 @@ protected:
         server = std::make_unique<device_handler_api>(socket_path, 0, false, limits, false);
         auto& db = server->get_db();
         severity = status_value<int>::create(db, "alarms/los/severity", owner, 0);
-        nodes.push_back(volatile_value<&test_owner::get_temperature>::create(db, "data/temperature", owner));
-        nodes.push_back(config_param<&test_owner::set_admin>::create(db, "config/adminStatus", owner,
-                                                                     std::vector<std::string>{"up", "down"}));
+        nodes.push_back(
+            volatile_value<&test_owner::get_temperature>::create(db, "data/temperature", owner));
+        nodes.push_back(config_param<&test_owner::set_admin>::create(
+            db, "config/adminStatus", owner, std::vector<std::string>{"up", "down"}));
         nodes.push_back(command<&slow_owner::tune>::create(db, "command/tune", slow));
         thread = std::thread([this] { server->start(); });
     }
@@ -91,7 +92,8 @@ TEST_F(Server, TcpAndUnixSocketSpeakTheSameProtocol) {
     tcp.send(get_request("alarms/los/severity", 2) + "\n" + get_request("no/such", 3) + "\r\n" +
              get_request("data/temperature", 4) + "\n");
     EXPECT_EQ(tcp.read_line(), R"({"jsonrpc":"2.0","id":2,"result":0})");
-    EXPECT_EQ(tcp.read_line(), R"({"jsonrpc":"2.0","id":3,"error":{"code":-2,"message":"No such node: no/such"}})");
+    EXPECT_EQ(tcp.read_line(),
+              R"({"jsonrpc":"2.0","id":3,"error":{"code":-2,"message":"No such node: no/such"}})");
     EXPECT_EQ(tcp.read_line(), R"({"jsonrpc":"2.0","id":4,"result":21.5})");
 }
 
@@ -100,17 +102,23 @@ TEST_F(Server, SubscribersReceiveChangesUntilTheyUnsubscribe) {
     auto a = line_socket::tcp(server->tcp_port());
     auto b = line_socket::unix_socket(socket_path);
     for (auto* s : {&a, &b})
-        EXPECT_EQ(s->request(R"({"jsonrpc":"2.0","id":1,"method":"subscribe","params":{"path":"alarms/los/severity"}})"),
-                  R"({"jsonrpc":"2.0","id":1,"result":0})");
+        EXPECT_EQ(
+            s->request(
+                R"({"jsonrpc":"2.0","id":1,"method":"subscribe","params":{"path":"alarms/los/severity"}})"),
+            R"({"jsonrpc":"2.0","id":1,"result":0})");
     severity->update(1);
-    const std::string changed = R"({"jsonrpc":"2.0","method":"changed","params":{"path":"alarms/los/severity","value":1}})";
+    const std::string changed =
+        R"({"jsonrpc":"2.0","method":"changed","params":{"path":"alarms/los/severity","value":1}})";
     EXPECT_EQ(a.read_line(), changed);
     EXPECT_EQ(b.read_line(), changed);
-    EXPECT_EQ(b.request(R"({"jsonrpc":"2.0","id":2,"method":"unsubscribe","params":{"path":"alarms/los/severity"}})"),
-              R"({"jsonrpc":"2.0","id":2,"result":true})");
+    EXPECT_EQ(
+        b.request(
+            R"({"jsonrpc":"2.0","id":2,"method":"unsubscribe","params":{"path":"alarms/los/severity"}})"),
+        R"({"jsonrpc":"2.0","id":2,"result":true})");
     severity->update(0);
     EXPECT_NE(a.read_line()->find(R"("value":0)"), std::string::npos);
-    EXPECT_EQ(b.request(get_request("alarms/los/severity", 3)), R"({"jsonrpc":"2.0","id":3,"result":0})");
+    EXPECT_EQ(b.request(get_request("alarms/los/severity", 3)),
+              R"({"jsonrpc":"2.0","id":3,"result":0})");
     // A closed client leaves no subscription behind.
     { auto gone = std::move(a); }
     ASSERT_TRUE(connections_become(1));
@@ -121,12 +129,17 @@ TEST_F(Server, AWaitingCommandHoldsUpOnlyItsOwnConnection) {
     start();
     auto tuner = line_socket::tcp(server->tcp_port());
     auto other = line_socket::tcp(server->tcp_port());
-    tuner.send(R"({"jsonrpc":"2.0","id":1,"method":"run","params":{"path":"command/tune","argument":193.1}})" "\n" +
-               get_request("alarms/los/severity", 2) + "\n");
+    tuner.send(
+        R"({"jsonrpc":"2.0","id":1,"method":"run","params":{"path":"command/tune","argument":193.1}})"
+        "\n" +
+        get_request("alarms/los/severity", 2) + "\n");
     slow->entered.get_future().wait();
-    EXPECT_EQ(other.request(get_request("data/temperature")), R"({"jsonrpc":"2.0","id":1,"result":21.5})");
-    EXPECT_EQ(other.request(R"({"jsonrpc":"2.0","id":5,"method":"set","params":{"path":"config/adminStatus","value":"down"}})"),
-              R"({"jsonrpc":"2.0","id":5,"result":true})");
+    EXPECT_EQ(other.request(get_request("data/temperature")),
+              R"({"jsonrpc":"2.0","id":1,"result":21.5})");
+    EXPECT_EQ(
+        other.request(
+            R"({"jsonrpc":"2.0","id":5,"method":"set","params":{"path":"config/adminStatus","value":"down"}})"),
+        R"({"jsonrpc":"2.0","id":5,"result":true})");
     slow->release.set_value();
     EXPECT_EQ(tuner.read_line(), R"({"jsonrpc":"2.0","id":1,"result":"tuned"})");
     EXPECT_EQ(tuner.read_line(), R"({"jsonrpc":"2.0","id":2,"result":0})");
@@ -137,10 +150,12 @@ TEST_F(Server, OverlongLineGetsAnErrorAndItsConnectionCloses) {
     auto abuser = line_socket::tcp(server->tcp_port());
     auto bystander = line_socket::tcp(server->tcp_port());
     abuser.send(std::string(1024 * 1024 + 10, 'x'));
-    EXPECT_EQ(abuser.read_line(),
-              R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Request line longer than 1048576 bytes"}})");
+    EXPECT_EQ(
+        abuser.read_line(),
+        R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Request line longer than 1048576 bytes"}})");
     EXPECT_TRUE(abuser.closed_by_peer());
-    EXPECT_EQ(bystander.request(get_request("data/temperature")), R"({"jsonrpc":"2.0","id":1,"result":21.5})");
+    EXPECT_EQ(bystander.request(get_request("data/temperature")),
+              R"({"jsonrpc":"2.0","id":1,"result":21.5})");
 }
 
 TEST_F(Server, HalfALineDoesNotStallOthers) {
@@ -148,8 +163,10 @@ TEST_F(Server, HalfALineDoesNotStallOthers) {
     auto half = line_socket::tcp(server->tcp_port());
     half.send(R"({"jsonrpc":"2.0","id":1,"meth)");
     auto other = line_socket::unix_socket(socket_path);
-    EXPECT_EQ(other.request(get_request("data/temperature")), R"({"jsonrpc":"2.0","id":1,"result":21.5})");
-    half.send(R"(od":"get","params":{"path":"alarms/los/severity"}})" "\n");
+    EXPECT_EQ(other.request(get_request("data/temperature")),
+              R"({"jsonrpc":"2.0","id":1,"result":21.5})");
+    half.send(R"(od":"get","params":{"path":"alarms/los/severity"}})"
+              "\n");
     EXPECT_EQ(half.read_line(), R"({"jsonrpc":"2.0","id":1,"result":0})");
 }
 
@@ -159,29 +176,37 @@ TEST_F(Server, AClientThatNeverReadsIsDisconnected) {
     start(limits);
     auto big = status_value<std::string>::create(server->get_db(), "data/big", owner);
     auto sleeper = line_socket::tcp(server->tcp_port());
-    EXPECT_EQ(sleeper.request(R"({"jsonrpc":"2.0","id":1,"method":"subscribe","params":{"path":"data/big"}})"),
+    EXPECT_EQ(sleeper.request(
+                  R"({"jsonrpc":"2.0","id":1,"method":"subscribe","params":{"path":"data/big"}})"),
               R"({"jsonrpc":"2.0","id":1,"result":null})");
     auto reader = line_socket::tcp(server->tcp_port());
     ASSERT_TRUE(connections_become(2));
     // Far more than the socket buffers and the limit together; the sleeper reads none of it.
-    for (int i = 0; i < 4000 && server->connection_count() == 2; ++i) big->update(std::string(8192, 'a' + i % 26) + std::to_string(i));
+    for (int i = 0; i < 4000 && server->connection_count() == 2; ++i)
+        big->update(std::string(8192, 'a' + i % 26) + std::to_string(i));
     EXPECT_TRUE(connections_become(1));
-    EXPECT_EQ(reader.request(get_request("alarms/los/severity")), R"({"jsonrpc":"2.0","id":1,"result":0})");
+    EXPECT_EQ(reader.request(get_request("alarms/los/severity")),
+              R"({"jsonrpc":"2.0","id":1,"result":0})");
 }
 
 TEST_F(Server, AThousandConnectionsAtOnce) {
     start();
     std::vector<line_socket> clients;
     clients.reserve(1000);
-    for (int i = 0; i < 1000; ++i) clients.push_back(line_socket::tcp(server->tcp_port()));
-    for (int i = 0; i < 1000; ++i) clients[i].send(get_request("alarms/los/severity", i) + "\n");
+    for (int i = 0; i < 1000; ++i)
+        clients.push_back(line_socket::tcp(server->tcp_port()));
+    for (int i = 0; i < 1000; ++i)
+        clients[i].send(get_request("alarms/los/severity", i) + "\n");
     int answered = 0;
     for (int i = 0; i < 1000; ++i)
-        if (clients[i].read_line() == R"({"jsonrpc":"2.0","id":)" + std::to_string(i) + R"(,"result":0})") ++answered;
+        if (clients[i].read_line() ==
+            R"({"jsonrpc":"2.0","id":)" + std::to_string(i) + R"(,"result":0})")
+            ++answered;
     EXPECT_EQ(answered, 1000);
     EXPECT_EQ(server->connection_count(), 1000u);
     auto late = line_socket::unix_socket(socket_path);
-    EXPECT_EQ(late.request(get_request("data/temperature")), R"({"jsonrpc":"2.0","id":1,"result":21.5})");
+    EXPECT_EQ(late.request(get_request("data/temperature")),
+              R"({"jsonrpc":"2.0","id":1,"result":21.5})");
     clients.clear();
     EXPECT_TRUE(connections_become(1));
 }
@@ -194,9 +219,12 @@ TEST_F(Server, ConnectionsBeyondTheLimitAreTurnedAway) {
     auto b = line_socket::tcp(server->tcp_port());
     ASSERT_TRUE(connections_become(2));
     auto c = line_socket::tcp(server->tcp_port());
-    EXPECT_EQ(c.read_line(), R"({"jsonrpc":"2.0","id":null,"error":{"code":-32603,"message":"Too many connections"}})");
+    EXPECT_EQ(
+        c.read_line(),
+        R"({"jsonrpc":"2.0","id":null,"error":{"code":-32603,"message":"Too many connections"}})");
     EXPECT_TRUE(c.closed_by_peer());
-    EXPECT_EQ(a.request(get_request("alarms/los/severity")), R"({"jsonrpc":"2.0","id":1,"result":0})");
+    EXPECT_EQ(a.request(get_request("alarms/los/severity")),
+              R"({"jsonrpc":"2.0","id":1,"result":0})");
 }
 
 TEST_F(Server, ClientReadsAnotherHandlersNodes) {
@@ -233,7 +261,8 @@ TEST_F(Server, ClientReadsAnotherHandlersNodes) {
 }
 
 TEST(Client, ReachesAServerThatComesUpLate) {
-    const auto dir = std::filesystem::temp_directory_path() / ("qsfpd-late-" + std::to_string(::getpid()));
+    const auto dir =
+        std::filesystem::temp_directory_path() / ("qsfpd-late-" + std::to_string(::getpid()));
     const std::string name = (dir / "bcm_gb").string();
     auto client = std::make_shared<device_handler_client>(name);
     device_handler_read_object<std::string> oper(client, "data/operStatus");
@@ -246,8 +275,10 @@ TEST(Client, ReachesAServerThatComesUpLate) {
     }
 
     auto owner = std::make_shared<gearbox>();
-    auto server = std::make_unique<device_handler_api>(name, 0, true, device_handler_api::limits{}, false);
-    auto node = volatile_value<&gearbox::get_oper_status>::create(server->get_db(), "data/operStatus", owner);
+    auto server =
+        std::make_unique<device_handler_api>(name, 0, true, device_handler_api::limits{}, false);
+    auto node = volatile_value<&gearbox::get_oper_status>::create(server->get_db(),
+                                                                  "data/operStatus", owner);
     std::thread serving([&] { server->start(); });
     EXPECT_EQ(oper.read(), "up");
     // The server goes away and comes back: the client reconnects by itself.
@@ -255,8 +286,10 @@ TEST(Client, ReachesAServerThatComesUpLate) {
     serving.join();
     server.reset();
     EXPECT_EQ(oper.try_read(), std::nullopt);
-    server = std::make_unique<device_handler_api>(name, 0, true, device_handler_api::limits{}, false);
-    node = volatile_value<&gearbox::get_oper_status>::create(server->get_db(), "data/operStatus", owner);
+    server =
+        std::make_unique<device_handler_api>(name, 0, true, device_handler_api::limits{}, false);
+    node = volatile_value<&gearbox::get_oper_status>::create(server->get_db(), "data/operStatus",
+                                                             owner);
     serving = std::thread([&] { server->start(); });
     EXPECT_EQ(oper.read(), "up");
     server->stop();

@@ -12,8 +12,9 @@ using namespace qsfpd::test;
 
 // Records the virtual instants at which the group called it.
 class tick_recorder : public dh_db_leaf_node {
-public:
-    explicit tick_recorder(std::shared_ptr<qsfpd::virtual_clock> clock) : clock_(std::move(clock)) {}
+  public:
+    explicit tick_recorder(std::shared_ptr<qsfpd::virtual_clock> clock)
+        : clock_(std::move(clock)) {}
     void periodic_task(bool first) override {
         std::lock_guard lock(mutex_);
         ticks_.push_back(clock_->wall_now());
@@ -30,7 +31,7 @@ public:
         return firsts_;
     }
 
-private:
+  private:
     std::shared_ptr<qsfpd::virtual_clock> clock_;
     mutable std::mutex mutex_;
     std::vector<std::chrono::system_clock::time_point> ticks_;
@@ -58,7 +59,8 @@ TEST(GridSchedule, AnOverrunKeepsThePhase) {
 }
 
 TEST(ValueGroup, CallsItsNodesOncePerPeriodOnTheUnitsSlot) {
-    auto clock = std::make_shared<qsfpd::virtual_clock>(std::chrono::system_clock::time_point{} + 5000s + 250ms);
+    auto clock = std::make_shared<qsfpd::virtual_clock>(std::chrono::system_clock::time_point{} +
+                                                        5000s + 250ms);
     auto recorder = std::make_shared<tick_recorder>(clock);
     dh::api::value_group group(1000ms, 3, 8, clock);
     group.add_value(recorder, 0);
@@ -66,7 +68,8 @@ TEST(ValueGroup, CallsItsNodesOncePerPeriodOnTheUnitsSlot) {
     clock->run_for(3500ms);
     const auto ticks = recorder->ticks();
     ASSERT_EQ(ticks.size(), 3u);
-    for (auto t : ticks) EXPECT_EQ(ms_in_second(t), 37ms);
+    for (auto t : ticks)
+        EXPECT_EQ(ms_in_second(t), 37ms);
     EXPECT_EQ(ticks[1] - ticks[0], 1000ms);
     EXPECT_EQ(recorder->firsts(), (std::vector<bool>{true, false, false}));
 }
@@ -75,8 +78,8 @@ TEST(ValueGroup, ReleasedNodesAreDropped) {
     auto clock = std::make_shared<qsfpd::virtual_clock>();
     auto owner = std::make_shared<test_owner>();
     dh_db db;
-    auto temperature =
-        dh::api::polled_volatile_value_impl<&test_owner::get_temperature>::create(db, "data/temperature", owner);
+    auto temperature = dh::api::polled_volatile_value_impl<&test_owner::get_temperature>::create(
+        db, "data/temperature", owner);
     dh::api::value_group group(1000ms, 0, 0, clock);
     group.add_value(temperature, 1);
     ASSERT_TRUE(clock->wait_for_sleepers(1));

@@ -33,7 +33,7 @@ dh_error error_of(F&& f) {
 }
 
 class ValueNodes : public ::testing::Test {
-protected:
+  protected:
     dh_db db;
     std::shared_ptr<test_owner> owner = std::make_shared<test_owner>();
 };
@@ -45,17 +45,20 @@ TEST_F(ValueNodes, VolatileValueCallsTheGetterOnEveryRead) {
     EXPECT_EQ(node->get_text("data/temperature"), "30.25");
     EXPECT_EQ(owner->temperature_reads, 2);
     EXPECT_EQ(node->get_info(), "volatile value (read)");
-    EXPECT_EQ(info_text(*node),
-              R"~({"path":"data/temperature","description":"volatile value (read)","valueType":"double",)~"
-              R"("capabilities":{"read":true},"type":"volatile value"})");
+    EXPECT_EQ(
+        info_text(*node),
+        R"~({"path":"data/temperature","description":"volatile value (read)","valueType":"double",)~"
+        R"("capabilities":{"read":true},"type":"volatile value"})");
     EXPECT_TRUE(node->is_read_only());
     EXPECT_EQ(error_of([&] { node->set("data/temperature", json("1")); }).code(), -95);
 }
 
 TEST_F(ValueNodes, BoundArgumentsReachTheGetter) {
-    auto lane2 = volatile_value<&test_owner::get_lane_bias>::create(db, "data/lane/2/txBias", owner, 2u);
+    auto lane2 =
+        volatile_value<&test_owner::get_lane_bias>::create(db, "data/lane/2/txBias", owner, 2u);
     EXPECT_EQ(lane2->get_text(""), "20");
-    EXPECT_NE(info_text(*lane2).find(R"("valueType":"32-bit unsigned integer")"), std::string::npos);
+    EXPECT_NE(info_text(*lane2).find(R"("valueType":"32-bit unsigned integer")"),
+              std::string::npos);
 }
 
 TEST_F(ValueNodes, GetterExceptionsBecomeErrorTextsByClass) {
@@ -65,14 +68,18 @@ TEST_F(ValueNodes, GetterExceptionsBecomeErrorTextsByClass) {
         std::string text;
     };
     std::vector<row> rows = {
-        {volatile_value<&test_owner::get_runtime_failure>::create(db, "a", owner), -5, "Runtime error (bus gone)"},
+        {volatile_value<&test_owner::get_runtime_failure>::create(db, "a", owner), -5,
+         "Runtime error (bus gone)"},
         {volatile_value<&test_owner::get_system_failure>::create(db, "b", owner), -ENXIO,
          "System error (read: No such device or address)"},
-        {volatile_value<&test_owner::get_logic_failure>::create(db, "c", owner), -5, "Logic error (bad state)"},
+        {volatile_value<&test_owner::get_logic_failure>::create(db, "c", owner), -5,
+         "Logic error (bad state)"},
         {volatile_value<&test_owner::get_other_failure>::create(db, "d", owner), -5,
          "Generic error (std::bad_alloc)"},
-        {volatile_value<&test_owner::get_unknown_failure>::create(db, "e", owner), -5, "Unknown error"},
-        {volatile_value<&test_owner::get_dh_failure>::create(db, "f", owner), -5, "Module unplugged "},
+        {volatile_value<&test_owner::get_unknown_failure>::create(db, "e", owner), -5,
+         "Unknown error"},
+        {volatile_value<&test_owner::get_dh_failure>::create(db, "f", owner), -5,
+         "Module unplugged "},
     };
     for (const auto& r : rows) {
         auto e = error_of([&] { r.node->get_text(r.node->get_path()); });
@@ -93,7 +100,8 @@ TEST_F(ValueNodes, ConfigParamKeepsOnlyAcceptedValues) {
     auto node = config_param<&test_owner::set_admin>::create(
         db, "config/adminStatus", owner, std::vector<std::string>{"up", "down", "refuse"});
     auto unset = error_of([&] { node->get_text(""); });
-    EXPECT_EQ(unset.text(), "Configuration parameter read before being set, path =config/adminStatus");
+    EXPECT_EQ(unset.text(),
+              "Configuration parameter read before being set, path =config/adminStatus");
 
     node->set("", json(R"("up")"));
     EXPECT_EQ(owner->admin, "up");
@@ -102,7 +110,8 @@ TEST_F(ValueNodes, ConfigParamKeepsOnlyAcceptedValues) {
     // Outside the allowed values: refused before the setter runs, the value stays.
     auto refused = error_of([&] { node->set("", json(R"("sideways")")); });
     EXPECT_EQ(refused.code(), -22);
-    EXPECT_EQ(refused.text(), R"(Value "sideways" is not allowed, allowed values are: "up", "down", "refuse")");
+    EXPECT_EQ(refused.text(),
+              R"(Value "sideways" is not allowed, allowed values are: "up", "down", "refuse")");
     EXPECT_EQ(owner->admin, "up");
 
     // The setter itself refuses: the stored value stays too.
@@ -115,12 +124,13 @@ TEST_F(ValueNodes, ConfigParamKeepsOnlyAcceptedValues) {
 }
 
 TEST_F(ValueNodes, ConfigParamRangesAndInfo) {
-    auto range = config_param<&test_owner::set_level>::create(db, "config/level", owner,
-                                                              min_max_range_t<std::int32_t>{-10, 10}, 3);
-    EXPECT_EQ(info_text(*range),
-              R"~({"path":"config/level","description":"config value (read,write,subscribe)","type":"config param",)~"
-              R"("valueType":"32-bit signed integer","capabilities":{"read":true,"write":true,"subscribe":true},)"
-              R"("defaultValue":3,"constraints":{"min":-10,"max":10}})");
+    auto range = config_param<&test_owner::set_level>::create(
+        db, "config/level", owner, min_max_range_t<std::int32_t>{-10, 10}, 3);
+    EXPECT_EQ(
+        info_text(*range),
+        R"~({"path":"config/level","description":"config value (read,write,subscribe)","type":"config param",)~"
+        R"("valueType":"32-bit signed integer","capabilities":{"read":true,"write":true,"subscribe":true},)"
+        R"("defaultValue":3,"constraints":{"min":-10,"max":10}})");
     range->set("", json("10"));
     auto e = error_of([&] { range->set("", json("11")); });
     EXPECT_EQ(e.code(), -22);
@@ -132,8 +142,8 @@ TEST_F(ValueNodes, ConfigParamRangesAndInfo) {
     EXPECT_EQ(owner->level, 3);
     EXPECT_EQ(range->get_text(""), "3");
 
-    auto grid = config_param<&test_owner::set_ratio>::create(db, "config/frequency", owner,
-                                                             min_max_grid_range_t<double>{191.3, 196.1, "6.25 GHz"});
+    auto grid = config_param<&test_owner::set_ratio>::create(
+        db, "config/frequency", owner, min_max_grid_range_t<double>{191.3, 196.1, "6.25 GHz"});
     EXPECT_NE(info_text(*grid).find(R"("constraints":{"min":191.3,"max":196.1,"grid":"6.25 GHz"})"),
               std::string::npos);
     EXPECT_EQ(error_of([&] { grid->set("", json("197.0")); }).text(),
@@ -143,12 +153,13 @@ TEST_F(ValueNodes, ConfigParamRangesAndInfo) {
     EXPECT_EQ(info_text(*plain).find("constraints"), std::string::npos);
     EXPECT_EQ(info_text(*plain).find("defaultValue"), std::string::npos);
     EXPECT_EQ(error_of([&] { plain->set("", json("NaN")); }).text(), "Argument value is NaN.");
-    EXPECT_EQ(error_of([&] { plain->set("", json("-Infinity")); }).text(), "Argument value is infinite.");
+    EXPECT_EQ(error_of([&] { plain->set("", json("-Infinity")); }).text(),
+              "Argument value is infinite.");
 }
 
 TEST_F(ValueNodes, ConfigParamWithBoundLane) {
-    auto lane3 = config_param<&test_owner::set_lane_enable>::create(db, "config/lane/3/txEnable", owner,
-                                                                    bind_args(3u));
+    auto lane3 = config_param<&test_owner::set_lane_enable>::create(db, "config/lane/3/txEnable",
+                                                                    owner, bind_args(3u));
     lane3->set("", json("true"));
     EXPECT_TRUE(owner->lane_enabled.at(3));
     EXPECT_EQ(owner->lane_enabled.count(0), 0u);
@@ -161,11 +172,14 @@ TEST_F(ValueNodes, CommandConvertsItsArgumentAndReturnsTheResponse) {
     node->run("", json("true"), scratch.GetAllocator(), out);
     EXPECT_EQ(dh::to_json_text(out), R"("restarted hard")");
     EXPECT_EQ(node->get_info(), "command value returning response (write)");
-    EXPECT_EQ(info_text(*node),
-              R"~({"path":"command/restart","description":"command value returning response (write)",)~"
-              R"("type":"command","valueType":"bool","returnType":"unknown","capabilities":{"write":true}})");
+    EXPECT_EQ(
+        info_text(*node),
+        R"~({"path":"command/restart","description":"command value returning response (write)",)~"
+        R"("type":"command","valueType":"bool","returnType":"unknown","capabilities":{"write":true}})");
     EXPECT_TRUE(node->write_returns_response());
-    EXPECT_EQ(error_of([&] { node->run("", json(R"("yes")"), scratch.GetAllocator(), out); }).code(), -22);
+    EXPECT_EQ(
+        error_of([&] { node->run("", json(R"("yes")"), scratch.GetAllocator(), out); }).code(),
+        -22);
     EXPECT_EQ(error_of([&] { node->get_text(""); }).code(), -95);
 
     auto clear = command<&test_owner::clear_counters>::create(db, "command/clear", owner);
@@ -186,16 +200,21 @@ TEST_F(ValueNodes, PushedValueNotifiesSubscribersOnChangeOnly) {
     EXPECT_TRUE(node->update(1));
     node->update(1);
     node->update(0);
-    EXPECT_EQ(session->lines(),
-              (std::vector<std::string>{
-                  R"({"jsonrpc":"2.0","method":"changed","params":{"path":"alarms/los/severity","value":1}})" "\n",
-                  R"({"jsonrpc":"2.0","method":"changed","params":{"path":"alarms/los/severity","value":0}})" "\n"}));
+    EXPECT_EQ(
+        session->lines(),
+        (std::vector<std::string>{
+            R"({"jsonrpc":"2.0","method":"changed","params":{"path":"alarms/los/severity","value":1}})"
+            "\n",
+            R"({"jsonrpc":"2.0","method":"changed","params":{"path":"alarms/los/severity","value":0}})"
+            "\n"}));
     node->unsubscribe(session);
     node->update(1);
     EXPECT_EQ(session->lines().size(), 2u);
     EXPECT_EQ(node->get_info(), "pushed volatile value (read, subscribe)");
-    EXPECT_NE(info_text(*node).find(R"("capabilities":{"read":true,"subscribe":true},"type":"pushed volatile value")"),
-              std::string::npos);
+    EXPECT_NE(
+        info_text(*node).find(
+            R"("capabilities":{"read":true,"subscribe":true},"type":"pushed volatile value")"),
+        std::string::npos);
 }
 
 TEST_F(ValueNodes, ClosedSessionsGetNothingAndAreForgotten) {
@@ -215,16 +234,19 @@ TEST_F(ValueNodes, ClosedSessionsGetNothingAndAreForgotten) {
 
 TEST_F(ValueNodes, HistoryIsBoundedAndOrdered) {
     auto node = status_value<int>::create(db, "alarms/x/severity", owner);
-    for (int i = 0; i < 40; ++i) node->update(i);
+    for (int i = 0; i < 40; ++i)
+        node->update(i);
     auto history = node->history();
     ASSERT_EQ(history.size(), dh_db_event_node::history_capacity);
     EXPECT_EQ(history.front().value, "24");
     EXPECT_EQ(history.back().value, "39");
-    for (std::size_t i = 1; i < history.size(); ++i) EXPECT_LE(history[i - 1].time, history[i].time);
+    for (std::size_t i = 1; i < history.size(); ++i)
+        EXPECT_LE(history[i - 1].time, history[i].time);
 }
 
 TEST_F(ValueNodes, PolledValueAnswersFromTheLastPollAndKeepsFailures) {
-    auto node = polled_volatile_value_impl<&test_owner::get_temperature>::create(db, "data/temperature", owner);
+    auto node = polled_volatile_value_impl<&test_owner::get_temperature>::create(
+        db, "data/temperature", owner);
     EXPECT_TRUE(node->get_may_block());
     EXPECT_EQ(node->get_text(""), "21.5");  // first read polls
     EXPECT_FALSE(node->get_may_block());
@@ -234,14 +256,16 @@ TEST_F(ValueNodes, PolledValueAnswersFromTheLastPollAndKeepsFailures) {
     EXPECT_EQ(node->get_text(""), "40.0");
     EXPECT_EQ(owner->temperature_reads, 2);
 
-    auto failing = polled_volatile_value_impl<&test_owner::get_runtime_failure>::create(db, "data/bad", owner);
+    auto failing =
+        polled_volatile_value_impl<&test_owner::get_runtime_failure>::create(db, "data/bad", owner);
     failing->periodic_task(false);
     EXPECT_EQ(error_of([&] { failing->get_text(""); }).text(), "Runtime error (bus gone)");
 }
 
 TEST_F(ValueNodes, HysteresisPublishesStepsAtOnceAndDriftAfterPersisting) {
-    auto node = hysteresis_filtered_value<polled_volatile_value_impl<&test_owner::get_temperature>>::create(
-        db, "data/temperature", owner, 0.5, 0.1);
+    auto node =
+        hysteresis_filtered_value<polled_volatile_value_impl<&test_owner::get_temperature>>::create(
+            db, "data/temperature", owner, 0.5, 0.1);
     auto poll = [&](double t) {
         owner->temperature = t;
         node->periodic_task(false);
@@ -265,9 +289,8 @@ TEST_F(ValueNodes, HysteresisOnPushedValuesUsesItsComparison) {
     // A counter that only matters when it moved by at least 100.
     auto node = hysteresis_filtered_value<pushed_volatile_value_impl<std::uint64_t>>::create(
         db, "data/errors", owner, 100, 100,
-        [](const std::uint64_t& c, const std::uint64_t& p, const std::uint64_t& step, const std::uint64_t&) {
-            return c - p >= step ? 2 : 0;
-        });
+        [](const std::uint64_t& c, const std::uint64_t& p, const std::uint64_t& step,
+           const std::uint64_t&) { return c - p >= step ? 2 : 0; });
     EXPECT_TRUE(node->update(5));
     EXPECT_FALSE(node->update(50));
     EXPECT_TRUE(node->update(105));
@@ -278,21 +301,25 @@ TEST_F(ValueNodes, ConstAndStatusValues) {
     auto vendor = const_value<std::string>::create(db, "inventory/vendor", owner, "FINISAR CORP");
     EXPECT_EQ(vendor->get_text(""), R"("FINISAR CORP")");
     EXPECT_FALSE(vendor->get_may_block());
-    EXPECT_EQ(info_text(*vendor),
-              R"~({"path":"inventory/vendor","description":"const value (read)","valueType":"unknown",)~"
-              R"("capabilities":{"read":true},"type":"const value"})");
+    EXPECT_EQ(
+        info_text(*vendor),
+        R"~({"path":"inventory/vendor","description":"const value (read)","valueType":"unknown",)~"
+        R"("capabilities":{"read":true},"type":"const value"})");
     auto ready = status_value<bool>::create(db, "data/dhReady", owner, false);
     EXPECT_EQ(ready->get_info(), "status value (read,subscribe)");
     EXPECT_NE(info_text(*ready).find(R"("valueType":"bool")"), std::string::npos);
 }
 
 TEST_F(ValueNodes, AsyncValuesRunTheGetterInTheBackground) {
-    auto leaf = async_volatile_value<dh_db_leaf_node, &test_owner::get_temperature>::create(db, "data/a", owner);
+    auto leaf = async_volatile_value<dh_db_leaf_node, &test_owner::get_temperature>::create(
+        db, "data/a", owner);
     EXPECT_EQ(leaf->get_text(""), "21.5");
-    auto failing = async_volatile_value<dh_db_leaf_node, &test_owner::get_runtime_failure>::create(db, "data/b", owner);
+    auto failing = async_volatile_value<dh_db_leaf_node, &test_owner::get_runtime_failure>::create(
+        db, "data/b", owner);
     EXPECT_EQ(error_of([&] { failing->get_text(""); }).text(), "Runtime error (bus gone)");
 
-    auto event = async_volatile_value<dh_db_event_node, &test_owner::get_temperature>::create(db, "data/c", owner);
+    auto event = async_volatile_value<dh_db_event_node, &test_owner::get_temperature>::create(
+        db, "data/c", owner);
     auto session = std::make_shared<recording_session>();
     rapidjson::Document scratch;
     dh::json_value current;

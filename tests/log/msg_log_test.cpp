@@ -18,21 +18,24 @@ TEST(MsgLog, RecordsCarrySeverityTagTextAndTrace) {
     msg_log::init({.max_severity = msg_log::debug, .to_stderr = false, .to_syslog = false});
     msg_log::log_capture capture;
     const int line = __LINE__ + 1;
-    MSG_LOG(msg_log::info, "/dev/qsfp3/init") << "Device handler initialized for " << "/dev/qsfp3" << ".";
+    MSG_LOG(msg_log::info, "/dev/qsfp3/init") << "Device handler initialized for "
+                                              << "/dev/qsfp3"
+                                              << ".";
     MSG_LOG(msg_log::error, "/dev/qsfp3/hotplug") << "Communication error.";
     auto records = capture.records();
     ASSERT_EQ(records.size(), 2u);
     EXPECT_EQ(records[0].severity, 6);
     EXPECT_EQ(records[0].tag, "/dev/qsfp3/init");
-    EXPECT_EQ(records[0].text,
-              "Device handler initialized for /dev/qsfp3. (msg_log_test.cpp:" + std::to_string(line) + ")");
+    EXPECT_EQ(records[0].text, "Device handler initialized for /dev/qsfp3. (msg_log_test.cpp:" +
+                                   std::to_string(line) + ")");
     EXPECT_EQ(records[1].severity, 3);
     EXPECT_EQ(records[1].tag, "/dev/qsfp3/hotplug");
     EXPECT_EQ(capture.count("Communication error."), 1u);
 }
 
 TEST(MsgLog, CodeTraceIsTheFileNameAndLine) {
-    EXPECT_EQ(msg_log::getCodeTrace("/work/src/qsfp_device_mgr.cpp", 120), " (qsfp_device_mgr.cpp:120)");
+    EXPECT_EQ(msg_log::getCodeTrace("/work/src/qsfp_device_mgr.cpp", 120),
+              " (qsfp_device_mgr.cpp:120)");
     EXPECT_EQ(msg_log::getCodeTrace("main.cpp", 7), " (main.cpp:7)");
 }
 
@@ -46,7 +49,8 @@ TEST(MsgLog, SeveritiesAboveTheLimitAreDroppedBySinks) {
 }
 
 TEST(MsgLog, SyslogDatagramsGoToTheDevLogSocketUnderTheRoot) {
-    const auto root = std::filesystem::temp_directory_path() / ("qsfpd-log-" + std::to_string(::getpid()));
+    const auto root =
+        std::filesystem::temp_directory_path() / ("qsfpd-log-" + std::to_string(::getpid()));
     std::filesystem::create_directories(root / "dev");
     const std::string socket_path = (root / "dev" / "log").string();
     int fd = ::socket(AF_UNIX, SOCK_DGRAM, 0);
@@ -57,7 +61,8 @@ TEST(MsgLog, SyslogDatagramsGoToTheDevLogSocketUnderTheRoot) {
     ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
 
     ::setenv("QSFPD_ROOT", root.c_str(), 1);
-    msg_log::init({.max_severity = msg_log::info, .to_stderr = false, .to_syslog = true, .ident = "qsfpd"});
+    msg_log::init(
+        {.max_severity = msg_log::info, .to_stderr = false, .to_syslog = true, .ident = "qsfpd"});
     MSG_LOG(msg_log::warning, "/dev/qsfp") << "TX fault";
     ::unsetenv("QSFPD_ROOT");
 
@@ -68,7 +73,9 @@ TEST(MsgLog, SyslogDatagramsGoToTheDevLogSocketUnderTheRoot) {
     ASSERT_GT(n, 0);
     const std::string datagram(buffer, static_cast<std::size_t>(n));
     // Facility daemon (3) * 8 + severity 4.
-    EXPECT_EQ(datagram.rfind("<28>qsfpd[" + std::to_string(::getpid()) + "]: [/dev/qsfp] TX fault (", 0), 0u)
+    EXPECT_EQ(
+        datagram.rfind("<28>qsfpd[" + std::to_string(::getpid()) + "]: [/dev/qsfp] TX fault (", 0),
+        0u)
         << datagram;
     ::close(fd);
     msg_log::init({.max_severity = msg_log::debug, .to_stderr = false, .to_syslog = false});

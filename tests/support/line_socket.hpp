@@ -16,7 +16,7 @@ namespace qsfpd::test {
 
 // A plain blocking client socket for protocol tests: every wait is bounded.
 class line_socket {
-public:
+  public:
     static line_socket tcp(unsigned short port) {
         line_socket s(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
         sockaddr_in addr{};
@@ -37,7 +37,9 @@ public:
         return s;
     }
 
-    line_socket(line_socket&& other) noexcept : fd_(other.fd_), buffer_(std::move(other.buffer_)) { other.fd_ = -1; }
+    line_socket(line_socket&& other) noexcept : fd_(other.fd_), buffer_(std::move(other.buffer_)) {
+        other.fd_ = -1;
+    }
     line_socket& operator=(line_socket&&) = delete;
     ~line_socket() {
         if (fd_ >= 0) ::close(fd_);
@@ -83,7 +85,7 @@ public:
         return read_line().value_or("<no answer>");
     }
 
-private:
+  private:
     explicit line_socket(int fd) : fd_(fd) {
         if (fd_ < 0) throw std::runtime_error("socket failed");
     }

@@ -50,7 +50,7 @@ struct test_owner : std::enable_shared_from_this<test_owner> {
 
 // A session that keeps every line delivered to it.
 class recording_session : public dh_session {
-public:
+  public:
     void deliver(std::shared_ptr<const std::string> line) override {
         std::lock_guard lock(mutex_);
         lines_.push_back(*line);
@@ -59,14 +59,15 @@ public:
     // Waits (bounded) for work done on other threads to deliver `count` lines.
     bool wait_for_lines(std::size_t count) {
         std::unique_lock lock(mutex_);
-        return arrived_.wait_for(lock, std::chrono::seconds(5), [&] { return lines_.size() >= count; });
+        return arrived_.wait_for(lock, std::chrono::seconds(5),
+                                 [&] { return lines_.size() >= count; });
     }
     std::vector<std::string> lines() const {
         std::lock_guard lock(mutex_);
         return lines_;
     }
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::condition_variable arrived_;
     std::vector<std::string> lines_;

@@ -20,7 +20,7 @@ template <auto Getter>
 class async_volatile_value<dh_db_leaf_node, Getter> : public dh_db_leaf_node {
     using fn = member_fn<decltype(Getter)>;
 
-public:
+  public:
     using owner_type = typename fn::owner;
     using value_type = std::decay_t<typename fn::result>;
     using bound_type = typename fn::params;
@@ -31,16 +31,19 @@ public:
 
     template <class... B>
     static std::shared_ptr<async_volatile_value> create(dh_db& db, std::string_view path,
-                                                        const std::shared_ptr<owner_type>& owner, B&&... bound) {
-        return register_node(db, path, std::make_shared<async_volatile_value>(
-                                           owner, bound_type(std::forward<B>(bound)...)));
+                                                        const std::shared_ptr<owner_type>& owner,
+                                                        B&&... bound) {
+        return register_node(
+            db, path,
+            std::make_shared<async_volatile_value>(owner, bound_type(std::forward<B>(bound)...)));
     }
 
     value_type read() const {
         auto owner = owner_.lock();
         auto task = std::make_shared<std::packaged_task<value_type()>>([owner, bound = bound_] {
             return guarded([&]() -> value_type {
-                return std::apply([&](const auto&... a) { return ((*owner).*Getter)(a...); }, bound);
+                return std::apply([&](const auto&... a) { return ((*owner).*Getter)(a...); },
+                                  bound);
             });
         });
         auto result = task->get_future();
@@ -66,7 +69,7 @@ public:
     bool readable() const override { return true; }
     bool is_read_only() const override { return true; }
 
-private:
+  private:
     owner_ref<owner_type> owner_;
     bound_type bound_;
 };
@@ -78,7 +81,7 @@ class async_volatile_value<dh_db_event_node, Getter>
     : public typed_event_node<std::decay_t<typename member_fn<decltype(Getter)>::result>> {
     using fn = member_fn<decltype(Getter)>;
 
-public:
+  public:
     using owner_type = typename fn::owner;
     using value_type = std::decay_t<typename fn::result>;
     using bound_type = typename fn::params;
@@ -88,9 +91,11 @@ public:
 
     template <class... B>
     static std::shared_ptr<async_volatile_value> create(dh_db& db, std::string_view path,
-                                                        const std::shared_ptr<owner_type>& owner, B&&... bound) {
-        return register_node(db, path, std::make_shared<async_volatile_value>(
-                                           owner, bound_type(std::forward<B>(bound)...)));
+                                                        const std::shared_ptr<owner_type>& owner,
+                                                        B&&... bound) {
+        return register_node(
+            db, path,
+            std::make_shared<async_volatile_value>(owner, bound_type(std::forward<B>(bound)...)));
     }
 
     void periodic_task(bool force_event) override {
@@ -102,7 +107,8 @@ public:
             try {
                 auto owner = self->owner_.lock();
                 value_type value = guarded([&]() -> value_type {
-                    return std::apply([&](const auto&... a) { return ((*owner).*Getter)(a...); }, self->bound_);
+                    return std::apply([&](const auto&... a) { return ((*owner).*Getter)(a...); },
+                                      self->bound_);
                 });
                 self->publish(value, force_event);
             } catch (const dh_error& e) {
@@ -118,7 +124,7 @@ public:
     }
     std::string kind() const override { return "async volatile value"; }
 
-private:
+  private:
     owner_ref<owner_type> owner_;
     bound_type bound_;
     std::atomic<bool> running_{false};

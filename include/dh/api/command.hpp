@@ -25,7 +25,7 @@ class command : public dh_db_leaf_node {
     using fn = member_fn<decltype(Setter)>;
     using params = detail::command_params<typename fn::params>;
 
-public:
+  public:
     using owner_type = typename fn::owner;
     using argument_type = typename params::argument;
     using result_type = std::decay_t<typename fn::result>;
@@ -40,8 +40,10 @@ public:
     }
     template <class... B>
     static std::shared_ptr<command> create(dh_db& db, std::string_view path,
-                                           const std::shared_ptr<owner_type>& owner, bound_args<B...> bound) {
-        return register_node(db, path, std::make_shared<command>(owner, bound_type(std::move(bound.values))));
+                                           const std::shared_ptr<owner_type>& owner,
+                                           bound_args<B...> bound) {
+        return register_node(db, path,
+                             std::make_shared<command>(owner, bound_type(std::move(bound.values))));
     }
 
     void run(const std::string&, const json_value& argument, json_allocator& allocator,
@@ -49,12 +51,16 @@ public:
         auto owner = owner_.lock();
         auto invoke = [&]() -> decltype(auto) {
             if constexpr (std::is_void_v<argument_type>) {
-                return std::apply([&](const auto&... a) -> decltype(auto) { return ((*owner).*Setter)(a...); },
-                                  bound_);
+                return std::apply(
+                    [&](const auto&... a) -> decltype(auto) { return ((*owner).*Setter)(a...); },
+                    bound_);
             } else {
                 auto value = from_json<std::decay_t<argument_type>>(argument);
                 return std::apply(
-                    [&](const auto&... a) -> decltype(auto) { return ((*owner).*Setter)(a..., value); }, bound_);
+                    [&](const auto&... a) -> decltype(auto) {
+                        return ((*owner).*Setter)(a..., value);
+                    },
+                    bound_);
             }
         };
         if constexpr (std::is_void_v<result_type>) {
@@ -84,7 +90,7 @@ public:
     std::string kind() const override { return "command"; }
     bool write_returns_response() const override { return true; }
 
-private:
+  private:
     owner_ref<owner_type> owner_;
     bound_type bound_;
 };

@@ -57,9 +57,10 @@ void check_constraint(const config_constraint<V>& constraint, const V& value) {
             for (const auto& a : allowed)
                 if (a == value) return;
             std::string list;
-            for (const auto& a : allowed) list += (list.empty() ? "" : ", ") + to_json_text(a);
-            throw dh_error(dh::errc::invalid,
-                           "Value " + to_json_text(value) + " is not allowed, allowed values are: " + list);
+            for (const auto& a : allowed)
+                list += (list.empty() ? "" : ", ") + to_json_text(a);
+            throw dh_error(dh::errc::invalid, "Value " + to_json_text(value) +
+                                                  " is not allowed, allowed values are: " + list);
         }
         default:
             throw dh_error(dh::errc::invalid, "Unexpected index");
@@ -102,38 +103,41 @@ void add_constraint_info(json_value& info, json_allocator& allocator,
 // bool (false refuses) or void, and refuses with a dh_error carrying its own text.
 template <auto Setter>
 class config_param
-    : public typed_event_node<std::decay_t<typename split_last<typename member_fn<decltype(Setter)>::params>::last>> {
+    : public typed_event_node<
+          std::decay_t<typename split_last<typename member_fn<decltype(Setter)>::params>::last>> {
     using fn = member_fn<decltype(Setter)>;
     using split = split_last<typename fn::params>;
 
-public:
+  public:
     using owner_type = typename fn::owner;
     using value_type = std::decay_t<typename split::last>;
     using bound_type = typename split::init;
     using constraint_type = config_constraint<value_type>;
 
-    config_param(const std::shared_ptr<owner_type>& owner, bound_type bound, constraint_type constraint,
-                 std::optional<value_type> default_value)
+    config_param(const std::shared_ptr<owner_type>& owner, bound_type bound,
+                 constraint_type constraint, std::optional<value_type> default_value)
         : owner_(owner),
           bound_(std::move(bound)),
           constraint_(std::move(constraint)),
           default_(std::move(default_value)) {}
 
-    static std::shared_ptr<config_param> create(dh_db& db, std::string_view path,
-                                                const std::shared_ptr<owner_type>& owner,
-                                                constraint_type constraint = {},
-                                                std::optional<value_type> default_value = std::nullopt) {
-        return register_node(db, path, std::make_shared<config_param>(owner, bound_type{}, std::move(constraint),
-                                                                      std::move(default_value)));
+    static std::shared_ptr<config_param> create(
+        dh_db& db, std::string_view path, const std::shared_ptr<owner_type>& owner,
+        constraint_type constraint = {}, std::optional<value_type> default_value = std::nullopt) {
+        return register_node(
+            db, path,
+            std::make_shared<config_param>(owner, bound_type{}, std::move(constraint),
+                                           std::move(default_value)));
     }
     template <class... B>
-    static std::shared_ptr<config_param> create(dh_db& db, std::string_view path,
-                                                const std::shared_ptr<owner_type>& owner,
-                                                bound_args<B...> bound, constraint_type constraint = {},
-                                                std::optional<value_type> default_value = std::nullopt) {
-        return register_node(db, path,
-                             std::make_shared<config_param>(owner, bound_type(std::move(bound.values)),
-                                                            std::move(constraint), std::move(default_value)));
+    static std::shared_ptr<config_param> create(
+        dh_db& db, std::string_view path, const std::shared_ptr<owner_type>& owner,
+        bound_args<B...> bound, constraint_type constraint = {},
+        std::optional<value_type> default_value = std::nullopt) {
+        return register_node(
+            db, path,
+            std::make_shared<config_param>(owner, bound_type(std::move(bound.values)),
+                                           std::move(constraint), std::move(default_value)));
     }
 
     // A client's write: constraint, then the setter (without the node's lock, since the setter
@@ -156,7 +160,8 @@ public:
                 return true;
             }
         });
-        if (!accepted) throw dh_error(dh::errc::invalid, "Configuration refused by the module handler");
+        if (!accepted)
+            throw dh_error(dh::errc::invalid, "Configuration refused by the module handler");
         this->publish(value);
     }
 
@@ -178,7 +183,9 @@ public:
         return default_;
     }
 
-    void set(const std::string&, const json_value& value) override { write(from_json<value_type>(value)); }
+    void set(const std::string&, const json_value& value) override {
+        write(from_json<value_type>(value));
+    }
     // Writes the default back through the setter.
     void reset() override {
         if (auto d = default_value()) write(*d);
@@ -199,13 +206,13 @@ public:
     }
     std::string kind() const override { return "config param"; }
 
-protected:
+  protected:
     dh_error unset_error() const override {
         return dh_error(dh::errc::no_data,
                         "Configuration parameter read before being set, path =" + this->get_path());
     }
 
-private:
+  private:
     owner_ref<owner_type> owner_;
     bound_type bound_;
     mutable std::mutex config_mutex_;

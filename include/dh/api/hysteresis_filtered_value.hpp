@@ -16,12 +16,14 @@ namespace dh::api {
 // The comparison decides the class of a candidate: 2 publish now, 1 counts towards the drift
 // rule, 0 noise. Pushed integer values may bring their own (wrap-around counters, say).
 template <class V>
-using hysteresis_compare = std::function<int(const V& candidate, const V& published, const V& step,
-                                             const V& drift)>;
+using hysteresis_compare =
+    std::function<int(const V& candidate, const V& published, const V& step, const V& drift)>;
 
 template <class V>
-int default_hysteresis_compare(const V& candidate, const V& published, const V& step, const V& drift) {
-    const double distance = std::abs(static_cast<double>(candidate) - static_cast<double>(published));
+int default_hysteresis_compare(const V& candidate, const V& published, const V& step,
+                               const V& drift) {
+    const double distance =
+        std::abs(static_cast<double>(candidate) - static_cast<double>(published));
     if (distance >= static_cast<double>(step)) return 2;
     if (distance >= static_cast<double>(drift)) return 1;
     return 0;
@@ -29,12 +31,13 @@ int default_hysteresis_compare(const V& candidate, const V& published, const V& 
 
 template <class Inner>
 class hysteresis_filtered_value : public Inner {
-public:
+  public:
     using value_type = typename Inner::value_type;
     static constexpr int persist_polls = 3;
 
     template <class... A>
-    hysteresis_filtered_value(double step, double drift, hysteresis_compare<value_type> compare, A&&... inner_args)
+    hysteresis_filtered_value(double step, double drift, hysteresis_compare<value_type> compare,
+                              A&&... inner_args)
         : Inner(std::forward<A>(inner_args)...),
           step_(static_cast<value_type>(step)),
           drift_(static_cast<value_type>(drift)),
@@ -44,8 +47,10 @@ public:
     template <class Owner, class... B>
     static std::shared_ptr<hysteresis_filtered_value> create(dh_db& db, std::string_view path,
                                                              const std::shared_ptr<Owner>& owner,
-                                                             double step, double drift, B&&... bound)
-        requires requires { typename Inner::bound_type; }
+                                                             double step, double drift,
+                                                             B&&... bound) requires requires {
+        typename Inner::bound_type;
+    }
     {
         return register_node(db, path,
                              std::make_shared<hysteresis_filtered_value>(
@@ -55,22 +60,22 @@ public:
 
     // A filtered pushed value with its comparison function.
     template <class Owner>
-    static std::shared_ptr<hysteresis_filtered_value> create(dh_db& db, std::string_view path,
-                                                             const std::shared_ptr<Owner>&, double step,
-                                                             double drift,
-                                                             hysteresis_compare<value_type> compare)
-        requires(!requires { typename Inner::bound_type; })
-    {
-        return register_node(db, path,
-                             std::make_shared<hysteresis_filtered_value>(step, drift, std::move(compare)));
+    static std::shared_ptr<hysteresis_filtered_value> create(
+        dh_db& db, std::string_view path, const std::shared_ptr<Owner>&, double step, double drift,
+        hysteresis_compare<value_type> compare) requires(!requires {
+        typename Inner::bound_type;
+    }) {
+        return register_node(
+            db, path, std::make_shared<hysteresis_filtered_value>(step, drift, std::move(compare)));
     }
 
     std::pair<double, double> parameters() const {
         return {static_cast<double>(step_), static_cast<double>(drift_)};
     }
 
-protected:
-    bool filter_accepts(const value_type& candidate, const std::optional<value_type>& published) override {
+  protected:
+    bool filter_accepts(const value_type& candidate,
+                        const std::optional<value_type>& published) override {
         if (!published) return true;
         switch (compare_(candidate, *published, step_, drift_)) {
             case 2:
@@ -88,7 +93,7 @@ protected:
         }
     }
 
-private:
+  private:
     value_type step_;
     value_type drift_;
     hysteresis_compare<value_type> compare_;

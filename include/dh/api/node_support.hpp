@@ -19,8 +19,8 @@ decltype(auto) guarded(F&& f) {
         throw;
     } catch (const std::system_error& e) {
         const int value = e.code().value();
-        const bool errno_like =
-            e.code().category() == std::generic_category() || e.code().category() == std::system_category();
+        const bool errno_like = e.code().category() == std::generic_category() ||
+                                e.code().category() == std::system_category();
         throw dh_error(errno_like && value > 0 ? -value : dh::errc::io_error,
                        "System error (" + std::string(e.what()) + ")");
     } catch (const std::runtime_error& e) {
@@ -38,7 +38,7 @@ decltype(auto) guarded(F&& f) {
 // "Object has been removed" instead of touching a destroyed handler.
 template <class Owner>
 class owner_ref {
-public:
+  public:
     owner_ref() = default;
     explicit owner_ref(const std::shared_ptr<Owner>& owner) : owner_(owner) {}
 
@@ -48,7 +48,7 @@ public:
         return owner;
     }
 
-private:
+  private:
     std::weak_ptr<Owner> owner_;
 };
 
@@ -69,9 +69,10 @@ inline void add_capabilities(json_value& info, json_allocator& allocator, bool r
 
 inline void add_string(json_value& info, json_allocator& allocator, const char* key,
                        std::string_view value) {
-    info.AddMember(rapidjson::StringRef(key),
-                   json_value(value.data(), static_cast<rapidjson::SizeType>(value.size()), allocator),
-                   allocator);
+    info.AddMember(
+        rapidjson::StringRef(key),
+        json_value(value.data(), static_cast<rapidjson::SizeType>(value.size()), allocator),
+        allocator);
 }
 
 }  // namespace dh::api

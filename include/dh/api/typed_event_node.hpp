@@ -12,7 +12,7 @@ namespace dh::api {
 // and for filters to compare against.
 template <class V>
 class typed_event_node : public dh_db_event_node {
-public:
+  public:
     using value_type = V;
 
     std::optional<V> last_value() const {
@@ -20,7 +20,7 @@ public:
         return published_;
     }
 
-protected:
+  protected:
     // Publishes `candidate` when the filter lets it through; returns whether it was published.
     bool publish(const V& candidate, bool force_event = false) {
         {
@@ -44,7 +44,7 @@ protected:
         return info;
     }
 
-private:
+  private:
     mutable std::mutex typed_mutex_;
     std::optional<V> published_;
 };
@@ -52,7 +52,7 @@ private:
 // A value the owner pushes whenever it learns it; clients read and subscribe.
 template <class V>
 class pushed_volatile_value_impl : public typed_event_node<V> {
-public:
+  public:
     template <class Owner>
     static std::shared_ptr<pushed_volatile_value_impl> create(dh_db& db, std::string_view path,
                                                               const std::shared_ptr<Owner>&) {
@@ -72,7 +72,7 @@ public:
 // A status the owner sets (readiness, alarm severities); clients read and subscribe.
 template <class V>
 class status_value : public typed_event_node<V> {
-public:
+  public:
     template <class Owner>
     static std::shared_ptr<status_value> create(dh_db& db, std::string_view path,
                                                 const std::shared_ptr<Owner>&) {
@@ -80,7 +80,8 @@ public:
     }
     template <class Owner>
     static std::shared_ptr<status_value> create(dh_db& db, std::string_view path,
-                                                const std::shared_ptr<Owner>& owner, const V& initial) {
+                                                const std::shared_ptr<Owner>& owner,
+                                                const V& initial) {
         auto node = create(db, path, owner);
         node->update(initial);
         return node;
@@ -97,10 +98,11 @@ public:
 
 // A value the owner's getter yields once per value-group period; reads return the last poll.
 template <auto Getter>
-class polled_volatile_value_impl : public typed_event_node<std::decay_t<typename member_fn<decltype(Getter)>::result>> {
+class polled_volatile_value_impl
+    : public typed_event_node<std::decay_t<typename member_fn<decltype(Getter)>::result>> {
     using fn = member_fn<decltype(Getter)>;
 
-public:
+  public:
     using owner_type = typename fn::owner;
     using value_type = std::decay_t<typename fn::result>;
     using bound_type = typename fn::params;
@@ -109,11 +111,11 @@ public:
         : owner_(owner), bound_(std::move(bound)) {}
 
     template <class... B>
-    static std::shared_ptr<polled_volatile_value_impl> create(dh_db& db, std::string_view path,
-                                                              const std::shared_ptr<owner_type>& owner,
-                                                              B&&... bound) {
-        return register_node(db, path, std::make_shared<polled_volatile_value_impl>(
-                                           owner, bound_type(std::forward<B>(bound)...)));
+    static std::shared_ptr<polled_volatile_value_impl> create(
+        dh_db& db, std::string_view path, const std::shared_ptr<owner_type>& owner, B&&... bound) {
+        return register_node(db, path,
+                             std::make_shared<polled_volatile_value_impl>(
+                                 owner, bound_type(std::forward<B>(bound)...)));
     }
 
     // One poll: a failed getter makes reads report its error until the next good poll.
@@ -121,7 +123,8 @@ public:
         try {
             auto owner = owner_.lock();
             value_type value = guarded([&]() -> value_type {
-                return std::apply([&](const auto&... a) { return ((*owner).*Getter)(a...); }, bound_);
+                return std::apply([&](const auto&... a) { return ((*owner).*Getter)(a...); },
+                                  bound_);
             });
             this->publish(value, force_event);
         } catch (const dh_error& e) {
@@ -144,7 +147,7 @@ public:
     }
     std::string kind() const override { return "polled volatile value"; }
 
-private:
+  private:
     owner_ref<owner_type> owner_;
     bound_type bound_;
 };

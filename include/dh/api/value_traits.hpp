@@ -22,7 +22,7 @@ struct json_object {
 };
 
 class json_value_conversion_error : public dh_error {
-public:
+  public:
     explicit json_value_conversion_error(std::string text)
         : dh_error(dh::errc::invalid, std::move(text)) {}
 };
@@ -35,15 +35,24 @@ struct is_vector<std::vector<T, A>> : std::true_type {};
 // The "valueType" name clients see for a value type.
 template <class T>
 constexpr const char* type_name() {
-    if constexpr (std::is_same_v<T, bool>) return "bool";
-    else if constexpr (std::is_same_v<T, json_object>) return "object";
-    else if constexpr (std::is_same_v<T, std::uint32_t>) return "32-bit unsigned integer";
-    else if constexpr (std::is_same_v<T, std::int32_t>) return "32-bit signed integer";
-    else if constexpr (std::is_same_v<T, std::uint64_t>) return "64-bit unsigned integer";
-    else if constexpr (std::is_same_v<T, std::int64_t>) return "64-bit signed integer";
-    else if constexpr (std::is_same_v<T, float>) return "float";
-    else if constexpr (std::is_same_v<T, double>) return "double";
-    else return "unknown";
+    if constexpr (std::is_same_v<T, bool>)
+        return "bool";
+    else if constexpr (std::is_same_v<T, json_object>)
+        return "object";
+    else if constexpr (std::is_same_v<T, std::uint32_t>)
+        return "32-bit unsigned integer";
+    else if constexpr (std::is_same_v<T, std::int32_t>)
+        return "32-bit signed integer";
+    else if constexpr (std::is_same_v<T, std::uint64_t>)
+        return "64-bit unsigned integer";
+    else if constexpr (std::is_same_v<T, std::int64_t>)
+        return "64-bit signed integer";
+    else if constexpr (std::is_same_v<T, float>)
+        return "float";
+    else if constexpr (std::is_same_v<T, double>)
+        return "double";
+    else
+        return "unknown";
 }
 
 template <class T>
@@ -69,7 +78,8 @@ json_value to_json(const T& value, json_allocator& allocator) {
         return out;
     } else if constexpr (is_vector<T>::value) {
         json_value array(rapidjson::kArrayType);
-        for (const auto& item : value) array.PushBack(to_json(item, allocator), allocator);
+        for (const auto& item : value)
+            array.PushBack(to_json(item, allocator), allocator);
         return array;
     } else {
         static_assert(sizeof(T) == 0, "no JSON form for this value type");
@@ -165,10 +175,10 @@ struct split_last<std::tuple<Last>> {
     using last = Last;
 };
 template <class First, class... Rest>
-    requires(sizeof...(Rest) > 0)
-struct split_last<std::tuple<First, Rest...>> {
-    using init = decltype(std::tuple_cat(std::declval<std::tuple<First>>(),
-                                         std::declval<typename split_last<std::tuple<Rest...>>::init>()));
+requires(sizeof...(Rest) > 0) struct split_last<std::tuple<First, Rest...>> {
+    using init =
+        decltype(std::tuple_cat(std::declval<std::tuple<First>>(),
+                                std::declval<typename split_last<std::tuple<Rest...>>::init>()));
     using last = typename split_last<std::tuple<Rest...>>::last;
 };
 

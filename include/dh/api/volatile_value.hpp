@@ -9,7 +9,7 @@ template <auto Getter>
 class volatile_value : public dh_db_leaf_node {
     using fn = member_fn<decltype(Getter)>;
 
-public:
+  public:
     using owner_type = typename fn::owner;
     using value_type = std::decay_t<typename fn::result>;
     using bound_type = typename fn::params;
@@ -21,8 +21,9 @@ public:
     static std::shared_ptr<volatile_value> create(dh_db& db, std::string_view path,
                                                   const std::shared_ptr<owner_type>& owner,
                                                   B&&... bound) {
-        return register_node(db, path,
-                             std::make_shared<volatile_value>(owner, bound_type(std::forward<B>(bound)...)));
+        return register_node(
+            db, path,
+            std::make_shared<volatile_value>(owner, bound_type(std::forward<B>(bound)...)));
     }
 
     value_type read() const {
@@ -48,7 +49,7 @@ public:
     bool readable() const override { return true; }
     bool is_read_only() const override { return true; }
 
-private:
+  private:
     owner_ref<owner_type> owner_;
     bound_type bound_;
 };
@@ -56,7 +57,7 @@ private:
 // A value fixed when the node is created.
 template <class T>
 class const_value : public dh_db_leaf_node {
-public:
+  public:
     explicit const_value(T value) : value_(std::move(value)), text_(to_json_text(value_)) {}
 
     template <class Owner>
@@ -84,7 +85,7 @@ public:
     bool readable() const override { return true; }
     bool is_read_only() const override { return true; }
 
-private:
+  private:
     T value_;
     std::string text_;
 };
