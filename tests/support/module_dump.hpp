@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstdint>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace qsfpd::test {
+
+// The bytes of a memory image in testdata/module-dumps: '#' lines are comments, data lines
+// hold 16 hex bytes each.
+inline std::vector<std::uint8_t> load_module_dump(const std::string& file_name) {
+    std::ifstream in(std::string(QSFPD_TESTDATA_DIR) + "/module-dumps/" + file_name);
+    if (!in) throw std::runtime_error("missing module dump " + file_name);
+    std::vector<std::uint8_t> bytes;
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.empty() || line[0] == '#') continue;
+        std::istringstream words(line);
+        std::string word;
+        while (words >> word)
+            bytes.push_back(static_cast<std::uint8_t>(std::stoul(word, nullptr, 16)));
+    }
+    return bytes;
+}
+
+}  // namespace qsfpd::test
