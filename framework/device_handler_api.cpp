@@ -136,6 +136,11 @@ std::size_t device_handler_api::connection_count() const {
     return impl_->context->connections.load();
 }
 
+void device_handler_api::add_method(
+    std::string name, std::function<std::string(const rapidjson::Value* params)> handler) {
+    impl_->context->processor.add_method(std::move(name), std::move(handler));
+}
+
 void device_handler_api::start() {
     if (impl_->stopping) return;
     if (impl_->tcp_acceptor) impl_->accept<tcp::acceptor, tcp::socket>(*impl_->tcp_acceptor);

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -31,6 +32,11 @@ class device_handler_api {
     const std::string& name() const { return name_; }
     unsigned short tcp_port() const;
     std::size_t connection_count() const;
+
+    // Adds a method beyond the database's own (see dh::rpc::request_processor::add_method);
+    // before start() only.
+    void add_method(std::string name,
+                    std::function<std::string(const rapidjson::Value* params)> handler);
 
     // Serves on the calling thread until SIGTERM or SIGINT (or stop()), then returns.
     void start();

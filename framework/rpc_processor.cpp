@@ -145,6 +145,10 @@ bool valid_id(const dh::json_value& id) {
 
 }  // namespace
 
+void request_processor::add_method(std::string name, method_handler handler) {
+    extra_methods_[std::move(name)] = std::move(handler);
+}
+
 std::string request_processor::error_line(const dh::json_value* id, int code,
                                           std::string_view message) {
     std::string out;
@@ -388,6 +392,10 @@ bool request_processor::execute_one(const dh::json_value& request,
                 break;
             }
             case method_id::unknown:
+                if (auto extra = extra_methods_.find(method_name); extra != extra_methods_.end()) {
+                    result = extra->second(params);
+                    break;
+                }
                 if (!notification)
                     append_error(out, id, method_not_found,
                                  "Method not found: " + std::string(method_name));

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -40,6 +42,12 @@ class request_processor {
 
     static std::string error_line(const dh::json_value* id, int code, std::string_view message);
 
+    // A method of its own for a server that speaks this protocol about something other than
+    // nodes (the module emulator's cages and control). It gets the params (or null) and returns
+    // the result as JSON text, refusing with a dh_error. Added before serving starts.
+    using method_handler = std::function<std::string(const dh::json_value* params)>;
+    void add_method(std::string name, method_handler handler);
+
   private:
     // Appends one response object (no newline); returns false for a notification (no response).
     bool execute_one(const dh::json_value& request, const std::shared_ptr<dh_session>& session,
@@ -47,6 +55,7 @@ class request_processor {
     bool request_may_block(const dh::json_value& request) const;
 
     dh_db& db_;
+    std::map<std::string, method_handler, std::less<>> extra_methods_;
 };
 
 }  // namespace dh::rpc

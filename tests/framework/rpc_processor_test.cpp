@@ -198,3 +198,23 @@ TEST_F(RpcProcessor, OnlyWaitingRequestsLeaveTheNetworkThread) {
 }
 
 }  // namespace
+
+namespace {
+TEST_F(RpcProcessor, ExtraMethodsBesideTheNodeMethods) {
+    processor.add_method("echo", [](const dh::json_value* params) -> std::string {
+        if (params == nullptr)
+            throw dh_error(dh::rpc::invalid_params, "Invalid params: nothing to echo");
+        return dh::to_json_text(*params);
+    });
+    EXPECT_EQ(call(R"({"jsonrpc":"2.0","id":1,"method":"echo","params":{"a":[1,2]}})"),
+              R"({"jsonrpc":"2.0","id":1,"result":{"a":[1,2]}})"
+              "\n");
+    EXPECT_EQ(
+        call(R"({"jsonrpc":"2.0","id":2,"method":"echo"})"),
+        R"({"jsonrpc":"2.0","id":2,"error":{"code":-32602,"message":"Invalid params: nothing to echo"}})"
+        "\n");
+    EXPECT_EQ(call(R"({"jsonrpc":"2.0","id":3,"method":"get","params":["alarms/los/severity"]})"),
+              R"({"jsonrpc":"2.0","id":3,"result":0})"
+              "\n");
+}
+}  // namespace
