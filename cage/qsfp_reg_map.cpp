@@ -1,0 +1,175 @@
+#include "qsfp_reg_map.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <system_error>
+
+#include "msg_log.hpp"
+
+namespace qsfpd::cage {
+
+namespace {
+
+// SFF-8024 Table 4-7 (single-mode fibre media interface codes) that name coherent interfaces:
+// 400ZR amplified / unamplified (OIF), 100GBASE-ZR and 400GBASE-ZR (IEEE), and the OpenZR+
+// ZRxxx-OFEC modes with their HA/HB variants.
+constexpr std::array<std::uint8_t, 14> coherent_smf_media_codes = {
+    0x35,  // ZR400-OFEC-16QAM-HA
+    0x36,  // ZR400-OFEC-16QAM-HB
+    0x37,  // ZR400-OFEC-8QAM-HA
+    0x3E,  // 400ZR, DWDM, amplified
+    0x3F,  // 400ZR, single wavelength, unamplified
+    0x44,  // 100GBASE-ZR
+    0x46,  // ZR400-OFEC-16QAM
+    0x47,  // ZR300-OFEC-8QAM
+    0x48,  // ZR200-OFEC-QPSK
+    0x49,  // ZR100-OFEC-QPSK
+    0x4D,  // 400GBASE-ZR
+    0x58,  // ZR400-OFEC-8QAM-HB
+    0x59,  // ZR300-OFEC-8QAM-HA
+    0x5A,  // ZR300-OFEC-8QAM-HB
+};
+
+// CMIS MediaType (lower page byte 85): 02h, the descriptors' media codes are SMF codes.
+constexpr std::uint8_t media_type_smf = 0x02;
+// CMIS MediaInterfaceTechnology (page 00h byte 212): 10h C-band, 11h L-band tunable laser.
+constexpr std::uint8_t tech_c_band_tunable = 0x10;
+constexpr std::uint8_t tech_l_band_tunable = 0x11;
+// CMIS: a descriptor whose HostInterfaceID is FFh ends the application list.
+constexpr std::uint8_t app_list_end = 0xFF;
+constexpr std::size_t app_descriptor_size = 4;
+
+constexpr std::uint8_t bit_rate_see_extended = 0xFF;
+constexpr std::uint32_t bit_rate_unit_mbps = 100;
+constexpr std::uint32_t extended_bit_rate_unit_mbps = 250;
+
+}  // namespace
+
+memory_map qsfp_reg_map::family() {
+    if (!family_) family_ = memory_map_of(get_identifier());
+    return *family_;
+}
+
+const field_def& qsfp_reg_map::sff_only(const field_def& f) {
+    if (is_cmis())
+        throw std::system_error(ENOTSUP, std::generic_category(),
+                                std::string(f.name) + ": SFF-8636 field on a CMIS module");
+    return f;
+}
+
+const field_def& qsfp_reg_map::cmis_only(const field_def& f) {
+    if (!is_cmis())
+        throw std::system_error(ENOTSUP, std::generic_category(),
+                                std::string(f.name) + ": CMIS field on an SFF-8636 module");
+    return f;
+}
+
+void qsfp_reg_map::read(const field_def& f, std::span<std::uint8_t> out) {
+    device_.i2c_read_bank(f.bank, f.address(), out);
+}
+
+std::uint8_t qsfp_reg_map::read_u8(const field_def& f) {
+    std::array<std::uint8_t, 1> b{};
+    read(f, b);
+    return b[0];
+}
+
+std::int8_t qsfp_reg_map::read_s8(const field_def& f) {
+    return static_cast<std::int8_t>(read_u8(f));
+}
+
+bool qsfp_reg_map::read_flag(const field_def& f) {
+    return (read_u8(f) & f.mask) != 0;
+}
+
+std::uint8_t qsfp_reg_map::read_bits(const field_def& f) {
+    return static_cast<std::uint8_t>((read_u8(f) & f.mask) >> f.shift);
+}
+
+std::uint16_t qsfp_reg_map::read_u16(const field_def& f) {
+    std::array<std::uint8_t, 2> b{};
+    read(f, b);
+    return static_cast<std::uint16_t>(b[0] << 8 | b[1]);
+}
+
+std::int16_t qsfp_reg_map::read_s16(const field_def& f) {
+    return static_cast<std::int16_t>(read_u16(f));
+}
+
+std::vector<std::uint8_t> qsfp_reg_map::read_raw(const field_def& f) {
+    std::vector<std::uint8_t> bytes(f.length);
+    read(f, bytes);
+    return bytes;
+}
+
+std::string qsfp_reg_map::trim_text(const std::vector<std::uint8_t>& bytes) {
+    // Modules pad with spaces as the standards ask, but NUL and FFh (erased EEPROM) padding is
+    // common too; a NUL ends the string. Other bytes outside printable ASCII become '?', so the
+    // value stays valid text wherever it is published.
+    std::string text;
+    for (const std::uint8_t b : bytes) {
+        if (b == 0x00) break;
+        text.push_back(b >= 0x20 && b < 0x7F ? static_cast<char>(b) : (b == 0xFF ? ' ' : '?'));
+    }
+    const auto first = text.find_first_not_of(' ');
+    if (first == std::string::npos) return {};
+    const auto last = text.find_last_not_of(' ');
+    return text.substr(first, last - first + 1);
+}
+
+std::string qsfp_reg_map::read_text(const field_def& f) {
+    return trim_text(read_raw(f));
+}
+
+void qsfp_reg_map::write_register(flat_address address, std::uint8_t data, std::uint8_t mask) {
+    if (mask == 0) return;
+    std::uint8_t value = data;
+    if (mask != 0xFF)
+        value = static_cast<std::uint8_t>((device_.read_byte(address) & ~mask) | (data & mask));
+    device_.write_byte(address, value);
+}
+
+void qsfp_reg_map::write_flag(const field_def& f, bool value) {
+    if (f.bank != 0) throw std::system_error(EINVAL, std::generic_category(), "banked field write");
+    write_register(f.address(), value ? f.mask : 0, f.mask);
+}
+
+void qsfp_reg_map::write_bits(const field_def& f, std::uint8_t value) {
+    if (f.bank != 0) throw std::system_error(EINVAL, std::generic_category(), "banked field write");
+    write_register(f.address(), static_cast<std::uint8_t>(value << f.shift), f.mask);
+}
+
+bool qsfp_reg_map::is_coherent_transceiver() {
+    if (!is_cmis()) return false;
+    const std::uint8_t tech = get_media_interface_technology();
+    if (tech == tech_c_band_tunable || tech == tech_l_band_tunable) return true;
+    if (get_media_type() != media_type_smf) return false;
+    const auto apps = read_raw(fields::cm("app_descriptors"));
+    for (std::size_t at = 0; at + 1 < apps.size(); at += app_descriptor_size) {
+        if (apps[at] == app_list_end) break;
+        if (std::ranges::find(coherent_smf_media_codes, apps[at + 1]) !=
+            coherent_smf_media_codes.end())
+            return true;
+    }
+    return false;
+}
+
+std::uint32_t qsfp_reg_map::get_nominal_bit_rate_mbps() {
+    const std::uint8_t rate = read_u8(sff_only(fields::sff("nominal_bit_rate")));
+    if (rate != bit_rate_see_extended) return rate * bit_rate_unit_mbps;
+    return read_u8(fields::sff("extended_bit_rate")) * extended_bit_rate_unit_mbps;
+}
+
+unsigned qsfp_reg_map::get_banks_supported() {
+    if (read_flag(cmis_only(fields::cm("flat_mem")))) return 1;
+    const std::uint8_t code = read_bits(fields::cm("banks_supported"));
+    if (code == 3) {
+        MSG_LOG(msg_log::warning, device_.name())
+            << "reserved BanksSupported code 3, using bank 0 only";
+        return 1;
+    }
+    return 1u << code;
+}
+
+}  // namespace qsfpd::cage

@@ -1,0 +1,165 @@
+#pragma once
+
+// The named register fields of the module memory, as data. One table per memory-map family; a
+// field is one line: its name, kind, page, bank, byte, length, mask, and where the standard
+// defines it. Accessors in qsfp_reg_map look fields up by name at compile time (a typo does not
+// compile) and never spell an offset themselves.
+//
+// Citations: SFF-8636 rev 2.10a/2.11 table numbers; CMIS 5.x (the same bytes in 4.0) by page and
+// byte, with the table number where we checked it; SFF-8024 rev 4.x for code tables.
+// To add a field: add one line to the right table, then a one-line accessor.
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <string_view>
+
+#include "qsfp_device.hpp"
+
+namespace qsfpd::cage {
+
+enum class field_kind : std::uint8_t {
+    u8,    // the whole byte, unsigned
+    s8,    // the whole byte, two's complement
+    flag,  // one bit (mask has a single bit set)
+    bits,  // (byte & mask) >> shift
+    u16,   // two bytes, big-endian, unsigned
+    s16,   // two bytes, big-endian, two's complement
+    text,  // ASCII, padded: trailing spaces, NULs and FFh dropped, leading spaces dropped
+    raw,   // `length` bytes as they are
+};
+
+struct field_def {
+    std::string_view name;
+    field_kind kind;
+    std::uint8_t page;  // ignored for bytes 0..127 (the lower page is always mapped)
+    std::uint8_t bank;
+    std::uint8_t byte;  // 0..255, as the standards number them
+    std::uint8_t length;
+    std::uint8_t mask;
+    std::uint8_t shift;
+    std::string_view cite;
+
+    constexpr flat_address address() const { return flat(page, byte); }
+    constexpr bool is_signed() const { return kind == field_kind::s8 || kind == field_kind::s16; }
+};
+
+namespace fields {
+
+constexpr std::uint8_t lowest_bit(std::uint8_t mask) {
+    std::uint8_t shift = 0;
+    while (shift < 8 && !(mask & (1u << shift)))
+        ++shift;
+    return shift;
+}
+
+// Builders, so each table line reads as what it is.
+constexpr field_def u8(std::string_view name, std::uint8_t page, std::uint8_t byte,
+                       std::string_view cite) {
+    return {name, field_kind::u8, page, 0, byte, 1, 0xFF, 0, cite};
+}
+constexpr field_def flag(std::string_view name, std::uint8_t page, std::uint8_t byte, unsigned bit,
+                         std::string_view cite) {
+    return {name,
+            field_kind::flag,
+            page,
+            0,
+            byte,
+            1,
+            static_cast<std::uint8_t>(1u << bit),
+            static_cast<std::uint8_t>(bit),
+            cite};
+}
+constexpr field_def bits(std::string_view name, std::uint8_t page, std::uint8_t byte,
+                         std::uint8_t mask, std::string_view cite) {
+    return {name, field_kind::bits, page, 0, byte, 1, mask, lowest_bit(mask), cite};
+}
+constexpr field_def u16(std::string_view name, std::uint8_t page, std::uint8_t byte,
+                        std::string_view cite) {
+    return {name, field_kind::u16, page, 0, byte, 2, 0xFF, 0, cite};
+}
+constexpr field_def s16(std::string_view name, std::uint8_t page, std::uint8_t byte,
+                        std::string_view cite) {
+    return {name, field_kind::s16, page, 0, byte, 2, 0xFF, 0, cite};
+}
+constexpr field_def text(std::string_view name, std::uint8_t page, std::uint8_t first,
+                         std::uint8_t last, std::string_view cite) {
+    return {name,  field_kind::text,
+            page,  0,
+            first, static_cast<std::uint8_t>(last - first + 1),
+            0xFF,  0,
+            cite};
+}
+constexpr field_def raw(std::string_view name, std::uint8_t page, std::uint8_t first,
+                        std::uint8_t last, std::string_view cite) {
+    return {
+        name, field_kind::raw, page, 0, first, static_cast<std::uint8_t>(last - first + 1), 0xFF, 0,
+        cite};
+}
+
+// clang-format off
+
+// SFF-8636: QSFP+ / QSFP28 (identifiers 0Ch, 0Dh, 11h).
+inline constexpr std::array sff8636 = {
+    u8("identifier", 0x00, 0, "SFF-8636 Table 6-2 byte 0 (SFF-8024 Table 4-1)"),
+    u8("revision_compliance", 0x00, 1, "SFF-8636 Table 6-2 byte 1, Revision Compliance"),
+    flag("flat_mem", 0x00, 2, 2, "SFF-8636 Table 6-2 byte 2 bit 2, Flat_mem (1 = upper page 00h only)"),
+    flag("data_not_ready", 0x00, 2, 0, "SFF-8636 Table 6-2 byte 2 bit 0, Data_Not_Ready"),
+    flag("power_override", 0x00, 93, 0, "SFF-8636 Table 6-2 byte 93 bit 0, Power_override (control bytes)"),
+    flag("power_set", 0x00, 93, 1, "SFF-8636 Table 6-2 byte 93 bit 1, Power_set (1 = low power)"),
+    flag("high_power_class_en", 0x00, 93, 2, "SFF-8636 Table 6-2 byte 93 bit 2, High Power Class Enable (classes 5-7)"),
+    u8("nominal_bit_rate", 0x00, 140, "SFF-8636 Table 6-15 byte 140, nominal bit rate, 100 Mb/s units, FFh: see byte 222"),
+    u8("dev_tech", 0x00, 147, "SFF-8636 Table 6-15 byte 147, Device technology (codes: Table 6-18)"),
+    bits("transmitter_technology", 0x00, 147, 0xF0, "SFF-8636 Table 6-18 byte 147 bits 7-4, transmitter technology"),
+    text("vendor_name", 0x00, 148, 163, "SFF-8636 Table 6-15 bytes 148-163, Vendor name"),
+    text("vendor_pn", 0x00, 168, 183, "SFF-8636 Table 6-15 bytes 168-183, Vendor PN"),
+    text("vendor_rev", 0x00, 184, 185, "SFF-8636 Table 6-15 bytes 184-185, Vendor rev"),
+    u8("link_codes", 0x00, 192, "SFF-8636 Table 6-15 byte 192, Link codes (SFF-8024 Table 4-4 extended compliance)"),
+    u8("options_195", 0x00, 195, "SFF-8636 Table 6-22 byte 195, Options"),
+    flag("page_20_21_impl_195", 0x00, 195, 0, "SFF-8636 Table 6-22 byte 195 bit 0, Pages 20-21h implemented"),
+    text("vendor_sn", 0x00, 196, 211, "SFF-8636 Table 6-15 bytes 196-211, Vendor SN"),
+    text("date_code", 0x00, 212, 219, "SFF-8636 Table 6-15 bytes 212-219, Date code"),
+    u8("enhanced_options", 0x00, 221, "SFF-8636 Table 6-25 byte 221, Enhanced Options"),
+    flag("page_20_21_impl_221", 0x00, 221, 2, "SFF-8636 Table 6-25 byte 221 bit 2: see qsfp_reg_map::get_page_20_21_impl_221"),
+    u8("extended_bit_rate", 0x00, 222, "SFF-8636 Table 6-15 byte 222, nominal baud rate, 250 MBd units"),
+};
+
+// CMIS: QSFP-DD, OSFP, QSFP with CMIS (identifiers 18h, 19h, 1Eh), incl. C-CMIS coherent modules.
+inline constexpr std::array cmis = {
+    u8("identifier", 0x00, 0, "CMIS lower page byte 0, SFF8024Identifier (SFF-8024 Table 4-1)"),
+    u8("revision_compliance", 0x00, 1, "CMIS lower page byte 1, CmisRevision (major.minor nibbles)"),
+    bits("revision_major", 0x00, 1, 0xF0, "CMIS lower page byte 1 bits 7-4, CMIS major revision"),
+    bits("revision_minor", 0x00, 1, 0x0F, "CMIS lower page byte 1 bits 3-0, CMIS minor revision"),
+    flag("flat_mem", 0x00, 2, 7, "CMIS lower page byte 2 bit 7, MemoryModel (1 = flat, page 00h only)"),
+    bits("module_state", 0x00, 3, 0x0E, "CMIS lower page byte 3 bits 3-1, ModuleState"),
+    u8("media_type", 0x00, 85, "CMIS lower page byte 85, MediaType (02h = SMF: media codes of SFF-8024 Table 4-7)"),
+    raw("app_descriptors", 0x00, 86, 117, "CMIS lower page bytes 86-117, application descriptors 1-8 (4 bytes each)"),
+    text("vendor_name", 0x00, 129, 144, "CMIS Table 8-24 bytes 129-144, VendorName"),
+    text("vendor_pn", 0x00, 148, 163, "CMIS Table 8-24 bytes 148-163, VendorPN"),
+    text("vendor_rev", 0x00, 164, 165, "CMIS Table 8-24 bytes 164-165, VendorRev"),
+    text("vendor_sn", 0x00, 166, 181, "CMIS Table 8-24 bytes 166-181, VendorSN"),
+    text("date_code", 0x00, 182, 189, "CMIS Table 8-24 bytes 182-189, DateCode"),
+    u8("media_interface_technology", 0x00, 212, "CMIS Table 8-36 byte 212, MediaInterfaceTechnology (10h C-band, 11h L-band tunable)"),
+    bits("banks_supported", 0x01, 142, 0x03, "CMIS page 01h byte 142 bits 1-0, BanksSupported (0: 1 bank, 1: 2, 2: 4)"),
+};
+
+// clang-format on
+
+template <std::size_t N>
+consteval const field_def& find(const std::array<field_def, N>& table, std::string_view name) {
+    const auto it = std::find_if(table.begin(), table.end(),
+                                 [&](const field_def& f) { return f.name == name; });
+    if (it == table.end()) throw "no such register field";  // a compile error in consteval
+    return *it;
+}
+
+consteval const field_def& sff(std::string_view name) {
+    return find(sff8636, name);
+}
+consteval const field_def& cm(std::string_view name) {
+    return find(cmis, name);
+}
+
+}  // namespace fields
+
+}  // namespace qsfpd::cage
