@@ -130,6 +130,18 @@ INSTANTIATE_TEST_SUITE_P(
         // Ah copper cable, unequalized: the DAC's "non-optical implementation"
         technology_case{"sff8636_qsfpplus_dac_fs_c1907253451.hex", 0xA, 0x0B, 25750}));
 
+TEST(module_images, a_paged_read_returns_the_dump_byte_for_byte) {
+    // Lower page and upper pages 00h-03h of a real module, read back in one call through the page
+    // selects; the result must be the dump itself.
+    const auto image = test::read_dump_image("sff8636_qsfp28_100g_sr4_mellanox_mt1834ft03846.hex");
+    ASSERT_EQ(image.size(), 640u);
+    module_on_bus m("sff8636_qsfp28_100g_sr4_mellanox_mt1834ft03846.hex");
+    std::vector<std::uint8_t> out(image.size());
+    m.device.i2c_read(0, out);
+    EXPECT_EQ(out, image);
+    EXPECT_EQ(m.bus->select_writes(), 4u);
+}
+
 TEST(qsfp_reg_map_sff8636, nominal_bit_rate_below_25g_uses_byte_140) {
     module_on_bus m("sff8636_qsfp28_100g_lr4_dell_3mfxg.hex");
     m.bus->set_byte(0, 140, 103);  // 10.3 Gb/s
