@@ -245,7 +245,14 @@ void qsfp_device::pin_set(unsigned line, bool value) {
 
 bool qsfp_device::module_present() {
     lock held(mutex_);
-    return transport(held).module_present();
+    const bool present = transport(held).module_present();
+    if (!present) {
+        // Whatever comes in next starts with its own page select and identifier.
+        page_.reset();
+        bank_.reset();
+        family_.reset();
+    }
+    return present;
 }
 
 void qsfp_device::require_converter() const {

@@ -84,6 +84,7 @@ class qsfp_device {
     // invalidates the cache: the module may come back with its page select at 00h.
     bool pin_get(unsigned line);
     void pin_set(unsigned line, bool value);
+    // Seeing the cage empty drops the cache too.
     bool module_present();
 
     void set_converter_flag(bool converter) { converter_ = converter; }

@@ -5,8 +5,10 @@
 // defines it. Accessors in qsfp_reg_map look fields up by name at compile time (a typo does not
 // compile) and never spell an offset themselves.
 //
-// Citations: SFF-8636 rev 2.10a/2.11 table numbers; CMIS 5.x (the same bytes in 4.0) by page and
-// byte, with the table number where we checked it; SFF-8024 rev 4.x for code tables.
+// Citations: SFF-8636 table numbers as in rev 2.10a/2.11 where we could check them (the numbering
+// shifts between revisions; the byte and bit never did); CMIS 5.x by page and byte, with the
+// table number where we checked it (the bytes are the same in CMIS 4.0); SFF-8024 rev 4.x for the
+// code tables.
 // To add a field: add one line to the right table, then a one-line accessor.
 
 #include <algorithm>

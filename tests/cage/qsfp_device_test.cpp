@@ -276,6 +276,20 @@ TEST_F(qsfp_device_test, pins_and_presence_pass_through) {
     EXPECT_FALSE(device.module_present());
 }
 
+TEST_F(qsfp_device_test, an_empty_cage_drops_the_cache) {
+    std::array<std::uint8_t, 1> out{};
+    device.i2c_read(flat(0x03, 128), out);
+    EXPECT_TRUE(device.module_present());
+    bus->clear_log();
+    device.i2c_read(flat(0x03, 128), out);
+    EXPECT_EQ(bus->select_writes(), 0u);
+    bus->present = false;
+    EXPECT_FALSE(device.module_present());
+    bus->present = true;
+    device.i2c_read(flat(0x03, 128), out);
+    EXPECT_EQ(bus->select_writes(), 1u);
+}
+
 TEST_F(qsfp_device_test, take_over_moves_the_transport_and_leaves_no_cache) {
     std::array<std::uint8_t, 1> out{};
     device.i2c_read(flat(0x03, 128), out);
