@@ -1,0 +1,606 @@
+#include "module_emulator.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <system_error>
+
+#include "msg_log.hpp"
+
+namespace qsfpd::emu {
+
+namespace {
+
+constexpr page_id lower{};
+constexpr std::uint8_t a0 = 0x50;
+constexpr std::uint8_t a2 = 0x51;
+
+// CMIS lower page: byte 3 bits 3..1 module state; byte 8 bit 0 latched module state changed;
+// byte 26 module global controls (CMIS 5.2 Table 8-10, CMIS 4.0 Table 8-10): bit 6
+// LowPwrAllowRequestHW, bit 4 LowPwrRequestSW, bit 3 SoftwareReset (self-clearing trigger).
+constexpr std::uint8_t cmis_state_byte = 3;
+constexpr std::uint8_t cmis_module_flags = 8;
+constexpr std::uint8_t cmis_global_controls = 26;
+constexpr std::uint8_t low_pwr_allow_request_hw = 0x40;
+constexpr std::uint8_t low_pwr_request_sw = 0x10;
+constexpr std::uint8_t software_reset = 0x08;
+
+// CMIS page 10h (lane control, banked): byte 128 DataPathDeinit, byte 130 OutputDisableTx.
+// Page 11h (lane status, banked): 128..131 data path state, 4 bits per lane (1 DPDeactivated,
+// 4 DPActivated), flags 134..152 latched, monitors TX power 154, bias 170, RX power 186.
+constexpr std::uint8_t dp_deinit = 128;
+constexpr std::uint8_t output_disable_tx = 130;
+constexpr std::uint8_t dp_state = 128;
+constexpr std::uint8_t dp_deactivated = 1;
+constexpr std::uint8_t dp_activated = 4;
+
+// SFF-8636 lower page: byte 2 bit 0 Data_Not_Ready, bytes 3..21 latched flags (byte 6 bit 0
+// initialization complete), byte 86 TX disable, byte 93 power control: bit 0 Power_override,
+// bit 1 Power_set (low power), bit 2 high power class 5..7 enable, bit 3 class 8 enable.
+// Page 00h byte 129: bits 7..6 power class 1..4, bits 1..0 class 5..7, bit 5 class 8.
+constexpr std::uint8_t sff_status = 2;
+constexpr std::uint8_t sff_tx_disable = 86;
+constexpr std::uint8_t sff_power_control = 93;
+
+// SFF-8472 A2h byte 110 status/control: bit 7 TX_DISABLE state, bit 6 soft TX disable,
+// bit 4 rate select state, bit 2 TX_FAULT state, bit 1 RX_LOS state, bit 0 Data_Ready_Bar.
+constexpr std::uint8_t sfp_status_control = 110;
+
+struct monitor_map {
+    std::uint8_t temperature, vcc, tx_power, bias, rx_power;
+};
+// SFF-8636 lower page 22 temp, 26 Vcc, 34 RX power, 42 bias, 50 TX power (per lane, 2 bytes).
+constexpr monitor_map sff8636_monitors{22, 26, 50, 42, 34};
+// CMIS lower 14 temp, 16 Vcc; page 11h lanes as above.
+constexpr monitor_map cmis_monitors{14, 16, 154, 170, 186};
+// SFF-8472 A2h 96 temp, 98 Vcc, 100 bias, 102 TX power, 104 RX power (internally calibrated).
+constexpr monitor_map sff8472_monitors{96, 98, 102, 100, 104};
+
+std::uint64_t splitmix64(std::uint64_t x) {
+    x += 0x9e3779b97f4a7c15ULL;
+    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ULL;
+    x = (x ^ (x >> 27)) * 0x94d049bb133111ebULL;
+    return x ^ (x >> 31);
+}
+
+std::uint16_t to_u16(double raw) {
+    return static_cast<std::uint16_t>(std::clamp(std::lround(raw), 0L, 65535L));
+}
+
+std::uint16_t to_s16(double raw) {
+    return static_cast<std::uint16_t>(
+        static_cast<std::int16_t>(std::clamp(std::lround(raw), -32768L, 32767L)));
+}
+
+bool covers(std::uint8_t offset, std::size_t length, std::uint8_t address) {
+    // Whether a sequential access of `length` bytes from `offset` (wrapping at 256) touches
+    // `address`.
+    const std::size_t distance = static_cast<std::uint8_t>(address - offset);
+    return length > 256 || distance < length;
+}
+
+}  // namespace
+
+module_emulator::module_emulator(module_profile profile, std::shared_ptr<clock> clk)
+    : profile_(std::move(profile)), clock_(std::move(clk)) {
+    restart(clock_->now());
+}
+
+module_memory& module_emulator::memory(std::uint8_t device_address) {
+    auto it = memories_.find(device_address);
+    if (it == memories_.end()) throw std::system_error(ENXIO, std::generic_category());
+    return it->second;
+}
+
+void module_emulator::build_memories() {
+    memories_.clear();
+    for (const auto& [device, image] : profile_.memories) {
+        paging mode = paging::paged;
+        if (profile_.family == module_family::cmis) mode = paging::banked;
+        if (profile_.family == module_family::sff8472_converter && device == a0)
+            mode = paging::flat;
+        auto [it, inserted] = memories_.try_emplace(device, mode, profile_.page_policy);
+        auto& mem = it->second;
+        mem.set_lower(image.lower);
+        for (const auto& [page, data] : image.pages)
+            mem.add_page(page, data);
+        for (const auto& w : image.writable)
+            mem.set_writable(w.page, w.first, w.last, w.mask);
+    }
+    auto& mem = memories_.at(a0);
+    switch (profile_.family) {
+        case module_family::sff8636:
+            mem.set_clear_on_read(lower, 3, 21);
+            break;
+        case module_family::cmis:
+            mem.set_clear_on_read(lower, 8, 13);
+            for (const auto& page : mem.pages())
+                if (page.page == 0x11) mem.set_clear_on_read(page, 134, 152);
+            mem.on_write(lower, cmis_global_controls, cmis_global_controls,
+                         [this](page_id, std::uint8_t, std::uint8_t value) {
+                             if (value & software_reset) pending_reset_ = true;
+                         });
+            // The trigger bit reads back as 0.
+            mem.set_writable(lower, cmis_global_controls, cmis_global_controls,
+                             static_cast<std::uint8_t>(~software_reset));
+            break;
+        case module_family::sff8472_converter:
+            break;
+    }
+}
+
+void module_emulator::restart(clock::time_point now) {
+    build_memories();
+    epoch_ = now;
+    pending_reset_ = false;
+    cmis_initialised_ = false;
+    state_ = cmis_state::low_pwr;
+    state_since_ = now;
+    last_request_ = false;
+    request_since_ = now;
+    data_ready_ = false;
+    live_ = {};
+    for (auto& f : flaps_) {
+        f.start = now;
+        f.applied = 0;
+    }
+    auto& mem = memories_.at(a0);
+    if (profile_.family == module_family::sff8636) mem.latch(lower, sff_status, 0x01);
+    if (profile_.family == module_family::sff8472_converter && memories_.contains(a2))
+        memories_.at(a2).latch(lower, sfp_status_control, 0x01);
+}
+
+bool module_emulator::answers(std::uint8_t device_address) {
+    if (reset_held_) return false;
+    if (clock_->now() < epoch_ + profile_.i2c_not_ready) return false;
+    return memories_.contains(device_address);
+}
+
+void module_emulator::read(std::uint8_t device_address, std::uint8_t offset,
+                           std::span<std::uint8_t> out) {
+    service();
+    auto& mem = memory(device_address);
+    for (auto& f : flaps_) {
+        if (f.step != flap_step::per_poll) continue;
+        const auto s = site(f.flag, f.lane);
+        if (!s || s->device != device_address || !covers(offset, out.size(), s->offset)) continue;
+        if (s->offset >= 128 && mem.selected() != s->page) continue;
+        apply_flap_step(f);
+    }
+    mem.read(offset, out);
+}
+
+void module_emulator::write(std::uint8_t device_address, std::uint8_t offset,
+                            std::span<const std::uint8_t> data) {
+    service();
+    memory(device_address).write(offset, data);
+    if (pending_reset_) {
+        MSG_LOG(msg_log::debug, "emu") << profile_.name << ": software reset";
+        restart(clock_->now());
+    }
+    service();
+}
+
+void module_emulator::set_lpmode(bool asserted) {
+    service();
+    lpmode_ = asserted;
+    service();
+}
+
+void module_emulator::set_reset(bool asserted) {
+    if (asserted == reset_held_) return;
+    service();
+    reset_held_ = asserted;
+    if (!asserted) restart(clock_->now());
+}
+
+void module_emulator::force_fault() {
+    service();
+    if (profile_.family == module_family::cmis) enter(cmis_state::fault, clock_->now());
+}
+
+std::optional<cmis_state> module_emulator::cmis_module_state() {
+    service();
+    if (profile_.family != module_family::cmis) return std::nullopt;
+    return state_;
+}
+
+bool module_emulator::low_power_requested() {
+    const std::uint8_t controls = memories_.at(a0).peek(lower, cmis_global_controls);
+    return ((controls & low_pwr_allow_request_hw) && lpmode_) || (controls & low_pwr_request_sw);
+}
+
+void module_emulator::enter(cmis_state s, clock::time_point at) {
+    auto& mem = memories_.at(a0);
+    if (s != state_ || !cmis_initialised_) mem.latch(lower, cmis_module_flags, 0x01);
+    state_ = s;
+    state_since_ = at;
+    const std::uint8_t b3 = mem.peek(lower, cmis_state_byte);
+    mem.poke(lower, cmis_state_byte,
+             static_cast<std::uint8_t>((b3 & ~0x0e) | (static_cast<std::uint8_t>(s) << 1)));
+    // Data path state per lane follows the module state (no staged application select yet).
+    for (const auto& page : mem.pages()) {
+        if (page.page != 0x11) continue;
+        const page_id control{page.bank, 0x10};
+        const std::uint8_t deinit = mem.has_page(control) ? mem.peek(control, dp_deinit) : 0;
+        for (unsigned lane = 0; lane < 8; ++lane) {
+            const bool active = s == cmis_state::ready && !(deinit & (1u << lane));
+            const std::uint8_t nibble = active ? dp_activated : dp_deactivated;
+            const auto at_byte = static_cast<std::uint8_t>(dp_state + lane / 2);
+            std::uint8_t v = mem.peek(page, at_byte);
+            v = lane % 2 ? static_cast<std::uint8_t>((v & 0x0f) | nibble << 4)
+                         : static_cast<std::uint8_t>((v & 0xf0) | nibble);
+            mem.poke(page, at_byte, v);
+        }
+    }
+}
+
+void module_emulator::advance_cmis(clock::time_point now) {
+    const auto ready_at = epoch_ + profile_.i2c_not_ready;
+    if (!cmis_initialised_) {
+        if (now < ready_at) return;
+        // MgmtInit ends when the module starts answering; it then sits in ModuleLowPwr.
+        enter(cmis_state::low_pwr, ready_at);
+        cmis_initialised_ = true;
+        last_request_ = low_power_requested();
+        request_since_ = ready_at;
+    }
+    // Timed transitions with the request as last observed, then the request as it is now.
+    for (int pass = 0; pass < 2; ++pass) {
+        if (pass == 1) {
+            const bool request = low_power_requested();
+            if (request == last_request_) break;
+            last_request_ = request;
+            request_since_ = now;
+        }
+        for (;;) {
+            const auto since = std::max(state_since_, request_since_);
+            if (state_ == cmis_state::low_pwr && !last_request_) {
+                enter(cmis_state::pwr_up, since);
+            } else if (state_ == cmis_state::pwr_up && last_request_) {
+                enter(cmis_state::pwr_dn, since);
+            } else if (state_ == cmis_state::pwr_up && now >= state_since_ + profile_.power_up) {
+                enter(cmis_state::ready, state_since_ + profile_.power_up);
+            } else if (state_ == cmis_state::ready && last_request_) {
+                enter(cmis_state::pwr_dn, since);
+            } else if (state_ == cmis_state::pwr_dn && now >= state_since_ + profile_.power_down) {
+                enter(cmis_state::low_pwr, state_since_ + profile_.power_down);
+            } else {
+                break;
+            }
+        }
+    }
+}
+
+void module_emulator::advance_sff8636(clock::time_point now) {
+    if (data_ready_ || now < epoch_ + profile_.i2c_not_ready + profile_.power_up) return;
+    auto& mem = memories_.at(a0);
+    data_ready_ = true;
+    mem.clear_bits(lower, sff_status, 0x01);
+    mem.latch(lower, 6, 0x01);  // initialization complete (latched)
+}
+
+void module_emulator::advance_sfp(clock::time_point now) {
+    if (!memories_.contains(a2)) return;
+    auto& mem = memories_.at(a2);
+    if (!data_ready_ && now >= epoch_ + profile_.i2c_not_ready + profile_.power_up) {
+        data_ready_ = true;
+        mem.clear_bits(lower, sfp_status_control, 0x01);
+    }
+    // Live pin states mirrored into the status byte.
+    std::uint8_t v = mem.peek(lower, sfp_status_control);
+    auto put = [&v](std::uint8_t bit, bool on) {
+        v = on ? static_cast<std::uint8_t>(v | bit) : static_cast<std::uint8_t>(v & ~bit);
+    };
+    put(0x80, sfp_tx_disable_);
+    put(0x10, sfp_rate_select_);
+    put(0x04, live_[static_cast<std::size_t>(lane_flag::tx_fault)][0]);
+    put(0x02, live_[static_cast<std::size_t>(lane_flag::rx_los)][0]);
+    mem.poke(lower, sfp_status_control, v);
+}
+
+bool module_emulator::in_low_power() {
+    service();
+    return low_power_now();
+}
+
+bool module_emulator::transmitter_on(unsigned lane) {
+    service();
+    return tx_on_now(lane);
+}
+
+bool module_emulator::low_power_now() {
+    auto& mem = memories_.at(a0);
+    switch (profile_.family) {
+        case module_family::cmis:
+            return state_ != cmis_state::ready;
+        case module_family::sff8636: {
+            const std::uint8_t control = mem.peek(lower, sff_power_control);
+            const bool low = (control & 0x01) ? (control & 0x02) != 0 : lpmode_;
+            if (low) return true;
+            const std::uint8_t ext_id = mem.peek(page_id{}, 129);
+            if (ext_id & 0x20) return !(control & 0x08);  // class 8
+            if (ext_id & 0x03) return !(control & 0x04);  // classes 5..7
+            return false;
+        }
+        case module_family::sff8472_converter:
+            return false;
+    }
+    return false;
+}
+
+bool module_emulator::tx_on_now(unsigned lane) {
+    if (low_power_now() || lane >= profile_.lanes) return false;
+    auto& mem = memories_.at(a0);
+    switch (profile_.family) {
+        case module_family::sff8636:
+            return !(mem.peek(lower, sff_tx_disable) & (1u << lane));
+        case module_family::cmis: {
+            const page_id control{static_cast<std::uint8_t>(lane / 8), 0x10};
+            if (!mem.has_page(control)) return true;
+            const unsigned bit = 1u << (lane % 8);
+            return !(mem.peek(control, output_disable_tx) & bit) &&
+                   !(mem.peek(control, dp_deinit) & bit);
+        }
+        case module_family::sff8472_converter: {
+            if (sfp_tx_disable_) return false;
+            return !memories_.contains(a2) ||
+                   !(memories_.at(a2).peek(lower, sfp_status_control) & 0x40);
+        }
+    }
+    return false;
+}
+
+std::optional<flag_site> module_emulator::site(lane_flag flag, unsigned lane) const {
+    switch (profile_.family) {
+        case module_family::sff8636: {
+            // SFF-8636 lower page latched flags: 3 LOS (RX 0..3, TX 4..7), 4 TX fault (0..3),
+            // 5 CDR LOL (RX 0..3, TX 4..7).
+            if (lane >= 4) return std::nullopt;
+            const auto l = static_cast<std::uint8_t>(lane);
+            switch (flag) {
+                case lane_flag::rx_los:
+                    return flag_site{a0, {}, 3, l, true};
+                case lane_flag::tx_los:
+                    return flag_site{a0, {}, 3, static_cast<std::uint8_t>(4 + l), true};
+                case lane_flag::tx_fault:
+                    return flag_site{a0, {}, 4, l, true};
+                case lane_flag::rx_lol:
+                    return flag_site{a0, {}, 5, l, true};
+                case lane_flag::tx_lol:
+                    return flag_site{a0, {}, 5, static_cast<std::uint8_t>(4 + l), true};
+            }
+            return std::nullopt;
+        }
+        case module_family::cmis: {
+            // CMIS page 11h latched lane flags: 135 TX fault, 136 TX LOS, 137 TX CDR LOL,
+            // 147 RX LOS, 148 RX CDR LOL; one bit per lane of the bank.
+            const page_id page{static_cast<std::uint8_t>(lane / 8), 0x11};
+            if (!memories_.at(a0).has_page(page)) return std::nullopt;
+            const auto bit = static_cast<std::uint8_t>(lane % 8);
+            static constexpr std::array<std::uint8_t, lane_flag_count> at{135, 136, 137, 147, 148};
+            return flag_site{a0, page, at[static_cast<std::size_t>(flag)], bit, true};
+        }
+        case module_family::sff8472_converter:
+            if (lane != 0 || !memories_.contains(a2)) return std::nullopt;
+            if (flag == lane_flag::tx_fault) return flag_site{a2, {}, sfp_status_control, 2, false};
+            if (flag == lane_flag::rx_los) return flag_site{a2, {}, sfp_status_control, 1, false};
+            return std::nullopt;
+    }
+    return std::nullopt;
+}
+
+void module_emulator::set_flag(lane_flag flag, unsigned lane, bool on) {
+    if (lane >= 16) return;
+    live_[static_cast<std::size_t>(flag)][lane] = on;
+    const auto s = site(flag, lane);
+    if (!s) return;
+    auto& mem = memories_.at(s->device);
+    const auto bit = static_cast<std::uint8_t>(1u << s->bit);
+    if (s->latched) {
+        if (on) mem.latch(s->page, s->offset, bit);
+    } else if (on) {
+        mem.latch(s->page, s->offset, bit);
+    } else {
+        mem.clear_bits(s->page, s->offset, bit);
+    }
+}
+
+void module_emulator::flap(lane_flag flag, unsigned lane, std::string pattern, flap_step step,
+                           clock::duration period, bool repeat) {
+    if (pattern.empty() || pattern.find_first_not_of("01") != std::string::npos)
+        throw std::invalid_argument("flap pattern must be a non-empty string of 0 and 1");
+    if (step == flap_step::per_period && period <= clock::duration::zero())
+        throw std::invalid_argument("a per-period flap needs a period");
+    if (!site(flag, lane)) throw std::invalid_argument("this module has no such flag on that lane");
+    service();
+    flaps_.push_back({flag, lane, std::move(pattern), step, period, repeat, clock_->now(), 0});
+    if (step == flap_step::per_period) service();  // step 0 applies at once
+}
+
+void module_emulator::stop_flaps() {
+    flaps_.clear();
+}
+
+bool module_emulator::flag_live(lane_flag flag, unsigned lane) {
+    service();
+    return lane < 16 && live_[static_cast<std::size_t>(flag)][lane];
+}
+
+void module_emulator::apply_flap_step(flap_entry& f) {
+    const std::size_t n = f.pattern.size();
+    const std::size_t index = f.repeat ? f.applied % n : std::min(f.applied, n - 1);
+    set_flag(f.flag, f.lane, f.pattern[index] == '1');
+    ++f.applied;
+}
+
+void module_emulator::stick(page_id page, std::uint8_t offset, std::vector<std::uint8_t> bytes,
+                            std::uint8_t device_address) {
+    memory(device_address);  // throws for an absent address
+    stuck_.push_back({device_address, page, offset, std::move(bytes)});
+    apply_stuck();
+}
+
+void module_emulator::unstick_all() {
+    stuck_.clear();
+}
+
+void module_emulator::apply_stuck() {
+    for (const auto& s : stuck_) {
+        auto& mem = memories_.at(s.device);
+        for (std::size_t i = 0; i < s.bytes.size(); ++i)
+            mem.poke(s.page, static_cast<std::uint8_t>(s.offset + i), s.bytes[i]);
+    }
+}
+
+bool module_emulator::sfp_signal(cage::sfp_signal signal) {
+    if (profile_.family != module_family::sff8472_converter)
+        throw std::system_error(ENOTSUP, std::generic_category(), "not a converter");
+    service();
+    switch (signal) {
+        case cage::sfp_signal::tx_fault:
+            return live_[static_cast<std::size_t>(lane_flag::tx_fault)][0];
+        case cage::sfp_signal::los:
+            return live_[static_cast<std::size_t>(lane_flag::rx_los)][0];
+        case cage::sfp_signal::tx_disable:
+            return sfp_tx_disable_;
+        case cage::sfp_signal::rate_select:
+            return sfp_rate_select_;
+    }
+    return false;
+}
+
+void module_emulator::set_sfp_signal(cage::sfp_signal signal, bool value) {
+    if (profile_.family != module_family::sff8472_converter)
+        throw std::system_error(ENOTSUP, std::generic_category(), "not a converter");
+    service();
+    switch (signal) {
+        case cage::sfp_signal::tx_disable:
+            sfp_tx_disable_ = value;
+            break;
+        case cage::sfp_signal::rate_select:
+            sfp_rate_select_ = value;
+            break;
+        default:
+            // TX_FAULT and LOS are outputs of the SFP; the host cannot drive them.
+            throw std::system_error(EINVAL, std::generic_category(), "SFP output signal");
+    }
+    service();
+}
+
+std::uint64_t module_emulator::monitor_tick() const {
+    const auto elapsed = clock_->now() - epoch_;
+    if (elapsed < clock::duration::zero()) return 0;
+    return static_cast<std::uint64_t>(elapsed / profile_.monitor_period);
+}
+
+double module_emulator::monitor_value(sensor s, unsigned lane, std::uint64_t tick) const {
+    const monitor_spec* spec = nullptr;
+    switch (s) {
+        case sensor::temperature:
+            spec = &profile_.temperature_c;
+            break;
+        case sensor::vcc:
+            spec = &profile_.vcc_v;
+            break;
+        case sensor::bias:
+            spec = &profile_.bias_ma;
+            break;
+        case sensor::tx_power:
+            spec = &profile_.tx_power_mw;
+            break;
+        case sensor::rx_power:
+            spec = &profile_.rx_power_mw;
+            break;
+    }
+    const std::uint64_t h =
+        splitmix64(profile_.noise_seed ^ splitmix64(static_cast<std::uint64_t>(s) << 56 ^
+                                                    static_cast<std::uint64_t>(lane) << 48 ^ tick));
+    const double u = static_cast<double>(h >> 11) / static_cast<double>(1ULL << 53);  // [0,1)
+    return spec->nominal + spec->noise * (2.0 * u - 1.0);
+}
+
+unsigned module_emulator::cmis_bias_multiplier() {
+    // CMIS page 01h byte 160 bits 4..3: TX bias current multiplier 1, 2 or 4.
+    auto& mem = memories_.at(a0);
+    const page_id adv{0, 0x01};
+    if (!mem.has_page(adv)) return 1;
+    return 1u << ((mem.peek(adv, 160) >> 3) & 0x03);
+}
+
+void module_emulator::refresh_monitors(clock::time_point now) {
+    if (now < epoch_ + profile_.i2c_not_ready) return;
+    const std::uint64_t tick = monitor_tick();
+    const bool sfp = profile_.family == module_family::sff8472_converter;
+    if (sfp && !memories_.contains(a2)) return;
+    auto& mem = memories_.at(sfp ? a2 : a0);
+    const monitor_map& map = profile_.family == module_family::sff8636 ? sff8636_monitors
+                             : profile_.family == module_family::cmis  ? cmis_monitors
+                                                                       : sff8472_monitors;
+    if (profile_.temperature_c.nominal != 0.0 || profile_.temperature_c.noise != 0.0)
+        mem.poke16(lower, map.temperature,
+                   to_s16(monitor_value(sensor::temperature, 0, tick) * 256.0));
+    if (profile_.vcc_v.nominal != 0.0)
+        mem.poke16(lower, map.vcc, to_u16(monitor_value(sensor::vcc, 0, tick) * 10000.0));
+    if (profile_.bias_ma.nominal == 0.0 && profile_.tx_power_mw.nominal == 0.0 &&
+        profile_.rx_power_mw.nominal == 0.0)
+        return;  // passive copper: no lane monitors
+    // Bias LSB 2 uA (times the CMIS multiplier), power LSB 0.1 uW.
+    const double bias_per_ma =
+        500.0 / (profile_.family == module_family::cmis ? cmis_bias_multiplier() : 1);
+    for (unsigned lane = 0; lane < profile_.lanes; ++lane) {
+        page_id page{};
+        std::uint8_t slot = static_cast<std::uint8_t>(2 * lane);
+        if (profile_.family == module_family::cmis) {
+            page = {static_cast<std::uint8_t>(lane / 8), 0x11};
+            if (!mem.has_page(page)) continue;
+            slot = static_cast<std::uint8_t>(2 * (lane % 8));
+        }
+        const bool tx = tx_on_now(lane);
+        const bool los = live_[static_cast<std::size_t>(lane_flag::rx_los)][lane];
+        const double bias = tx ? monitor_value(sensor::bias, lane, tick) : 0.0;
+        const double txp = tx ? monitor_value(sensor::tx_power, lane, tick) : 0.0;
+        const double rxp = los ? 0.0 : monitor_value(sensor::rx_power, lane, tick);
+        mem.poke16(page, static_cast<std::uint8_t>(map.bias + slot), to_u16(bias * bias_per_ma));
+        mem.poke16(page, static_cast<std::uint8_t>(map.tx_power + slot), to_u16(txp * 10000.0));
+        mem.poke16(page, static_cast<std::uint8_t>(map.rx_power + slot), to_u16(rxp * 10000.0));
+    }
+}
+
+void module_emulator::service() {
+    if (reset_held_) return;
+    const auto now = clock_->now();
+    switch (profile_.family) {
+        case module_family::cmis:
+            advance_cmis(now);
+            break;
+        case module_family::sff8636:
+            advance_sff8636(now);
+            break;
+        case module_family::sff8472_converter:
+            break;
+    }
+    // A latched flag whose condition persists sets again right after the host cleared it.
+    for (std::size_t f = 0; f < lane_flag_count; ++f)
+        for (unsigned lane = 0; lane < 16; ++lane)
+            if (live_[f][lane]) {
+                const auto s = site(static_cast<lane_flag>(f), lane);
+                if (s && s->latched)
+                    memories_.at(s->device).latch(s->page, s->offset,
+                                                  static_cast<std::uint8_t>(1u << s->bit));
+            }
+    for (auto& f : flaps_) {
+        if (f.step != flap_step::per_period || now < f.start) continue;
+        const auto due = static_cast<std::size_t>((now - f.start) / f.period) + 1;
+        // Steps missed between two services still latch their '1's, as a module latches a
+        // transient even when nobody looked.
+        if (due > f.applied + 2 * f.pattern.size()) f.applied = due - 2 * f.pattern.size();
+        while (f.applied < due)
+            apply_flap_step(f);
+    }
+    if (profile_.family == module_family::sff8472_converter) advance_sfp(now);
+    refresh_monitors(now);
+    apply_stuck();
+}
+
+}  // namespace qsfpd::emu

@@ -1,0 +1,162 @@
+#pragma once
+
+#include <array>
+#include <bitset>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "cage/qsfp_transport.hpp"
+#include "clock.hpp"
+#include "module_memory.hpp"
+#include "module_profile.hpp"
+
+namespace qsfpd::emu {
+
+// CMIS Module State, page 00h byte 3 bits 3..1 (CMIS 4.0 Table 8-6 / CMIS 5.2 Table 8-7).
+enum class cmis_state : std::uint8_t {
+    low_pwr = 1,
+    pwr_up = 2,
+    ready = 3,
+    pwr_dn = 4,
+    fault = 5,
+};
+
+// Per-lane conditions the emulator can drive (live state and latched flag).
+enum class lane_flag { tx_fault, tx_los, tx_lol, rx_los, rx_lol };
+inline constexpr std::size_t lane_flag_count = 5;
+
+// How a flap pattern advances: one step per host read that covers the flag's byte, or one step
+// per time period.
+enum class flap_step { per_poll, per_period };
+
+// Where the emulator shows a lane flag.
+struct flag_site {
+    std::uint8_t device = 0x50;
+    page_id page;  // ignored for lower memory
+    std::uint8_t offset = 0;
+    std::uint8_t bit = 0;
+    bool latched = true;  // latched flag (clear on read) rather than a live status bit
+};
+
+// One module: its memory (one per two-wire address) plus behaviour, all on the injected clock.
+// Time moves only through the clock; every host access first brings the module up to now().
+class module_emulator {
+  public:
+    module_emulator(module_profile profile, std::shared_ptr<clock> clk);
+    module_emulator(const module_emulator&) = delete;
+    module_emulator& operator=(const module_emulator&) = delete;
+
+    const module_profile& profile() const { return profile_; }
+    module_memory& memory(std::uint8_t device_address = cage::module_address);
+
+    // Whether the module acknowledges its address now: not while reset is held, not during the
+    // not-ready window after insertion or reset, and only at addresses it has memory for.
+    bool answers(std::uint8_t device_address);
+    void read(std::uint8_t device_address, std::uint8_t offset, std::span<std::uint8_t> out);
+    void write(std::uint8_t device_address, std::uint8_t offset,
+               std::span<const std::uint8_t> data);
+
+    // Module lines, as driven by the cage (true = asserted).
+    void set_lpmode(bool asserted);
+    void set_reset(bool asserted);
+    bool reset_held() const { return reset_held_; }
+
+    // Power state. `cmis_module_state` is empty for non-CMIS modules.
+    std::optional<cmis_state> cmis_module_state();
+    // Transmitters held off by the power mode (CMIS not ModuleReady; SFF-8636 low power or a
+    // power class above 4 that the host has not enabled).
+    bool in_low_power();
+    bool transmitter_on(unsigned lane);
+    // Drives a CMIS module into ModuleFault until reset.
+    void force_fault();
+
+    // Fault injection.
+    // A pattern of '0'/'1' applied to the live state of `flag` on `lane`, one step per poll or
+    // per period; every '1' step also latches the flag. `repeat` cycles the pattern, otherwise
+    // the last step holds.
+    void flap(lane_flag flag, unsigned lane, std::string pattern, flap_step step,
+              clock::duration period = {}, bool repeat = true);
+    void stop_flaps();
+    bool flag_live(lane_flag flag, unsigned lane);
+    std::optional<flag_site> site(lane_flag flag, unsigned lane) const;
+    // Freezes bytes (e.g. a monitor register) at a value: the monitor refresh no longer moves them.
+    void stick(page_id page, std::uint8_t offset, std::vector<std::uint8_t> bytes,
+               std::uint8_t device_address = cage::module_address);
+    void unstick_all();
+
+    // The SFP signals of a converter (ENOTSUP for other modules).
+    bool sfp_signal(cage::sfp_signal signal);
+    void set_sfp_signal(cage::sfp_signal signal, bool value);
+
+    // Brings state machine, flaps and monitors up to the clock's now().
+    void service();
+
+    // The engineering value a monitor shows at `tick` (monitor periods since the last restart);
+    // exposed so tests can compare against the registers.
+    enum class sensor : unsigned { temperature, vcc, bias, tx_power, rx_power };
+    double monitor_value(sensor s, unsigned lane, std::uint64_t tick) const;
+    std::uint64_t monitor_tick() const;
+
+  private:
+    struct flap_entry {
+        lane_flag flag;
+        unsigned lane;
+        std::string pattern;
+        flap_step step;
+        clock::duration period;
+        bool repeat;
+        clock::time_point start;
+        std::size_t applied = 0;  // steps applied so far
+    };
+    struct stuck_entry {
+        std::uint8_t device;
+        page_id page;
+        std::uint8_t offset;
+        std::vector<std::uint8_t> bytes;
+    };
+
+    void restart(clock::time_point now);
+    void build_memories();
+    void advance_cmis(clock::time_point now);
+    void enter(cmis_state s, clock::time_point at);
+    bool low_power_requested();
+    void advance_sff8636(clock::time_point now);
+    void advance_sfp(clock::time_point now);
+    void apply_flap_step(flap_entry& f);
+    void set_flag(lane_flag flag, unsigned lane, bool on);
+    void refresh_monitors(clock::time_point now);
+    void apply_stuck();
+    unsigned cmis_bias_multiplier();
+    bool low_power_now();
+    bool tx_on_now(unsigned lane);
+
+    module_profile profile_;
+    std::shared_ptr<clock> clock_;
+    std::map<std::uint8_t, module_memory> memories_;
+    clock::time_point epoch_{};  // last insertion or reset release
+    bool reset_held_ = false;
+    bool lpmode_ = false;
+    bool pending_reset_ = false;
+
+    // CMIS module state machine.
+    bool cmis_initialised_ = false;  // left MgmtInit
+    cmis_state state_ = cmis_state::low_pwr;
+    clock::time_point state_since_{};
+    bool last_request_ = false;
+    clock::time_point request_since_{};
+
+    bool data_ready_ = false;  // SFF-8636 Data_Not_Ready cleared / SFF-8472 Data_Ready_Bar
+
+    std::array<std::bitset<16>, lane_flag_count> live_{};
+    std::vector<flap_entry> flaps_;
+    std::vector<stuck_entry> stuck_;
+    bool sfp_tx_disable_ = false;
+    bool sfp_rate_select_ = false;
+};
+
+}  // namespace qsfpd::emu

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "module_memory.hpp"
+
+namespace qsfpd::emu {
+
+enum class module_family { sff8636, cmis, sff8472_converter };
+
+// A profile that does not load: the message names the file and the field.
+class profile_error : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+struct writable_range {
+    page_id page;
+    std::uint8_t first = 0;
+    std::uint8_t last = 0;
+    std::uint8_t mask = 0xff;
+};
+
+// The image of the memory behind one two-wire address.
+struct memory_image {
+    module_memory::page_image lower{};
+    std::map<page_id, module_memory::page_image> pages;
+    std::vector<writable_range> writable;
+};
+
+// A monitored value: nominal value in engineering units (degC, V, mA, mW) and the amplitude of
+// the uniform noise around it.
+struct monitor_spec {
+    double nominal = 0.0;
+    double noise = 0.0;
+};
+
+// One kind of module, loaded from a JSON file in emu/profiles/ (format: emu/profiles/README.md).
+struct module_profile {
+    std::string name;
+    std::string description;
+    std::string file;
+    module_family family = module_family::sff8636;
+    unsigned lanes = 4;
+    std::map<std::uint8_t, memory_image> memories;  // by device address: 0x50, and 0x51 for A2h
+    unsupported_page page_policy = unsupported_page::reject;
+
+    // Behaviour timing.
+    std::chrono::milliseconds i2c_not_ready{2000};  // after insertion or reset: bus NACKs
+    std::chrono::milliseconds power_up{1000};       // CMIS ModulePwrUp; SFF-8636 Data_Not_Ready
+    std::chrono::milliseconds power_down{100};      // CMIS ModulePwrDn
+    std::chrono::milliseconds monitor_period{100};  // monitors refresh (new noise sample)
+
+    monitor_spec temperature_c{35.0, 0.5};
+    monitor_spec vcc_v{3.3, 0.01};
+    monitor_spec bias_ma{40.0, 0.5};
+    monitor_spec tx_power_mw{1.0, 0.02};
+    monitor_spec rx_power_mw{0.8, 0.02};
+    std::uint64_t noise_seed = 1;
+
+    const memory_image& image(std::uint8_t device_address = 0x50) const;
+
+    static module_profile parse(std::string_view json, std::string_view origin);
+    static module_profile load(const std::filesystem::path& file);
+    // A profile of emu/profiles/ by its file stem, e.g. "qsfp28_100g_lr4".
+    static module_profile load_named(std::string_view stem);
+    static std::filesystem::path directory();
+    static std::vector<std::filesystem::path> all_files();
+};
+
+std::string_view to_string(module_family family);
+
+// Checksum byte = low byte of the sum of [first, last] in the image of `page` (lower memory
+// for offsets below 128). Exposed for tests and tools.
+std::uint8_t checksum(const memory_image& image, page_id page, std::uint8_t first,
+                      std::uint8_t last);
+
+}  // namespace qsfpd::emu

@@ -1,0 +1,451 @@
+#!/usr/bin/env python3
+"""Builds the emulator profiles of this folder from the real module dumps.
+
+Usage: make_profiles.py [DUMP_DIR]   (default /work/shared/module-dumps)
+
+Dump-based profiles keep the module's identity and advertisement bytes as read from the real
+module; the volatile bytes of the capture (latched flags, TX disable, power control) are set back
+to their power-on value. Constructed profiles start from the closest dump and change the fields
+named in their comments. Every checksum is recomputed here; the emulator verifies them on load.
+"""
+import json
+import os
+import struct
+import sys
+
+DUMPS = sys.argv[1] if len(sys.argv) > 1 else "/work/shared/module-dumps"
+OUT = os.path.dirname(os.path.abspath(__file__))
+
+
+def load(name):
+    data = []
+    with open(os.path.join(DUMPS, name)) as f:
+        for line in f:
+            line = line.strip()
+            if line and not line.startswith("#"):
+                data += [int(x, 16) for x in line.split()]
+    return data
+
+
+def blocks(data):
+    return [data[i:i + 128] for i in range(0, len(data), 128)]
+
+
+def zeros():
+    return [0] * 128
+
+
+def put(block, offset, values, base=128):
+    for i, v in enumerate(values):
+        block[offset - base + i] = v & 0xFF
+
+
+def put16(block, offset, value, base=128):
+    put(block, offset, list(struct.pack(">H", value & 0xFFFF)), base)
+
+
+def put_text(block, offset, text, size, base=128):
+    put(block, offset, list(text.ljust(size).encode("ascii")[:size]), base)
+
+
+def csum(block, first, last, base=128):
+    return sum(block[first - base:last - base + 1]) & 0xFF
+
+
+def hexs(block):
+    assert len(block) == 128
+    return "".join(f"{b:02x}" for b in block)
+
+
+def thresholds(block, first, values):
+    """Four big-endian u16/s16 thresholds (high alarm, low alarm, high warning, low warning)."""
+    for i, v in enumerate(values):
+        put16(block, first + 2 * i, int(round(v)))
+
+
+# Alarm/warning thresholds in register units: temperature 1/256 degC, Vcc 100 uV, power
+# 0.1 uW, bias 2 uA.
+def temp(c):
+    return int(round(c * 256)) & 0xFFFF
+
+
+def vcc(v):
+    return int(round(v * 10000))
+
+
+def mw(p):
+    return int(round(p * 10000))
+
+
+def ma(i, multiplier=1):
+    return int(round(i * 500 / multiplier))
+
+
+SFF8636_WRITABLE = [
+    {"page": "lower", "from": 86, "to": 92},    # TX disable, rate select, application select
+    {"page": "lower", "from": 93, "to": 93, "mask": 15},  # power override/set, high power enables
+    {"page": "lower", "from": 94, "to": 99},    # CDR and other controls
+    {"page": "lower", "from": 100, "to": 106},  # interrupt masks
+    {"page": "lower", "from": 119, "to": 126},  # password change / entry
+]
+
+
+def sff8636_page03(rx=(3.5, 0.05, 2.5, 0.1), bias=(80, 10, 75, 15), tx=(3.5, 0.1, 2.5, 0.2)):
+    """SFF-8636 page 03h: thresholds 128 temperature, 144 Vcc, 176 RX power, 184 bias, 192 TX
+    power (high alarm, low alarm, high warning, low warning)."""
+    p = zeros()
+    thresholds(p, 128, [temp(75), temp(-5), temp(70), temp(0)])
+    thresholds(p, 144, [vcc(3.63), vcc(2.97), vcc(3.465), vcc(3.135)])
+    thresholds(p, 176, [mw(x) for x in rx])
+    thresholds(p, 184, [ma(x) for x in bias])
+    thresholds(p, 192, [mw(x) for x in tx])
+    return p
+
+
+def sff8636_sums(page00):
+    page00[191 - 128] = csum(page00, 128, 190)
+    page00[223 - 128] = csum(page00, 192, 222)
+
+
+def sff8636_power_on(lower):
+    for i in range(3, 22):  # latched flags
+        lower[i] = 0
+    lower[86] = 0  # TX disable
+    lower[93] = 0  # power control: LPMode pin governs, high power classes disabled
+    lower[127] = 0
+
+
+def sff8636_profile(name, description, source, lower, pages, lanes, monitors, extra_writable=()):
+    sff8636_power_on(lower)
+    sff8636_sums(pages["00"])
+    writable = SFF8636_WRITABLE + list(extra_writable)
+    if "02" in pages:
+        writable.append({"page": "02", "from": 128, "to": 255})  # user EEPROM
+    if "03" in pages:
+        writable.append({"page": "03", "from": 226, "to": 255})  # channel controls, masks
+    return {
+        "name": name,
+        "description": description,
+        "source": source,
+        "family": "sff8636",
+        "lanes": lanes,
+        "behaviour": {"i2c_not_ready_ms": 2000, "power_up_ms": 300, "monitor_period_ms": 100,
+                      "unsupported_page": "reject"},
+        "monitors": monitors,
+        "writable": writable,
+        "pages": {"lower": hexs(lower), **{k: hexs(v) for k, v in pages.items()}},
+    }
+
+
+def optical_monitors(seed, temp_c, bias_ma, tx_mw, rx_mw):
+    return {
+        "seed": seed,
+        "temperature_c": {"nominal": temp_c, "noise": 0.5},
+        "vcc_v": {"nominal": 3.3, "noise": 0.01},
+        "bias_ma": {"nominal": bias_ma, "noise": bias_ma * 0.01},
+        "tx_power_mw": {"nominal": tx_mw, "noise": tx_mw * 0.02},
+        "rx_power_mw": {"nominal": rx_mw, "noise": rx_mw * 0.03},
+    }
+
+
+# The FS DAC reports temperature and Vcc (27.8 degC, 3.22 V in the dump) but no lane monitors.
+PASSIVE = {"seed": 3104, "temperature_c": {"nominal": 27.8, "noise": 0.3},
+           "vcc_v": {"nominal": 3.22, "noise": 0.005}, "bias_ma": {"nominal": 0, "noise": 0},
+           "tx_power_mw": {"nominal": 0, "noise": 0}, "rx_power_mw": {"nominal": 0, "noise": 0}}
+
+
+def write(stem, profile):
+    with open(os.path.join(OUT, stem + ".json"), "w") as f:
+        json.dump(profile, f, indent=2)
+        f.write("\n")
+
+
+# --- SFF-8636 -------------------------------------------------------------------------------
+
+def lr4():
+    lower, p00 = blocks(load("sff8636_qsfp28_100g_lr4_dell_3mfxg.hex"))
+    # Dump: lower + page 00h. Byte 195 advertises pages 01h and 02h, byte 2 says paged memory,
+    # so pages 01h (AST, empty), 02h (user EEPROM) and 03h (thresholds) are added.
+    assert (p00[186 - 128] << 8 | p00[187 - 128]) * 0.05 == 1310.0  # nominal wavelength
+    return sff8636_profile(
+        "QSFP28 100GBASE-LR4 (Dell 3MFXG)", "SFF-8636, 4 lanes, 1310 nm, power class 5",
+        "sff8636_qsfp28_100g_lr4_dell_3mfxg.hex", lower,
+        {"00": p00, "01": zeros(), "02": zeros(), "03": sff8636_page03()}, 4,
+        optical_monitors(3101, 38.0, 45.0, 1.0, 0.8))
+
+
+def cwdm4():
+    lower, p00 = blocks(load("sff8636_qsfp28_100g_cwdm4_lumentum_lq210cr.hex"))
+    return sff8636_profile(
+        "QSFP28 100G CWDM4 (Lumentum LQ210CR-CAA1)", "SFF-8636, 4 lanes, CWDM grid 1271..1331 nm",
+        "sff8636_qsfp28_100g_cwdm4_lumentum_lq210cr.hex", lower,
+        {"00": p00, "01": zeros(), "02": zeros(), "03": sff8636_page03()}, 4,
+        optical_monitors(3102, 41.0, 38.0, 0.9, 0.7))
+
+
+def fr1_pam4():
+    """Constructed: a 100G single-lambda QSFP28 (4x25G NRZ host, DSP gearbox, one 100G PAM4
+    1311 nm media lane) from the Dell LR4 image. SFF-8636 page 00h changes:
+    192 extended compliance 26h (100G-FR or 100GBASE-FR1, SFF-8024 Table 4-4), 139 encoding 08h
+    (PAM4), 186-187 1311 nm, 147 transmitter technology 60h (1310 nm EML), 195 bit 0 (pages
+    20h-21h implemented) set with empty pages 20h/21h, 222 extended baud rate 53.125 GBd in
+    250 MBd units."""
+    lower, p00 = blocks(load("sff8636_qsfp28_100g_lr4_dell_3mfxg.hex"))
+    put_text(p00, 148, "QSFPD-EMU", 16)
+    put_text(p00, 168, "EMU-Q28-100G-FR1", 16)
+    put_text(p00, 184, "01", 2)
+    put_text(p00, 196, "EMU0000000000001", 16)
+    put(p00, 139, [0x08])
+    put(p00, 147, [0x60])
+    put16(p00, 186, int(1311 / 0.05))
+    put16(p00, 188, int(6.5 / 0.005))
+    put(p00, 192, [0x26])
+    p00[195 - 128] |= 0x01
+    put(p00, 222, [212])  # 53.125 GBd / 0.25
+    return sff8636_profile(
+        "QSFP28 100G-FR1 single lambda PAM4 with DSP (constructed)",
+        "SFF-8636, 1 media lane (PAM4), ext. compliance 26h, pages 20h-21h implemented",
+        "constructed from sff8636_qsfp28_100g_lr4_dell_3mfxg.hex", lower,
+        {"00": p00, "01": zeros(), "02": zeros(), "03": sff8636_page03(), "20": zeros(),
+         "21": zeros()}, 1, optical_monitors(3103, 45.0, 60.0, 1.6, 1.1))
+
+
+def dac():
+    lower, p00, p01, p02, p03 = blocks(load("sff8636_qsfpplus_dac_fs_c1907253451.hex"))
+    assert p00[147 - 128] == 0xA0  # copper cable, unequalized
+    return sff8636_profile(
+        "QSFP+ passive copper DAC (FS Q28-PCxx)", "SFF-8636, 4 lanes, passive copper, temperature and Vcc only",
+        "sff8636_qsfpplus_dac_fs_c1907253451.hex", lower,
+        {"00": p00, "01": p01, "02": p02, "03": p03}, 4, PASSIVE)
+
+
+# --- CMIS -----------------------------------------------------------------------------------
+
+CMIS_WRITABLE = [
+    {"page": "lower", "from": 26, "to": 26},    # module global controls
+    {"page": "lower", "from": 31, "to": 36},    # module-level masks
+    {"page": "lower", "from": 122, "to": 125},  # password
+    {"page": "03", "from": 128, "to": 255},     # user EEPROM
+    {"page": "b0:10", "from": 128, "to": 255},  # lane controls (data path, output disable, staged set)
+]
+
+
+def app(host, media, host_lanes, media_lanes, assignment):
+    return [host, media, host_lanes << 4 | media_lanes, assignment]
+
+
+def cmis_apps(lower, apps):
+    """Lower page 86..117: eight application descriptors, FFh host code ends the list."""
+    for i in range(8):
+        desc = apps[i] if i < len(apps) else ([0xFF, 0, 0, 0] if i == len(apps) else [0, 0, 0, 0])
+        put(lower, 86 + 4 * i, desc, base=0)
+
+
+def cmis_page01(wavelength_nm, tolerance_nm, smf_km, media_lanes_per_app, bias_multiplier_code,
+                durations=None, rev=(1, 0)):
+    """CMIS page 01h: 130-131 hardware rev, 132 SMF length, 138-139 nominal wavelength (0.05 nm),
+    140-141 tolerance (0.005 nm), 142 page 03h supported (bit 2), 144 data path init/deinit
+    duration codes, 155 TX disable supported, 157/158 TX/RX flags supported, 160 lane monitors
+    and bias multiplier (bits 4..3), 176.. media lane assignment per application, 255 checksum
+    over 130..254."""
+    p = zeros()
+    put(p, 130, list(rev))
+    put(p, 132, [int(smf_km * 10) & 0x3F])  # multiplier 0.1 km
+    put16(p, 138, int(round(wavelength_nm / 0.05)))
+    put16(p, 140, int(round(tolerance_nm / 0.005)))
+    put(p, 142, [0x04])
+    put(p, 144, [0x44])
+    put(p, 155, [0x02])
+    put(p, 157, [0x07, 0x06])
+    put(p, 160, [0x07 | bias_multiplier_code << 3])
+    if durations is not None:
+        put(p, 167, [durations])  # ModulePwrDn/PwrUp duration codes (CMIS 5.x)
+    put(p, 176, media_lanes_per_app)
+    p[255 - 128] = csum(p, 130, 254)
+    return p
+
+
+def cmis_page02(tx=(3.5, 0.1, 2.5, 0.2), bias=(80, 10, 75, 15), rx=(3.5, 0.05, 2.5, 0.1),
+                multiplier=1):
+    """CMIS page 02h thresholds: 128 temperature, 136 Vcc, 176 TX power, 184 bias, 192 RX power."""
+    p = zeros()
+    thresholds(p, 128, [temp(75), temp(-5), temp(70), temp(0)])
+    thresholds(p, 136, [vcc(3.465), vcc(3.135), vcc(3.45), vcc(3.15)])
+    thresholds(p, 176, [mw(x) for x in tx])
+    thresholds(p, 184, [ma(x, multiplier) for x in bias])
+    thresholds(p, 192, [mw(x) for x in rx])
+    return p
+
+
+def cmis_page10(host_lanes, appsel=1):
+    """Page 10h: 145..152 staged control set 0, AppSel in bits 7..4 per host lane."""
+    p = zeros()
+    put(p, 145, [appsel << 4 if lane < host_lanes else 0 for lane in range(8)])
+    return p
+
+
+def cmis_page11(host_lanes, appsel=1):
+    """Page 11h: 206..213 active control set, AppSel per host lane; states and monitors are the
+    emulator's."""
+    p = zeros()
+    put(p, 206, [appsel << 4 if lane < host_lanes else 0 for lane in range(8)])
+    return p
+
+
+def cmis_identity(p00, vendor, pn, rev, sn, date):
+    put_text(p00, 129, vendor, 16)
+    put_text(p00, 148, pn, 16)
+    put_text(p00, 164, rev, 2)
+    put_text(p00, 166, sn, 16)
+    put_text(p00, 182, date, 8)
+
+
+def cmis_profile(name, description, source, lower, pages, lanes, monitors, extra_writable=(),
+                 power_up_ms=800, power_down_ms=80):
+    lower[26] = 0x40  # LowPwrAllowRequestHW set: the power-on default
+    for i in range(8, 14):
+        lower[i] = 0
+    lower[126] = lower[127] = 0
+    pages["00"][222 - 128] = csum(pages["00"], 128, 221)
+    return {
+        "name": name,
+        "description": description,
+        "source": source,
+        "family": "cmis",
+        "lanes": lanes,
+        "behaviour": {"i2c_not_ready_ms": 2000, "power_up_ms": power_up_ms,
+                      "power_down_ms": power_down_ms, "monitor_period_ms": 100,
+                      "unsupported_page": "reject"},
+        "monitors": monitors,
+        "writable": CMIS_WRITABLE + list(extra_writable),
+        "pages": {"lower": hexs(lower), **{k: hexs(v) for k, v in pages.items()}},
+    }
+
+
+def fr4():
+    """400GBASE-FR4 adapted from the Avago 400G DR4 image (CMIS 4.0): application 1 becomes
+    400GAUI-8 (11h) / 400G-FR4 (1Dh), 8 host and 4 media lanes; the DR4's 100G breakout
+    application is dropped (FR4 has no single-lane breakout). Connector LC (07h)."""
+    lower, p00 = blocks(load("cmis_qsfpdd_400g_dr4_avago_afct93drphz_fd2038fg0fk.hex"))
+    assert lower[0] == 0x18 and lower[1] == 0x40
+    cmis_apps(lower, [app(0x11, 0x1D, 8, 4, 0x01)])
+    lower[85] = 0x02  # single-mode fibre media codes
+    cmis_identity(p00, "QSFPD-EMU", "EMU-QDD-400G-FR4", "01", "EMU0000000000004", "201007")
+    put(p00, 203, [0x07])
+    return cmis_profile(
+        "QSFP-DD 400G-FR4 (constructed from Avago AFCT-93DRPHZ)", "CMIS 4.0, 8 host / 4 media lanes",
+        "adapted from cmis_qsfpdd_400g_dr4_avago_afct93drphz_fd2038fg0fk.hex", lower,
+        {"00": p00, "01": cmis_page01(1301, 6.5, 2, [0x01], 0), "02": cmis_page02(),
+         "03": zeros(), "b0:10": cmis_page10(8), "b0:11": cmis_page11(8)}, 4,
+        optical_monitors(4001, 42.0, 55.0, 1.4, 1.0))
+
+
+ZR_WRITABLE = [
+    {"page": "b0:12", "from": 128, "to": 167},  # grid, channel, fine tuning
+    {"page": "b0:12", "from": 200, "to": 215},  # target output power
+]
+
+
+def coherent_pages(grid_low, grid_high, pmin_dbm, pmax_dbm, target_dbm):
+    """C-CMIS tunable laser pages. Page 04h: 128 supported grids (bit 7 75 GHz), 158/160 lowest/
+    highest 75 GHz-grid channel (signed, 25 GHz steps from 193.1 THz), 198/200 min/max
+    programmable output power (signed 0.01 dBm). Page 12h: 128 grid spacing lane 1 (bits 7..4,
+    7 = 75 GHz), 136 channel lane 1, 168 current frequency lane 1 (u32, MHz), 200 target output
+    power lane 1 (0.01 dBm), 222 tuning status, 231 latched tuning flags."""
+    p04 = zeros()
+    put(p04, 128, [0x80])
+    put16(p04, 158, grid_low)
+    put16(p04, 160, grid_high)
+    put16(p04, 198, int(round(pmin_dbm * 100)))
+    put16(p04, 200, int(round(pmax_dbm * 100)))
+    p12 = zeros()
+    put(p12, 128, [0x70])
+    put16(p12, 136, 0)
+    put(p12, 168, list(struct.pack(">I", 193_100_000)))
+    put16(p12, 200, int(round(target_dbm * 100)))
+    return p04, p12
+
+
+def coherent(revision, name, apps, media_lane_assign, pmin, pmax, target, seed, tx_mw, durations):
+    lower, p00 = blocks(load("cmis_qsfpdd_400g_dr4_avago_afct93drphz_fd2038fg0fk.hex"))
+    lower[1] = revision
+    cmis_apps(lower, apps)
+    lower[85] = 0x02
+    cmis_identity(p00, "QSFPD-EMU", name, "01", f"EMU00000000{revision:05x}", "240101")
+    put(p00, 200, [0xE0, 80])  # power class 8, 20 W max (0.25 W units)
+    put(p00, 203, [0x07])      # LC
+    put(p00, 212, [0x10])      # media interface technology: C-band tunable laser
+    p04, p12 = coherent_pages(-69, 120, pmin, pmax, target)
+    pages = {"00": p00, "01": cmis_page01(0, 0, 0, media_lane_assign, 2, durations),
+             "02": cmis_page02(tx=(0.4, 0.05, 0.32, 0.063), bias=(300, 50, 280, 60),
+                               rx=(1.0, 0.0016, 0.8, 0.002), multiplier=4),
+             "03": zeros(), "04": p04, "b0:10": cmis_page10(8), "b0:11": cmis_page11(8),
+             "b0:12": p12}
+    return lower, pages, optical_monitors(seed, 55.0, 150.0, tx_mw, 0.05)
+
+
+def zr():
+    """400ZR (CMIS 4.0 + C-CMIS): app 1 400GAUI-8 / 400ZR DWDM amplified (3Eh), app 2 400GAUI-8 /
+    400ZR single wavelength unamplified (3Fh); 8 host lanes, 1 media lane; 191.375..196.100 THz
+    on the 75 GHz grid; output power -10..-6 dBm."""
+    lower, pages, mon = coherent(0x40, "EMU-QDD-400G-ZR",
+                                 [app(0x11, 0x3E, 8, 1, 0x01), app(0x11, 0x3F, 8, 1, 0x01)],
+                                 [0x01, 0x01], -10.0, -6.0, -10.0, 4002, 0.1, None)
+    return cmis_profile("QSFP-DD 400ZR coherent tunable (constructed)",
+                        "CMIS 4.0, C-CMIS pages 04h/12h, 1 media lane",
+                        "constructed from CMIS and C-CMIS tables on the Avago image", lower, pages, 1,
+                        mon, ZR_WRITABLE, power_up_ms=1500, power_down_ms=200)
+
+
+def zr_plus():
+    """400ZR+ (CMIS 5.0, revision 50h): app 1 400GAUI-8 / ZR400-OFEC-16QAM (46h), app 2
+    400GAUI-8 / 400ZR DWDM (3Eh), app 3 100GAUI-2 (0Dh) / ZR100-OFEC-QPSK (49h), 2 host lanes;
+    output power -15..+1 dBm; page 01h byte 167 power up/down duration codes 6 (< 1 s) / 5
+    (< 500 ms)."""
+    lower, pages, mon = coherent(0x50, "EMU-QDD-400G-ZRP",
+                                 [app(0x11, 0x46, 8, 1, 0x01), app(0x11, 0x3E, 8, 1, 0x01),
+                                  app(0x0D, 0x49, 2, 1, 0x01)],
+                                 [0x01, 0x01, 0x01], -15.0, 1.0, 0.0, 5001, 1.0, 0x56)
+    return cmis_profile("QSFP-DD 400ZR+ coherent tunable (constructed)",
+                        "CMIS 5.0, C-CMIS pages 04h/12h, 1 media lane, OpenZR+ modes",
+                        "constructed from CMIS and C-CMIS tables on the Avago image", lower, pages, 1,
+                        mon, ZR_WRITABLE, power_up_ms=900, power_down_ms=400)
+
+
+# --- QSFP-to-SFP converter ------------------------------------------------------------------
+
+def converter_sfp_sr():
+    a0l, a0u, a2l, a2u = blocks(load("sff8472_sfpplus_10g_sr_finisar_ftlx8571d3bcl_auj0rcj.hex"))
+    assert a0l[0] == 0x03 and a0l[92] & 0x40
+    # SFF-8472 checksums: A0h 63 over 0..62, 95 over 64..94; A2h 95 over 0..94.
+    assert csum(a0l, 0, 62, 0) == a0l[63] and csum(a0l, 64, 94, 0) == a0l[95]
+    a2l[110] &= 0x00  # status/control: the emulator drives the state bits
+    a2l[95] = csum(a2l, 0, 94, 0)
+    a2l[127] = 0
+    return {
+        "name": "QSFP-to-SFP converter with 10GBASE-SR SFP+ (Finisar FTLX8571D3BCL)",
+        "description": "SFF-8472 behind a QSA: A0h at 50h, A2h at 51h",
+        "source": "sff8472_sfpplus_10g_sr_finisar_ftlx8571d3bcl_auj0rcj.hex",
+        "family": "sff8472-converter",
+        "lanes": 1,
+        "behaviour": {"i2c_not_ready_ms": 300, "power_up_ms": 300, "monitor_period_ms": 100,
+                      "unsupported_page": "reject"},
+        "monitors": optical_monitors(8472, 33.0, 7.5, 0.55, 0.5),
+        "writable": [
+            {"page": "a2:lower", "from": 110, "to": 110, "mask": 0x48},  # soft TX disable, soft RS(0)
+            {"page": "a2:lower", "from": 118, "to": 118, "mask": 0x08},  # soft RS(1)
+            {"page": "a2:lower", "from": 123, "to": 126},              # password
+            {"page": "a2:00", "from": 128, "to": 247},                 # user EEPROM
+        ],
+        "pages": {"a0:lower": hexs(a0l), "a0:00": hexs(a0u), "a2:lower": hexs(a2l),
+                  "a2:00": hexs(a2u)},
+    }
+
+
+if __name__ == "__main__":
+    for stem, build in [("qsfp28_100g_lr4", lr4), ("qsfp28_100g_cwdm4", cwdm4),
+                        ("qsfp28_100g_fr1_pam4", fr1_pam4), ("qsfpplus_dac_passive", dac),
+                        ("qsfpdd_400g_fr4", fr4), ("qsfpdd_400zr", zr), ("qsfpdd_400zr_plus", zr_plus),
+                        ("qsa_sfpplus_10g_sr", converter_sfp_sr)]:
+        write(stem, build())
+        print("wrote", stem)
