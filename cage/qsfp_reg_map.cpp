@@ -66,7 +66,13 @@ const field_def& qsfp_reg_map::cmis_only(const field_def& f) {
 }
 
 void qsfp_reg_map::read(const field_def& f, std::span<std::uint8_t> out) {
-    device_.i2c_read_bank(f.bank, f.address(), out);
+    try {
+        device_.i2c_read_bank(f.bank, f.address(), out);
+    } catch (const std::system_error&) {
+        // A module that stopped answering may not be the one that comes back.
+        family_.reset();
+        throw;
+    }
 }
 
 std::uint8_t qsfp_reg_map::read_u8(const field_def& f) {

@@ -12,8 +12,9 @@ namespace qsfpd::cage {
 
 // The named register fields of the module in a cage, over a qsfp_device. Fields come from the
 // tables in register_fields.hpp; the map picks the SFF-8636 or the CMIS location by the module's
-// identifier (read once, then cached until forget_identity()). Every accessor throws
-// std::system_error on an I2C failure, and ENOTSUP for a field the module's family does not have.
+// identifier (read once, then cached until forget_identity() or a failed read). Every accessor
+// throws std::system_error on an I2C failure, and ENOTSUP for a field the module's family does not
+// have.
 class qsfp_reg_map {
   public:
     explicit qsfp_reg_map(qsfp_device& device) : device_(device) {}

@@ -303,6 +303,17 @@ TEST(qsfp_reg_map_access, every_accessor_throws_on_a_bus_failure) {
     EXPECT_EQ(m.map.get_vendor_name(), "DELL");
 }
 
+TEST(qsfp_reg_map_access, a_failed_read_makes_the_identity_read_again) {
+    module_on_bus m("sff8636_qsfp28_100g_lr4_dell_3mfxg.hex");
+    EXPECT_EQ(m.map.get_vendor_name(), "DELL");
+    m.bus->fail_next(EIO);
+    EXPECT_EQ(error_of([&] { (void)m.map.get_part_number(); }), EIO);
+    // A CMIS module answers next in the same cage.
+    m.bus->load_flat(
+        test::read_dump_image("cmis_qsfpdd_400g_dr4_avago_afct93drphz_fd2038fg0fk.hex"));
+    EXPECT_EQ(m.map.get_part_number(), "AFCT-93DRPHZ-AZ2");
+}
+
 TEST(qsfp_reg_map_access, masked_register_writes) {
     module_on_bus m("sff8636_qsfp28_100g_lr4_dell_3mfxg.hex");
     m.bus->set_byte(0x03, 242, 0xF0);
