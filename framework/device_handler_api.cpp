@@ -90,8 +90,12 @@ struct device_handler_api::impl {
                 asio::write(socket, asio::buffer(busy), ignored);
                 socket.close(ignored);
             } else {
-                std::make_shared<dh::server::connection<Socket>>(std::move(socket), context)
-                    ->start();
+                auto connection =
+                    std::make_shared<dh::server::connection<Socket>>(std::move(socket), context);
+                connection->start();
+                auto& open = context->open_connections;
+                std::erase_if(open, [](const auto& c) { return c.expired(); });
+                open.push_back(connection);
             }
             accept<Acceptor, Socket>(acceptor);
         });
@@ -103,6 +107,10 @@ struct device_handler_api::impl {
         if (tcp_acceptor) tcp_acceptor->close(ignored);
         if (local_acceptor) local_acceptor->close(ignored);
         signal_set.cancel(ignored);
+        // Clients learn at once that the server is gone.
+        for (auto& weak : context->open_connections)
+            if (auto c = weak.lock()) c->close();
+        context->open_connections.clear();
         io.stop();
     }
 

@@ -7,7 +7,7 @@
 namespace asio = boost::asio;
 
 namespace {
-constexpr int connection_refused = -111;
+constexpr int connection_refused = dh::errc::connection_refused;
 constexpr std::size_t max_response_bytes = 64 * 1024 * 1024;
 }  // namespace
 
@@ -47,12 +47,22 @@ struct device_handler_client::impl {
             asio::ip::tcp::resolver resolver(io);
             auto endpoints = resolver.resolve(host, std::to_string(port), ec);
             if (ec || endpoints.empty()) return false;
-            asio::ip::tcp::endpoint endpoint = *endpoints.begin();
-            socket.async_connect(asio::generic::stream_protocol::endpoint(endpoint),
-                                 [&](boost::system::error_code e) {
-                                     ec = e;
-                                     done = true;
-                                 });
+            // "localhost" may resolve to ::1 first while the server listens on IPv4 only.
+            for (const auto& entry : endpoints) {
+                done = false;
+                ec = {};
+                socket.async_connect(asio::generic::stream_protocol::endpoint(entry.endpoint()),
+                                     [&](boost::system::error_code e) {
+                                         ec = e;
+                                         done = true;
+                                     });
+                if (run_until(done, timeout) && !ec) break;
+                boost::system::error_code ignored;
+                socket.close(ignored);
+                ec = asio::error::connection_refused;
+            }
+            if (ec) return false;
+            done = true;
         } else {
             socket.async_connect(asio::generic::stream_protocol::endpoint(
                                      asio::local::stream_protocol::endpoint(socket_path)),
@@ -103,7 +113,11 @@ struct device_handler_client::impl {
         }
     }
 
-    bool write_all(const std::string& text, std::chrono::milliseconds timeout) {
+    enum class write_result { written, timed_out, failed };
+
+    // A write that did not complete may have sent part of a request: the connection is closed
+    // either way, so no later request is glued to the remains of this one.
+    write_result write_all(const std::string& text, std::chrono::milliseconds timeout) {
         bool done = false;
         boost::system::error_code ec;
         asio::async_write(socket, asio::buffer(text),
@@ -111,13 +125,11 @@ struct device_handler_client::impl {
                               ec = e;
                               done = true;
                           });
-        if (!run_until(done, timeout)) return false;
-        if (ec) {
-            boost::system::error_code ignored;
-            socket.close(ignored);
-            return false;
-        }
-        return true;
+        const bool completed = run_until(done, timeout);
+        if (completed && !ec) return write_result::written;
+        boost::system::error_code ignored;
+        socket.close(ignored);
+        return completed ? write_result::failed : write_result::timed_out;
     }
 
     // Keeps a notification for next_notification; returns true if the line was one.
@@ -178,8 +190,14 @@ std::string device_handler_client::call_raw(const std::string& request_line) {
         throw dh_error(connection_refused, "Cannot connect to " + target_);
     std::string line = request_line;
     if (line.empty() || line.back() != '\n') line += '\n';
-    if (!impl_->write_all(line, timeout_))
-        throw dh_error(connection_refused, "Connection to " + target_ + " lost");
+    switch (impl_->write_all(line, timeout_)) {
+        case impl::write_result::written:
+            break;
+        case impl::write_result::timed_out:
+            throw dh_error(dh::errc::timed_out, "Request to " + target_ + " timed out");
+        case impl::write_result::failed:
+            throw dh_error(connection_refused, "Connection to " + target_ + " lost");
+    }
     while (true) {
         std::string response;
         if (!impl_->read_line(response, timeout_)) {
@@ -200,10 +218,12 @@ std::string device_handler_client::call_raw(const std::string& request_line) {
 rapidjson::Document device_handler_client::call(const std::string& method,
                                                 const rapidjson::Value& params) {
     std::string request = R"({"jsonrpc":"2.0","id":)";
+    std::uint64_t id = 0;
     {
         std::lock_guard lock(mutex_);
-        request += std::to_string(impl_->next_id++);
+        id = impl_->next_id++;
     }
+    request += std::to_string(id);
     request += R"(,"method":)";
     dh::append_json_string(request, method);
     request += R"(,"params":)";
@@ -214,6 +234,15 @@ rapidjson::Document device_handler_client::call(const std::string& method,
     doc.Parse(response.c_str(), response.size());
     if (doc.HasParseError() || !doc.IsObject())
         throw dh_error(dh::errc::io_error, "Malformed answer from " + target_);
+    auto answered = doc.FindMember("id");
+    const bool unattributed_error =
+        answered != doc.MemberEnd() && answered->value.IsNull() && doc.HasMember("error");
+    if (!unattributed_error && (answered == doc.MemberEnd() || !answered->value.IsUint64() ||
+                                answered->value.GetUint64() != id)) {
+        // Not the answer to this request: the stream can no longer be trusted.
+        disconnect();
+        throw dh_error(dh::errc::io_error, "Answer out of order from " + target_);
+    }
     if (auto error = doc.FindMember("error"); error != doc.MemberEnd()) {
         int code = dh::errc::io_error;
         std::string message = "error";

@@ -11,6 +11,13 @@
 
 namespace dh::server {
 
+// What the server needs of a connection to end it when the server stops.
+class closable {
+  public:
+    virtual ~closable() = default;
+    virtual void close() = 0;
+};
+
 // What all connections of one server share.
 // Connections hold it shared, so one that outlives the server's run touches nothing freed.
 struct server_context {
@@ -30,6 +37,8 @@ struct server_context {
     std::size_t max_output_bytes;
     std::string log_tag;
     std::atomic<std::size_t> connections{0};
+    // Live connections, touched on the network thread only.
+    std::vector<std::weak_ptr<closable>> open_connections;
 };
 
 // The session of a connection: notifications from any thread are handed to the network thread.
@@ -50,7 +59,7 @@ class connection_session final : public dh_session {
 // back, so responses keep the order of the requests and a subscription's answer comes before
 // its first notification.
 template <class Socket>
-class connection : public std::enable_shared_from_this<connection<Socket>> {
+class connection : public closable, public std::enable_shared_from_this<connection<Socket>> {
   public:
     connection(Socket socket, std::shared_ptr<server_context> context)
         : socket_(std::move(socket)),
@@ -100,6 +109,10 @@ class connection : public std::enable_shared_from_this<connection<Socket>> {
         while (!job_running_ && !closing_) {
             const auto newline = input_.find('\n', consumed_);
             if (newline == std::string::npos) break;
+            if (newline - consumed_ > context_.max_line_bytes) {
+                refuse_long_line();
+                return;
+            }
             std::string_view line(input_.data() + consumed_, newline - consumed_);
             consumed_ = newline + 1;
             handle_line(line);
@@ -109,16 +122,20 @@ class connection : public std::enable_shared_from_this<connection<Socket>> {
             consumed_ = 0;
         }
         if (input_.size() - consumed_ > context_.max_line_bytes) {
-            send(rpc::request_processor::error_line(
-                nullptr, rpc::invalid_request,
-                "Request line longer than " + std::to_string(context_.max_line_bytes) + " bytes"));
-            MSG_LOG(msg_log::warning, context_.log_tag)
-                << "Closing a client that sent an over-long line";
-            close_after_write();
+            refuse_long_line();
             return;
         }
         flush();
         read();
+    }
+
+    void refuse_long_line() {
+        send(rpc::request_processor::error_line(
+            nullptr, rpc::invalid_request,
+            "Request line longer than " + std::to_string(context_.max_line_bytes) + " bytes"));
+        MSG_LOG(msg_log::warning, context_.log_tag)
+            << "Closing a client that sent an over-long line";
+        close_after_write();
     }
 
     void handle_line(std::string_view line) {
@@ -210,7 +227,8 @@ class connection : public std::enable_shared_from_this<connection<Socket>> {
         }
     }
 
-    void close() {
+  public:
+    void close() override {
         closing_ = true;
         if (session_) session_->close();
         boost::system::error_code ignored;
@@ -218,6 +236,7 @@ class connection : public std::enable_shared_from_this<connection<Socket>> {
         socket_.close(ignored);
     }
 
+  private:
     Socket socket_;
     std::shared_ptr<server_context> shared_context_;
     server_context& context_;

@@ -158,6 +158,31 @@ TEST_F(Server, OverlongLineGetsAnErrorAndItsConnectionCloses) {
               R"({"jsonrpc":"2.0","id":1,"result":21.5})");
 }
 
+TEST_F(Server, ACompleteLineOverTheLimitIsRefusedToo) {
+    device_handler_api::limits limits;
+    limits.max_line_bytes = 1000;
+    start(limits);
+    auto client = line_socket::tcp(server->tcp_port());
+    std::string line = get_request("data/temperature");
+    line += std::string(1000, ' ');
+    client.send(line + "\n");
+    EXPECT_EQ(
+        client.read_line(),
+        R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Request line longer than 1000 bytes"}})");
+    EXPECT_TRUE(client.closed_by_peer());
+}
+
+TEST_F(Server, StoppingClosesItsConnections) {
+    start();
+    auto client = line_socket::tcp(server->tcp_port());
+    EXPECT_EQ(client.request(get_request("alarms/los/severity")),
+              R"({"jsonrpc":"2.0","id":1,"result":0})");
+    server->stop();
+    thread.join();
+    EXPECT_TRUE(client.closed_by_peer());
+    server.reset();
+}
+
 TEST_F(Server, HalfALineDoesNotStallOthers) {
     start();
     auto half = line_socket::tcp(server->tcp_port());
