@@ -18,7 +18,10 @@
 #include <thread>
 #include <vector>
 
+#include "converter_sfp_device.hpp"
+#include "dump_image.hpp"
 #include "fake_transport.hpp"
+#include "sfp_reg_map.hpp"
 
 namespace qsfpd::cage {
 namespace {
@@ -404,6 +407,24 @@ TEST_F(converter_test, unwired_sfp_lines_report_enotsup) {
     device.set_converter_flag(true);
     bus->sfp_lines_wired = false;
     EXPECT_EQ(error_of([&] { (void)device.sfp_tx_disable(); }), ENOTSUP);
+}
+
+TEST(converter_sfp, the_sff8472_map_reads_a_real_sfp_through_the_converter) {
+    const auto image =
+        test::read_dump_image("sff8472_sfpplus_10g_sr_finisar_ftlx8571d3bcl_auj0rcj.hex");
+    ASSERT_EQ(image.size(), 512u);
+    auto bus = std::make_shared<fake_transport>();
+    bus->set_sfp(std::span(image).first(256), std::span(image).subspan(256));
+    auto device = std::make_shared<qsfp_device>("qsa", bus);
+    device->set_converter_flag(true);
+    sfp_reg_map map(std::make_shared<converter_sfp_device>(device));
+    // That map hands the 16-byte fields over with their padding.
+    EXPECT_EQ(map.get_vendor_name(), "FINISAR CORP.   ");
+    EXPECT_EQ(map.get_vendor_pn(), "FTLX8571D3BCL   ");
+    EXPECT_EQ(map.get_vendor_sn(), "AUJ0RCJ         ");
+
+    device->set_converter_flag(false);
+    EXPECT_THROW((void)map.get_vendor_name(), std::system_error);
 }
 
 class platform_test : public ::testing::Test {
