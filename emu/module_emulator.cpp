@@ -87,6 +87,7 @@ module_emulator::module_emulator(module_profile profile, std::shared_ptr<clock> 
 }
 
 module_memory& module_emulator::memory(std::uint8_t device_address) {
+    std::lock_guard lock(mutex_);
     auto it = memories_.find(device_address);
     if (it == memories_.end()) throw std::system_error(ENXIO, std::generic_category());
     return it->second;
@@ -151,6 +152,7 @@ void module_emulator::restart(clock::time_point now) {
 }
 
 bool module_emulator::answers(std::uint8_t device_address) {
+    std::lock_guard lock(mutex_);
     if (reset_held_) return false;
     if (clock_->now() < epoch_ + profile_.i2c_not_ready) return false;
     return memories_.contains(device_address);
@@ -158,6 +160,7 @@ bool module_emulator::answers(std::uint8_t device_address) {
 
 void module_emulator::read(std::uint8_t device_address, std::uint8_t offset,
                            std::span<std::uint8_t> out) {
+    std::lock_guard lock(mutex_);
     service();
     auto& mem = memory(device_address);
     for (auto& f : flaps_) {
@@ -168,10 +171,12 @@ void module_emulator::read(std::uint8_t device_address, std::uint8_t offset,
         apply_flap_step(f);
     }
     mem.read(offset, out);
+    update_interrupt();
 }
 
 void module_emulator::write(std::uint8_t device_address, std::uint8_t offset,
                             std::span<const std::uint8_t> data) {
+    std::lock_guard lock(mutex_);
     service();
     memory(device_address).write(offset, data);
     if (pending_reset_) {
@@ -182,12 +187,14 @@ void module_emulator::write(std::uint8_t device_address, std::uint8_t offset,
 }
 
 void module_emulator::set_lpmode(bool asserted) {
+    std::lock_guard lock(mutex_);
     service();
     lpmode_ = asserted;
     service();
 }
 
 void module_emulator::set_reset(bool asserted) {
+    std::lock_guard lock(mutex_);
     if (asserted == reset_held_) return;
     service();
     reset_held_ = asserted;
@@ -195,11 +202,13 @@ void module_emulator::set_reset(bool asserted) {
 }
 
 void module_emulator::force_fault() {
+    std::lock_guard lock(mutex_);
     service();
     if (profile_.family == module_family::cmis) enter(cmis_state::fault, clock_->now());
 }
 
 std::optional<cmis_state> module_emulator::cmis_module_state() {
+    std::lock_guard lock(mutex_);
     service();
     if (profile_.family != module_family::cmis) return std::nullopt;
     return state_;
@@ -300,11 +309,13 @@ void module_emulator::advance_sfp(clock::time_point now) {
 }
 
 bool module_emulator::in_low_power() {
+    std::lock_guard lock(mutex_);
     service();
     return low_power_now();
 }
 
 bool module_emulator::transmitter_on(unsigned lane) {
+    std::lock_guard lock(mutex_);
     service();
     return tx_on_now(lane);
 }
@@ -352,6 +363,7 @@ bool module_emulator::tx_on_now(unsigned lane) {
 }
 
 std::optional<flag_site> module_emulator::site(lane_flag flag, unsigned lane) const {
+    std::lock_guard lock(mutex_);
     switch (profile_.family) {
         case module_family::sff8636: {
             // SFF-8636 lower page latched flags: 3 LOS (RX 0..3, TX 4..7), 4 TX fault (0..3),
@@ -408,6 +420,7 @@ void module_emulator::set_flag(lane_flag flag, unsigned lane, bool on) {
 
 void module_emulator::flap(lane_flag flag, unsigned lane, std::string pattern, flap_step step,
                            clock::duration period, bool repeat) {
+    std::lock_guard lock(mutex_);
     if (pattern.empty() || pattern.find_first_not_of("01") != std::string::npos)
         throw std::invalid_argument("flap pattern must be a non-empty string of 0 and 1");
     if (step == flap_step::per_period && period <= clock::duration::zero())
@@ -419,10 +432,12 @@ void module_emulator::flap(lane_flag flag, unsigned lane, std::string pattern, f
 }
 
 void module_emulator::stop_flaps() {
+    std::lock_guard lock(mutex_);
     flaps_.clear();
 }
 
 bool module_emulator::flag_live(lane_flag flag, unsigned lane) {
+    std::lock_guard lock(mutex_);
     service();
     return lane < 16 && live_[static_cast<std::size_t>(flag)][lane];
 }
@@ -436,12 +451,26 @@ void module_emulator::apply_flap_step(flap_entry& f) {
 
 void module_emulator::stick(page_id page, std::uint8_t offset, std::vector<std::uint8_t> bytes,
                             std::uint8_t device_address) {
+    std::lock_guard lock(mutex_);
     memory(device_address);  // throws for an absent address
     stuck_.push_back({device_address, page, offset, std::move(bytes)});
     apply_stuck();
 }
 
+std::uint8_t module_emulator::peek(page_id page, std::uint8_t offset, std::uint8_t device_address) {
+    std::lock_guard lock(mutex_);
+    service();
+    return memory(device_address).peek(page, offset);
+}
+
+void module_emulator::poke(page_id page, std::uint8_t offset, std::uint8_t value,
+                           std::uint8_t device_address) {
+    std::lock_guard lock(mutex_);
+    memory(device_address).poke(page, offset, value);
+}
+
 void module_emulator::unstick_all() {
+    std::lock_guard lock(mutex_);
     stuck_.clear();
 }
 
@@ -454,6 +483,7 @@ void module_emulator::apply_stuck() {
 }
 
 bool module_emulator::sfp_signal(cage::sfp_signal signal) {
+    std::lock_guard lock(mutex_);
     if (profile_.family != module_family::sff8472_converter)
         throw std::system_error(ENOTSUP, std::generic_category(), "not a converter");
     service();
@@ -471,6 +501,7 @@ bool module_emulator::sfp_signal(cage::sfp_signal signal) {
 }
 
 void module_emulator::set_sfp_signal(cage::sfp_signal signal, bool value) {
+    std::lock_guard lock(mutex_);
     if (profile_.family != module_family::sff8472_converter)
         throw std::system_error(ENOTSUP, std::generic_category(), "not a converter");
     service();
@@ -568,6 +599,7 @@ void module_emulator::refresh_monitors(clock::time_point now) {
 }
 
 void module_emulator::service() {
+    std::lock_guard lock(mutex_);
     if (reset_held_) return;
     const auto now = clock_->now();
     switch (profile_.family) {
@@ -600,7 +632,53 @@ void module_emulator::service() {
     }
     if (profile_.family == module_family::sff8472_converter) advance_sfp(now);
     refresh_monitors(now);
+    refresh_lane_status();
     apply_stuck();
+    update_interrupt();
+}
+
+bool module_emulator::interrupt_asserted() {
+    std::lock_guard lock(mutex_);
+    service();
+    return memories_.at(a0).any_latched();
+}
+
+void module_emulator::update_interrupt() {
+    // SFF-8636 byte 2 bit 1 and CMIS byte 3 bit 0 show the IntL line: 0 while asserted.
+    auto& mem = memories_.at(a0);
+    const bool asserted = mem.any_latched();
+    const std::uint8_t offset = profile_.family == module_family::sff8636 ? sff_status
+                                : profile_.family == module_family::cmis  ? cmis_state_byte
+                                                                          : 0;
+    const std::uint8_t bit = profile_.family == module_family::sff8636 ? 0x02 : 0x01;
+    if (offset == 0) return;
+    if (asserted)
+        mem.clear_bits(lower, offset, bit);
+    else
+        mem.latch(lower, offset, bit);
+}
+
+void module_emulator::refresh_lane_status() {
+    // CMIS page 11h byte 132 RX output status and byte 133 TX output status, one live bit per
+    // lane: the TX output is valid while the transmitter is on, the RX output while the module
+    // is ready and has light.
+    if (profile_.family != module_family::cmis) return;
+    auto& mem = memories_.at(a0);
+    for (unsigned lane = 0; lane < profile_.lanes; ++lane) {
+        const page_id page{static_cast<std::uint8_t>(lane / 8), 0x11};
+        if (!mem.has_page(page)) continue;
+        const auto bit = static_cast<std::uint8_t>(1u << (lane % 8));
+        const bool rx = state_ == cmis_state::ready &&
+                        !live_[static_cast<std::size_t>(lane_flag::rx_los)][lane];
+        if (tx_on_now(lane))
+            mem.latch(page, 133, bit);
+        else
+            mem.clear_bits(page, 133, bit);
+        if (rx)
+            mem.latch(page, 132, bit);
+        else
+            mem.clear_bits(page, 132, bit);
+    }
 }
 
 }  // namespace qsfpd::emu

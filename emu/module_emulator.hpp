@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -72,6 +73,8 @@ class module_emulator {
     // power class above 4 that the host has not enabled).
     bool in_low_power();
     bool transmitter_on(unsigned lane);
+    // The IntL line: asserted while any latched flag is set (flag masks are not modelled).
+    bool interrupt_asserted();
     // Drives a CMIS module into ModuleFault until reset.
     void force_fault();
 
@@ -88,6 +91,13 @@ class module_emulator {
     void stick(page_id page, std::uint8_t offset, std::vector<std::uint8_t> bytes,
                std::uint8_t device_address = cage::module_address);
     void unstick_all();
+
+    // Raw access (no masks, no clear-on-read), safe against a daemon thread polling the cage.
+    // `memory()` gives the whole memory for set-up while nobody else accesses the module.
+    std::uint8_t peek(page_id page, std::uint8_t offset,
+                      std::uint8_t device_address = cage::module_address);
+    void poke(page_id page, std::uint8_t offset, std::uint8_t value,
+              std::uint8_t device_address = cage::module_address);
 
     // The SFP signals of a converter (ENOTSUP for other modules).
     bool sfp_signal(cage::sfp_signal signal);
@@ -130,11 +140,16 @@ class module_emulator {
     void apply_flap_step(flap_entry& f);
     void set_flag(lane_flag flag, unsigned lane, bool on);
     void refresh_monitors(clock::time_point now);
+    void refresh_lane_status();
+    void update_interrupt();
     void apply_stuck();
     unsigned cmis_bias_multiplier();
     bool low_power_now();
     bool tx_on_now(unsigned lane);
 
+    // Every public entry locks: the daemon polls from its own threads while a test injects
+    // faults. Recursive because public entries call service().
+    mutable std::recursive_mutex mutex_;
     module_profile profile_;
     std::shared_ptr<clock> clock_;
     std::map<std::uint8_t, module_memory> memories_;

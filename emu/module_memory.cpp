@@ -187,6 +187,18 @@ void module_memory::clear_bits(page_id page, std::uint8_t offset, std::uint8_t b
     region_for(page, offset).data[offset & 0x7f] &= static_cast<std::uint8_t>(~bits);
 }
 
+bool module_memory::any_latched() const {
+    auto latched = [](const region& r) {
+        for (std::size_t i = 0; i < r.data.size(); ++i)
+            if (r.data[i] & r.clear_mask[i]) return true;
+        return false;
+    };
+    if (latched(lower_)) return true;
+    for (const auto& [id, r] : upper_)
+        if (latched(r)) return true;
+    return false;
+}
+
 void module_memory::on_write(page_id page, std::uint8_t first, std::uint8_t last, write_hook hook) {
     write_hooks_.push_back({page, first, last, std::move(hook)});
 }

@@ -79,6 +79,9 @@ class module_memory {
     void latch(page_id page, std::uint8_t offset, std::uint8_t bits);
     void clear_bits(page_id page, std::uint8_t offset, std::uint8_t bits);
 
+    // Whether any clear-on-read bit is set (the module's interrupt condition, masks aside).
+    bool any_latched() const;
+
     void on_write(page_id page, std::uint8_t first, std::uint8_t last, write_hook hook);
     void on_read(page_id page, std::uint8_t first, std::uint8_t last, read_hook hook);
 

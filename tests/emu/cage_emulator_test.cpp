@@ -90,6 +90,33 @@ TEST(CageFaults, FailAtAnAddressRange) {
     EXPECT_NO_THROW(f.cage.i2c_write(0x50, 127, page));
 }
 
+// --- paging on the real images ----------------------------------------------------------------
+
+TEST(CagePaging, Sff8636PagesThroughTheCage) {
+    cage_fixture f;
+    f.insert("qsfp28_100g_lr4");
+    f.write1(127, 0x03);
+    EXPECT_EQ(f.read16(128), 75 * 256);  // temperature high alarm threshold, 1/256 degC
+    f.write1(127, 0x05);                 // not implemented: rejected
+    EXPECT_EQ(f.read1(127), 0x03);
+    f.write1(127, 0x00);
+    EXPECT_EQ(f.read(186, 2), (std::vector<std::uint8_t>{0x66, 0x58}));  // 1310 nm
+}
+
+TEST(CagePaging, CmisBanksAndPagesThroughTheCage) {
+    cage_fixture f;
+    f.insert("qsfpdd_400zr");
+    f.select(0x12);
+    EXPECT_EQ(f.read1(128), 0x70);  // 75 GHz grid
+    f.select(0x20);                 // no VDM page on this module
+    EXPECT_EQ(f.read(126, 2), (std::vector<std::uint8_t>{0, 0x12}));
+    f.select(0x11, 1);  // no bank 1 on a one-lane module
+    EXPECT_EQ(f.read(126, 2), (std::vector<std::uint8_t>{0, 0x12}));
+    f.select(0x04);
+    EXPECT_EQ(f.read16(158), 0xffbb);  // lowest 75 GHz channel: -69 (191.375 THz)
+    EXPECT_EQ(f.read16(160), 120);     // highest: 196.100 THz
+}
+
 // --- QSFP-to-SFP converter ---------------------------------------------------------------------
 
 class Converter : public ::testing::Test, public cage_fixture {

@@ -28,6 +28,8 @@ TEST_F(CmisStates, ReachesReadyAfterThePowerUpDelay) {
     EXPECT_EQ(state(), 3);  // ModuleReady
     select(0x11);
     EXPECT_EQ(read(128, 4), (std::vector<std::uint8_t>{0x44, 0x44, 0x44, 0x44}));  // DPActivated
+    EXPECT_EQ(read1(133), 0x0f);  // TX output status of the four media lanes
+    EXPECT_EQ(read1(132), 0x0f);  // RX output status
 }
 
 TEST_F(CmisStates, LpModePinRequestsLowPowerWhileAllowed) {
@@ -42,6 +44,7 @@ TEST_F(CmisStates, LpModePinRequestsLowPowerWhileAllowed) {
     EXPECT_TRUE(m.in_low_power());
     select(0x11);
     EXPECT_EQ(read1(128), 0x11);  // DPDeactivated
+    EXPECT_EQ(read1(133), 0x00);
     cage.pin_set(cage::line::lpmode, false);
     EXPECT_EQ(state(), 2);
     clock->advance(800ms);
@@ -328,6 +331,20 @@ TEST(ModuleFaults, AStuckValueDoesNotMove) {
     }
     m.unstick_all();
     EXPECT_LT(f.read16(22), 0x7f00);
+}
+
+TEST(ModuleFaults, LatchedFlagsAssertTheInterrupt) {
+    cage_fixture f;
+    auto& m = f.insert("qsfp28_100g_lr4");
+    EXPECT_EQ(f.read1(2) & 0x02, 0x02);  // IntL deasserted
+    EXPECT_FALSE(m.interrupt_asserted());
+    m.flap(lane_flag::tx_fault, 3, "10", flap_step::per_period, 1s, false);
+    EXPECT_EQ(f.read1(2) & 0x02, 0x00);
+    EXPECT_TRUE(m.interrupt_asserted());
+    f.clock->advance(1s);
+    EXPECT_EQ(f.read(3, 19)[1], 0x08);  // byte 4: TX fault lane 4; reading clears all flags
+    EXPECT_EQ(f.read1(2) & 0x02, 0x02);
+    EXPECT_FALSE(m.interrupt_asserted());
 }
 
 TEST(ModuleFaults, BadFlapRequestsAreRefused) {
