@@ -151,14 +151,24 @@ bool qsfp_reg_map::is_coherent_transceiver() {
     const std::uint8_t tech = get_media_interface_technology();
     if (tech == tech_c_band_tunable || tech == tech_l_band_tunable) return true;
     if (get_media_type() != media_type_smf) return false;
-    const auto apps = read_raw(fields::cm("app_descriptors"));
-    for (std::size_t at = 0; at + 1 < apps.size(); at += app_descriptor_size) {
-        if (apps[at] == app_list_end) break;
-        if (std::ranges::find(coherent_smf_media_codes, apps[at + 1]) !=
-            coherent_smf_media_codes.end())
-            return true;
-    }
-    return false;
+
+    bool list_ended = false;
+    auto any_coherent = [&](const std::vector<std::uint8_t>& apps) {
+        for (std::size_t at = 0; at + 1 < apps.size(); at += app_descriptor_size) {
+            if (apps[at] == app_list_end) {
+                list_ended = true;
+                return false;
+            }
+            if (std::ranges::find(coherent_smf_media_codes, apps[at + 1]) !=
+                coherent_smf_media_codes.end())
+                return true;
+        }
+        return false;
+    };
+    if (any_coherent(read_raw(fields::cm("app_descriptors")))) return true;
+    // Applications 9-15 live on page 01h, which a flat-memory module does not have.
+    if (list_ended || get_flat_memory()) return false;
+    return any_coherent(read_raw(fields::cm("app_descriptors_9_15")));
 }
 
 std::uint32_t qsfp_reg_map::get_nominal_bit_rate_mbps() {

@@ -142,6 +142,7 @@ inline constexpr std::array cmis = {
     text("vendor_sn", 0x00, 166, 181, "CMIS Table 8-24 bytes 166-181, VendorSN"),
     text("date_code", 0x00, 182, 189, "CMIS Table 8-24 bytes 182-189, DateCode"),
     u8("media_interface_technology", 0x00, 212, "CMIS Table 8-36 byte 212, MediaInterfaceTechnology (10h C-band, 11h L-band tunable)"),
+    raw("app_descriptors_9_15", 0x01, 223, 250, "CMIS page 01h bytes 223-250, application descriptors 9-15 (host and media codes)"),
     bits("banks_supported", 0x01, 142, 0x03, "CMIS page 01h byte 142 bits 1-0, BanksSupported (0: 1 bank, 1: 2, 2: 4)"),
 };
 

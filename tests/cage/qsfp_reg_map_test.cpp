@@ -276,6 +276,43 @@ TEST(qsfp_reg_map_cmis, coherent_detection) {
     EXPECT_FALSE(dell.map.is_coherent_transceiver());
 }
 
+TEST(qsfp_reg_map_cmis, coherent_applications_beyond_the_eighth) {
+    // Eight non-coherent applications in the lower page, 400ZR unamplified as application 9 on
+    // page 01h.
+    module_on_bus m("cmis_qsfpdd_400g_dr4_avago_afct93drphz_fd2038fg0fk.hex");
+    for (std::uint8_t app = 0; app < 8; ++app) {
+        m.bus->set_byte(0, static_cast<std::uint8_t>(86 + 4 * app), 0x11);      // 400GAUI-8
+        m.bus->set_byte(0, static_cast<std::uint8_t>(86 + 4 * app + 1), 0x1C);  // 400GBASE-DR4
+    }
+    m.bus->set_byte(0x01, 223, 0x11);
+    m.bus->set_byte(0x01, 224, 0x3F);
+    m.bus->set_byte(0x01, 227, 0xFF);
+    EXPECT_TRUE(m.map.is_coherent_transceiver());
+
+    m.bus->set_byte(0x01, 224, 0x1C);
+    EXPECT_FALSE(m.map.is_coherent_transceiver());
+
+    // A flat-memory module has no page 01h: it is not read.
+    m.bus->set_byte(0x01, 224, 0x3F);
+    m.bus->set_byte(0, 2, 0x80);
+    auto page_01_selected = [&] {
+        for (const auto& t : m.bus->log())
+            if (t.write && t.offset == 127 && t.data == std::vector<std::uint8_t>{0x01})
+                return true;
+        return false;
+    };
+    m.bus->clear_log();
+    EXPECT_FALSE(m.map.is_coherent_transceiver());
+    EXPECT_FALSE(page_01_selected());
+
+    // Nor when the lower-page list already ended.
+    m.bus->set_byte(0, 2, 0x00);
+    m.bus->set_byte(0, 90, 0xFF);
+    m.bus->clear_log();
+    EXPECT_FALSE(m.map.is_coherent_transceiver());
+    EXPECT_FALSE(page_01_selected());
+}
+
 TEST(qsfp_reg_map_access, identity_is_cached_until_forgotten) {
     module_on_bus m("cmis_qsfpdd_400g_dr4_avago_afct93drphz_fd2038fg0fk.hex");
     EXPECT_EQ(m.map.get_vendor_name(), "AVAGO");
