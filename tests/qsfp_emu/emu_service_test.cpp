@@ -1,0 +1,128 @@
+#include "emu_service.hpp"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <thread>
+
+#include "emu_ctl.hpp"
+#include "hex_bytes.hpp"
+#include "remote_cage_transport.hpp"
+#include "virtual_clock.hpp"
+
+namespace {
+using namespace qsfpd;
+
+// The emulator process's service, run in-process on its real sockets.
+class EmuService : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        dir = std::filesystem::temp_directory_path() /
+              ("qsfp-emu-test-" + std::to_string(::getpid()));
+        emu::emu_service::options options;
+        options.dir = dir;
+        options.cages = 4;
+        service = std::make_unique<emu::emu_service>(options, clock);
+        thread = std::thread([this] { service->run(); });
+    }
+    void TearDown() override {
+        service->stop();
+        thread.join();
+        service.reset();
+        std::filesystem::remove_all(dir);
+    }
+    // Runs `qsfp-emu ctl` and returns its exit status, output in `out`.
+    int ctl(std::vector<std::string> args, std::string* out = nullptr, std::string* err = nullptr) {
+        args.insert(args.begin(), {"--dir", dir.string()});
+        std::ostringstream o, e;
+        const int status = emu::run_ctl(args, o, e);
+        if (out) *out = o.str();
+        if (err) *err = e.str();
+        return status;
+    }
+    std::string read_text(remote::remote_cage_transport& cage, std::uint8_t page,
+                          std::uint8_t offset, std::size_t length) {
+        const std::uint8_t select[] = {page};
+        cage.i2c_write(0x50, 127, select);
+        std::vector<std::uint8_t> bytes(length);
+        cage.i2c_read(0x50, offset, bytes);
+        return std::string(bytes.begin(), bytes.end());
+    }
+
+    std::shared_ptr<virtual_clock> clock = std::make_shared<virtual_clock>();
+    std::filesystem::path dir;
+    std::unique_ptr<emu::emu_service> service;
+    std::thread thread;
+};
+
+TEST_F(EmuService, ADaemonInAnotherProcessReadsTheInsertedModule) {
+    remote::remote_cage_transport cage((dir / "qsfp3").string());
+    EXPECT_FALSE(cage.module_present());
+    EXPECT_EQ(ctl({"insert", "3", "qsfp28_100g_lr4"}), 0);
+    EXPECT_TRUE(cage.module_present());
+    cage.pin_set(cage::line::reset, false);
+    std::array<std::uint8_t, 1> id{};
+    // Not answering during the window after insertion, then answering.
+    try {
+        cage.i2c_read(0x50, 0, id);
+        ADD_FAILURE() << "answered at once after insertion";
+    } catch (const std::system_error& e) {
+        EXPECT_EQ(e.code().value(), ENXIO);
+    }
+    clock->advance(std::chrono::seconds(10));
+    cage.i2c_read(0x50, 0, id);
+    EXPECT_EQ(id[0], 0x11);  // QSFP28
+    EXPECT_EQ(read_text(cage, 0, 148, 16), "DELL            ");
+    EXPECT_EQ(read_text(cage, 0, 168, 16), "3MFXG           ");
+
+    std::string out;
+    EXPECT_EQ(ctl({"peek", "3", "148", "4"}, &out), 0);
+    EXPECT_EQ(out, "\"44 45 4c 4c\"\n");
+    EXPECT_EQ(ctl({"counters"}, &out), 0);
+    EXPECT_NE(out.find(R"("name":"qsfp3","transactions":)"), std::string::npos);
+    EXPECT_EQ(out.find(R"("name":"qsfp3","transactions":0,)"), std::string::npos);
+
+    EXPECT_EQ(ctl({"remove", "3"}), 0);
+    EXPECT_FALSE(cage.module_present());
+}
+
+TEST_F(EmuService, FaultsPinsAndPokes) {
+    ASSERT_EQ(ctl({"insert", "1", "qsfp28_100g_lr4"}), 0);
+    remote::remote_cage_transport cage((dir / "qsfp1").string());
+    std::string out;
+    cage.pin_set(cage::line::lpmode, true);
+    EXPECT_EQ(ctl({"pins", "1"}, &out), 0);
+    EXPECT_NE(out.find(R"("present":true,"lpmode":true,"reset":false)"), std::string::npos) << out;
+
+    EXPECT_EQ(ctl({"poke", "1", "86", "0f"}), 0);
+    EXPECT_EQ(ctl({"peek", "1", "86", "1"}, &out), 0);
+    EXPECT_EQ(out, "\"0f\"\n");
+
+    EXPECT_EQ(ctl({"fault", R"({"cage":1,"kind":"errno","errno":5,"count":2})"}), 0);
+    std::array<std::uint8_t, 1> byte{};
+    for (int i = 0; i < 2; ++i) {
+        try {
+            cage.i2c_read(0x50, 0, byte);
+            ADD_FAILURE() << "transfer " << i << " did not fail";
+        } catch (const std::system_error& e) {
+            EXPECT_EQ(e.code().value(), EIO);
+        }
+    }
+}
+
+TEST_F(EmuService, BadControlRequestsAreRefusedClearly) {
+    std::string out, err;
+    EXPECT_EQ(ctl({"insert", "9", "qsfp28_100g_lr4"}, &out, &err), 1);
+    EXPECT_EQ(err, "qsfp-emu ctl: Invalid params: 'cage' must be below 4 (error -32602)\n");
+    EXPECT_EQ(ctl({"insert", "0", "no_such_profile"}, &out, &err), 1);
+    EXPECT_NE(err.find("Cannot insert no_such_profile"), std::string::npos) << err;
+    EXPECT_EQ(ctl({"peek", "0", "0"}, &out, &err), 1);
+    EXPECT_NE(err.find("No module in the cage"), std::string::npos);
+    EXPECT_EQ(ctl({"fault", R"({"cage":0,"kind":"sideways"})"}, &out, &err), 1);
+    EXPECT_EQ(ctl({"frobnicate"}, &out, &err), 2);
+    EXPECT_EQ(ctl({"pins", "0", "extra"}, &out, &err), 2);
+    EXPECT_EQ(emu::run_ctl({"--dir", (dir / "nowhere").string(), "counters"}, std::cout, std::cerr),
+              3);
+}
+
+}  // namespace
