@@ -15,9 +15,10 @@ constexpr page_id lower{};
 constexpr std::uint8_t a0 = 0x50;
 constexpr std::uint8_t a2 = 0x51;
 
-// CMIS lower page: byte 3 bits 3..1 module state; byte 8 bit 0 latched module state changed;
-// byte 26 module global controls (CMIS 5.2 Table 8-10, CMIS 4.0 Table 8-10): bit 6
-// LowPwrAllowRequestHW, bit 4 LowPwrRequestSW, bit 3 SoftwareReset (self-clearing trigger).
+// CMIS lower page: byte 3 bits 3..1 module state (CMIS 5.2 Table 8-6, encoding Table 8-7),
+// bit 0 interrupt deasserted; byte 8 bit 0 latched module state changed; byte 26 module global
+// controls (CMIS 5.2 Table 8-11, same bits in CMIS 4.0): bit 6 LowPwrAllowRequestHW, bit 4
+// LowPwrRequestSW, bit 3 SoftwareReset (self-clearing trigger).
 constexpr std::uint8_t cmis_state_byte = 3;
 constexpr std::uint8_t cmis_module_flags = 8;
 constexpr std::uint8_t cmis_global_controls = 26;
@@ -526,29 +527,29 @@ std::uint64_t module_emulator::monitor_tick() const {
 }
 
 double module_emulator::monitor_value(sensor s, unsigned lane, std::uint64_t tick) const {
-    const monitor_spec* spec = nullptr;
+    const monitor_model* model = nullptr;
     switch (s) {
         case sensor::temperature:
-            spec = &profile_.temperature_c;
+            model = &profile_.temperature_c;
             break;
         case sensor::vcc:
-            spec = &profile_.vcc_v;
+            model = &profile_.vcc_v;
             break;
         case sensor::bias:
-            spec = &profile_.bias_ma;
+            model = &profile_.bias_ma;
             break;
         case sensor::tx_power:
-            spec = &profile_.tx_power_mw;
+            model = &profile_.tx_power_mw;
             break;
         case sensor::rx_power:
-            spec = &profile_.rx_power_mw;
+            model = &profile_.rx_power_mw;
             break;
     }
     const std::uint64_t h =
         splitmix64(profile_.noise_seed ^ splitmix64(static_cast<std::uint64_t>(s) << 56 ^
                                                     static_cast<std::uint64_t>(lane) << 48 ^ tick));
     const double u = static_cast<double>(h >> 11) / static_cast<double>(1ULL << 53);  // [0,1)
-    return spec->nominal + spec->noise * (2.0 * u - 1.0);
+    return model->nominal + model->noise * (2.0 * u - 1.0);
 }
 
 unsigned module_emulator::cmis_bias_multiplier() {

@@ -18,7 +18,7 @@
 
 namespace qsfpd::emu {
 
-// CMIS Module State, page 00h byte 3 bits 3..1 (CMIS 4.0 Table 8-6 / CMIS 5.2 Table 8-7).
+// CMIS Module State, lower page byte 3 bits 3..1 (encoding: CMIS 5.2 Table 8-7).
 enum class cmis_state : std::uint8_t {
     low_pwr = 1,
     pwr_up = 2,

@@ -25,10 +25,10 @@ enum class paging {
     banked,  // CMIS: byte 127 selects the page, byte 126 the bank of pages 10h..1Fh
 };
 
-// What a read of a page the module does not implement returns. CMIS (page mapping registers,
-// page 00h byte 127) lets the module refuse to map an unsupported page, so the select write is
-// ignored and the previous page stays; some SFF-8636 modules instead accept any page number
-// and read FFh there.
+// What a select of a page the module does not implement does. CMIS 5.2 (page mapping registers,
+// bytes 126-127) lets the module refuse to map an unsupported page: the select write is ignored
+// and the previous page stays. SFF-8636 leaves it open; some modules accept any page number and
+// read FFh there.
 enum class unsupported_page { reject, read_ff };
 
 // A module's management memory as the host sees it over the two-wire bus: lower memory (0..127),

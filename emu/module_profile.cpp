@@ -126,12 +126,12 @@ std::chrono::milliseconds ms_or(const rapidjson::Value& obj, const char* name,
     return std::chrono::milliseconds(static_cast<long long>(v));
 }
 
-monitor_spec monitor_or(const rapidjson::Value& obj, const char* name, monitor_spec fallback,
-                        std::string_view origin) {
+monitor_model monitor_or(const rapidjson::Value& obj, const char* name, monitor_model fallback,
+                         std::string_view origin) {
     auto it = obj.FindMember(name);
     if (it == obj.MemberEnd()) return fallback;
     if (!it->value.IsObject()) fail(origin, name, "must be an object {nominal, noise}");
-    monitor_spec out;
+    monitor_model out;
     out.nominal = number_or(it->value, "nominal", fallback.nominal, origin);
     out.noise = number_or(it->value, "noise", fallback.noise, origin);
     if (out.noise < 0) fail(origin, name, "noise must not be negative");

@@ -37,7 +37,7 @@ struct memory_image {
 
 // A monitored value: nominal value in engineering units (degC, V, mA, mW) and the amplitude of
 // the uniform noise around it.
-struct monitor_spec {
+struct monitor_model {
     double nominal = 0.0;
     double noise = 0.0;
 };
@@ -58,11 +58,11 @@ struct module_profile {
     std::chrono::milliseconds power_down{100};      // CMIS ModulePwrDn
     std::chrono::milliseconds monitor_period{100};  // monitors refresh (new noise sample)
 
-    monitor_spec temperature_c{35.0, 0.5};
-    monitor_spec vcc_v{3.3, 0.01};
-    monitor_spec bias_ma{40.0, 0.5};
-    monitor_spec tx_power_mw{1.0, 0.02};
-    monitor_spec rx_power_mw{0.8, 0.02};
+    monitor_model temperature_c{35.0, 0.5};
+    monitor_model vcc_v{3.3, 0.01};
+    monitor_model bias_ma{40.0, 0.5};
+    monitor_model tx_power_mw{1.0, 0.02};
+    monitor_model rx_power_mw{0.8, 0.02};
     std::uint64_t noise_seed = 1;
 
     const memory_image& image(std::uint8_t device_address = 0x50) const;
