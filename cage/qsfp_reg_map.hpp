@@ -29,23 +29,13 @@ class qsfp_reg_map {
 
     // Identification.
     std::uint8_t get_identifier() { return read_u8(fields::sff("identifier")); }
-    std::string get_vendor_name() {
-        return read_text(pick(fields::sff("vendor_name"), fields::cm("vendor_name")));
-    }
-    std::string get_part_number() {
-        return read_text(pick(fields::sff("vendor_pn"), fields::cm("vendor_pn")));
-    }
-    std::string get_revision() {
-        return read_text(pick(fields::sff("vendor_rev"), fields::cm("vendor_rev")));
-    }
-    std::string get_serial_number() {
-        return read_text(pick(fields::sff("vendor_sn"), fields::cm("vendor_sn")));
-    }
-    std::string get_date_code() {
-        return read_text(pick(fields::sff("date_code"), fields::cm("date_code")));
-    }
+    std::string get_vendor_name() { return read_text(pick(fields::both("vendor_name"))); }
+    std::string get_part_number() { return read_text(pick(fields::both("vendor_pn"))); }
+    std::string get_revision() { return read_text(pick(fields::both("vendor_rev"))); }
+    std::string get_serial_number() { return read_text(pick(fields::both("vendor_sn"))); }
+    std::string get_date_code() { return read_text(pick(fields::both("date_code"))); }
     std::uint8_t get_status_revision_compliance() {
-        return read_u8(pick(fields::sff("revision_compliance"), fields::cm("revision_compliance")));
+        return read_u8(pick(fields::both("revision_compliance")));
     }
     std::uint8_t get_cmis_revision_major() {
         return read_bits(cmis_only(fields::cm("revision_major")));
@@ -97,9 +87,7 @@ class qsfp_reg_map {
     }
 
     // Paging: a flat-memory module has only page 00h.
-    bool get_flat_memory() {
-        return read_flag(pick(fields::sff("flat_mem"), fields::cm("flat_mem")));
-    }
+    bool get_flat_memory() { return read_flag(pick(fields::both("flat_mem"))); }
     bool get_support_paging() { return !get_flat_memory(); }
     // The CMIS (QSFP-DD) location, whatever the identifier says.
     bool get_dd_support_paging() { return !read_flag(fields::cm("flat_mem")); }
@@ -126,9 +114,7 @@ class qsfp_reg_map {
     static std::string trim_text(const std::vector<std::uint8_t>& bytes);
 
   private:
-    const field_def& pick(const field_def& sff8636, const field_def& cmis) {
-        return is_cmis() ? cmis : sff8636;
-    }
+    const field_def& pick(const fields::field_pair& p) { return is_cmis() ? p.cmis : p.sff8636; }
     const field_def& sff_only(const field_def& f);
     const field_def& cmis_only(const field_def& f);
     void read(const field_def& f, std::span<std::uint8_t> out);

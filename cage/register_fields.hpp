@@ -163,6 +163,15 @@ consteval const field_def& cm(std::string_view name) {
     return find(cmis, name);
 }
 
+// A field both families have, under the same name.
+struct field_pair {
+    const field_def& sff8636;
+    const field_def& cmis;
+};
+consteval field_pair both(std::string_view name) {
+    return {sff(name), cm(name)};
+}
+
 }  // namespace fields
 
 }  // namespace qsfpd::cage
