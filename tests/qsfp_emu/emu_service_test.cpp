@@ -7,6 +7,8 @@
 
 #include "emu_ctl.hpp"
 #include "hex_bytes.hpp"
+#include "qsfp_device.hpp"
+#include "qsfp_reg_map.hpp"
 #include "remote_cage_transport.hpp"
 #include "virtual_clock.hpp"
 
@@ -108,6 +110,33 @@ TEST_F(EmuService, FaultsPinsAndPokes) {
             EXPECT_EQ(e.code().value(), EIO);
         }
     }
+}
+
+TEST_F(EmuService, QsfpDeviceDrivesACageOfTheRunningEmulator) {
+    cage::qsfp_device::set_transport_factory([](const std::string& path) {
+        return std::make_shared<remote::remote_cage_transport>(path);
+    });
+    ASSERT_EQ(ctl({"insert", "2", "qsfpdd_400zr"}), 0);
+    auto device = std::make_shared<cage::qsfp_device>((dir / "qsfp2").string());
+    EXPECT_TRUE(device->module_present());
+    device->pin_set(cage::line::reset, false);
+    EXPECT_FALSE(device->i2c_is_ready());
+    clock->advance(std::chrono::seconds(10));
+    EXPECT_TRUE(device->i2c_is_ready());
+    cage::qsfp_reg_map map(*device);
+    EXPECT_EQ(map.get_identifier(), 0x18);
+    EXPECT_EQ(map.get_status_revision_compliance() >> 4, 4);
+    EXPECT_TRUE(map.is_coherent_transceiver());
+    EXPECT_FALSE(map.get_vendor_name().empty());
+    // Upper pages through page select, seen by the emulator as ordinary transfers.
+    std::string before;
+    ASSERT_EQ(ctl({"counters"}, &before), 0);
+    std::array<std::uint8_t, 8> page1{};
+    device->i2c_read(0x01 * 128 + 128, page1);
+    std::string after;
+    ASSERT_EQ(ctl({"counters"}, &after), 0);
+    EXPECT_NE(before, after);
+    cage::qsfp_device::set_transport_factory({});
 }
 
 TEST_F(EmuService, BadControlRequestsAreRefusedClearly) {
