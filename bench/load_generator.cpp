@@ -203,16 +203,31 @@ std::size_t line_size(std::string_view buffer) {
     return newline == std::string_view::npos ? 0 : newline + 1;
 }
 
-// One RESP reply: a simple string, error, integer or bulk string (all a GET, SET or INFO gives).
-std::size_t resp_size(std::string_view buffer) {
+// Size of one complete RESP value at the start of `buffer`, 0 while it is incomplete: a simple
+// string, error, integer, bulk string, or an array of those (a pub/sub message) nested at most
+// `depth` deep.
+std::size_t resp_value_size(std::string_view buffer, int depth) {
     const auto line_end = buffer.find("\r\n");
     if (line_end == std::string_view::npos || buffer.empty()) return 0;
-    if (buffer[0] != '$') return line_end + 2;
+    if (buffer[0] != '$' && (buffer[0] != '*' || depth == 0)) return line_end + 2;
     long length = 0;
     auto [ptr, ec] = std::from_chars(buffer.data() + 1, buffer.data() + line_end, length);
-    if (ec != std::errc{} || length < 0) return line_end + 2;  // $-1: no such key
+    if (ec != std::errc{} || length < 0) return line_end + 2;  // $-1 or *-1: nothing
+    if (buffer[0] == '*') {
+        std::size_t at = line_end + 2;
+        for (long i = 0; i < length; ++i) {
+            const auto size = resp_value_size(buffer.substr(at), depth - 1);
+            if (size == 0) return 0;
+            at += size;
+        }
+        return at;
+    }
     const std::size_t total = line_end + 2 + static_cast<std::size_t>(length) + 2;
     return buffer.size() >= total ? total : 0;
+}
+
+std::size_t resp_size(std::string_view buffer) {
+    return resp_value_size(buffer, 2);
 }
 
 // Reads one complete reply (or nothing, on timeout, close or error).
@@ -700,26 +715,156 @@ class get_load {
 };
 
 // ---------------------------------------------------------------------------------------------
-// Notification delay: one connection sets the counter, `subscribers` connections subscribed to
-// it (and to its status mirror) each time the arrival of the change. The next change is sent
-// when every notification of the previous one has arrived (or after a bounded wait).
+// Notification delay: one connection changes a value, `subscribers` connections subscribed to it
+// each time the arrival of the change. The next change is sent when every notification of the
+// previous one has arrived (or after a bounded wait). qsfpd is timed on a set of its counter
+// config param (mirrored to a status value), Redis on PUBLISH to a channel, the nearest thing
+// it has.
 
-struct notify_config {
-    std::string counter_path = "bench/counter";
-    std::string ticker_path = "bench/ticker";
-    std::size_t max_changes = 2000;
-    ns_t change_timeout = 1 * ns_per_s;
+// How one kind of server is told of a change and tells its subscribers.
+class change_protocol {
+  public:
+    virtual ~change_protocol() = default;
+    virtual std::string target() const = 0;
+    // One row each: the kinds of notification one change causes per subscriber.
+    virtual std::vector<std::string> streams() const = 0;
+    virtual std::size_t reply_size(std::string_view buffer) const = 0;
+    virtual std::string subscribe_request() const = 0;
+    virtual std::size_t subscribe_replies() const = 0;
+    virtual bool subscribe_ok(std::string_view reply) const = 0;
+    // Where to count up from: a change must differ from the value kept.
+    virtual std::optional<std::int64_t> base_value(simple_client& changer) const = 0;
+    virtual std::string change_request(std::uint64_t id, std::int64_t value) const = 0;
+    virtual bool change_ok(std::string_view reply, std::uint64_t id,
+                           std::size_t subscribers) const = 0;
+    // The stream and value of a subscriber's message; nothing for anything else.
+    virtual std::optional<std::pair<std::size_t, std::int64_t>> message(
+        std::string_view reply) const = 0;
+};
+
+class qsfpd_changes final : public change_protocol {
+  public:
+    qsfpd_changes(std::string counter, std::string ticker)
+        : counter_(std::move(counter)),
+          ticker_(std::move(ticker)),
+          counter_key_("\"" + counter_ + "\""),
+          ticker_key_("\"" + ticker_ + "\"") {}
+
+    std::string target() const override { return "qsfpd"; }
+    std::vector<std::string> streams() const override {
+        return {"notify " + counter_ + " (config param)", "notify " + ticker_ + " (status value)"};
+    }
+    std::size_t reply_size(std::string_view buffer) const override { return line_size(buffer); }
+    std::string subscribe_request() const override {
+        return json_request(1, "subscribe", path_params(counter_)) +
+               json_request(2, "subscribe", path_params(ticker_));
+    }
+    std::size_t subscribe_replies() const override { return 2; }
+    bool subscribe_ok(std::string_view reply) const override {
+        return member_text(reply, "result").has_value();
+    }
+    std::optional<std::int64_t> base_value(simple_client& changer) const override {
+        const auto reply = changer.call(json_request(1, "get", path_params(counter_)));
+        const auto text = reply ? member_text(*reply, "result") : std::nullopt;
+        return text ? parse_number<std::int64_t>(*text) : std::nullopt;
+    }
+    std::string change_request(std::uint64_t id, std::int64_t value) const override {
+        return json_request(
+            id, "set", R"({"path":")" + counter_ + R"(","value":)" + std::to_string(value) + "}");
+    }
+    bool change_ok(std::string_view reply, std::uint64_t id, std::size_t) const override {
+        const auto id_text = member_text(reply, "id");
+        return id_text && parse_number<std::uint64_t>(*id_text) == id &&
+               member_text(reply, "result") == "true";
+    }
+    std::optional<std::pair<std::size_t, std::int64_t>> message(
+        std::string_view reply) const override {
+        if (member_text(reply, "method") != "\"changed\"") return std::nullopt;
+        const auto path = member_text(reply, "path");
+        const auto text = member_text(reply, "value");
+        const auto value = text ? parse_number<std::int64_t>(*text) : std::nullopt;
+        if (!path || !value) return std::nullopt;
+        if (*path == counter_key_) return std::pair{std::size_t{0}, *value};
+        if (*path == ticker_key_) return std::pair{std::size_t{1}, *value};
+        return std::nullopt;
+    }
+
+  private:
+    std::string counter_, ticker_, counter_key_, ticker_key_;
+};
+
+// The elements of a RESP array of bulk strings and integers, as text.
+std::vector<std::string_view> resp_elements(std::string_view reply) {
+    std::vector<std::string_view> out;
+    if (reply.empty() || reply[0] != '*') return out;
+    auto at = reply.find("\r\n");
+    long count = 0;
+    std::from_chars(reply.data() + 1, reply.data() + at, count);
+    at += 2;
+    for (long i = 0; i < count && at < reply.size(); ++i) {
+        const auto end = reply.find("\r\n", at);
+        if (end == std::string_view::npos) return {};
+        if (reply[at] == '$') {
+            long length = 0;
+            std::from_chars(reply.data() + at + 1, reply.data() + end, length);
+            if (length < 0 || end + 2 + static_cast<std::size_t>(length) > reply.size()) return {};
+            out.push_back(reply.substr(end + 2, static_cast<std::size_t>(length)));
+            at = end + 2 + static_cast<std::size_t>(length) + 2;
+        } else {
+            out.push_back(reply.substr(at + 1, end - at - 1));
+            at = end + 2;
+        }
+    }
+    return out;
+}
+
+class redis_changes final : public change_protocol {
+  public:
+    explicit redis_changes(std::string channel) : channel_(std::move(channel)) {}
+
+    std::string target() const override { return "Redis"; }
+    std::vector<std::string> streams() const override { return {"PUBLISH to subscribers"}; }
+    std::size_t reply_size(std::string_view buffer) const override { return resp_size(buffer); }
+    std::string subscribe_request() const override { return resp_command({"SUBSCRIBE", channel_}); }
+    std::size_t subscribe_replies() const override { return 1; }
+    bool subscribe_ok(std::string_view reply) const override {
+        const auto e = resp_elements(reply);
+        return e.size() == 3 && e[0] == "subscribe" && e[1] == channel_;
+    }
+    // Redis keeps no value on a channel: every message is delivered.
+    std::optional<std::int64_t> base_value(simple_client&) const override { return 0; }
+    std::string change_request(std::uint64_t, std::int64_t value) const override {
+        return resp_command({"PUBLISH", channel_, std::to_string(value)});
+    }
+    bool change_ok(std::string_view reply, std::uint64_t, std::size_t subscribers) const override {
+        return reply == ":" + std::to_string(subscribers) + "\r\n";
+    }
+    std::optional<std::pair<std::size_t, std::int64_t>> message(
+        std::string_view reply) const override {
+        const auto e = resp_elements(reply);
+        if (e.size() != 3 || e[0] != "message" || e[1] != channel_) return std::nullopt;
+        const auto value = parse_number<std::int64_t>(e[2]);
+        if (!value) return std::nullopt;
+        return std::pair{std::size_t{0}, *value};
+    }
+
+  private:
+    std::string channel_;
 };
 
 struct notify_rows {
-    result_row counter;
-    result_row ticker;
-    histogram set_reply;      // set round trip as the setting connection sees it
-    histogram all_delivered;  // set sent until the last notification of the change arrived
+    std::vector<result_row> streams;
+    histogram change_reply;   // set or PUBLISH round trip as the changing connection sees it
+    histogram all_delivered;  // change sent until the last notification of it arrived
     std::uint64_t late = 0;
+
+    void fail(const std::string& why) {
+        for (auto& row : streams)
+            row.fail(why);
+    }
 };
 
-struct line_reader {
+struct reply_reader {
     unique_fd fd;
     std::string buffer;
 
@@ -737,52 +882,49 @@ struct line_reader {
         }
         return true;
     }
-    std::optional<std::string> next_line() {
-        const auto size = line_size(buffer);
+    std::optional<std::string> next(const change_protocol& proto) {
+        const auto size = proto.reply_size(buffer);
         if (size == 0) return std::nullopt;
-        std::string line = buffer.substr(0, size - 1);
+        std::string reply = buffer.substr(0, size);
         buffer.erase(0, size);
-        return line;
+        return reply;
     }
 };
 
-void run_notify(const endpoint& ep, std::size_t subscribers, const timing& t,
-                const notify_config& config, long server_pid, notify_rows& rows) {
-    for (auto* row : {&rows.counter, &rows.ticker}) {
-        row->target = "qsfpd";
-        row->clients = std::to_string(subscribers) + (subscribers == 1 ? " sub" : " subs");
-        row->connections = subscribers;
-        row->depth = 1;
+void run_notify(const endpoint& ep, const change_protocol& proto, std::size_t subscribers,
+                const timing& t, std::size_t max_changes, long server_pid, notify_rows& rows) {
+    constexpr ns_t change_timeout = 1 * ns_per_s;
+    for (const auto& name : proto.streams()) {
+        auto& row = rows.streams.emplace_back();
+        row.target = proto.target();
+        row.operation = name;
+        row.clients = std::to_string(subscribers) + (subscribers == 1 ? " sub" : " subs");
+        row.connections = subscribers;
+        row.depth = 1;
+        row.redis = proto.target() == "Redis";
     }
-    rows.counter.operation = "notify " + config.counter_path + " (config param)";
-    rows.ticker.operation = "notify " + config.ticker_path + " (status value)";
-    auto fail_both = [&](const std::string& why) {
-        rows.counter.fail(why);
-        rows.ticker.fail(why);
-    };
+    const std::size_t streams = rows.streams.size();
+    const framer frame = [&proto](std::string_view b) { return proto.reply_size(b); };
 
-    simple_client setter(ep, line_size);
-    if (!setter.connected()) return fail_both("cannot connect to " + ep.describe());
-    std::vector<line_reader> subs(subscribers);
+    simple_client changer(ep, frame);
+    if (!changer.connected()) return rows.fail("cannot connect to " + ep.describe());
+    std::vector<reply_reader> subs(subscribers);
     for (auto& sub : subs) {
-        simple_client client(ep, line_size);
-        if (!client.connected()) return fail_both("cannot connect to " + ep.describe());
-        const std::string both = json_request(1, "subscribe", path_params(config.counter_path)) +
-                                 json_request(2, "subscribe", path_params(config.ticker_path));
-        auto first = client.call(both);
-        auto second = first ? client.read() : std::nullopt;
-        if (!second || !member_text(*first, "result") || !member_text(*second, "result"))
-            return fail_both("subscribe failed: " + first.value_or("no reply"));
+        simple_client client(ep, frame);
+        if (!client.connected()) return rows.fail("cannot connect to " + ep.describe());
+        auto reply = client.call(proto.subscribe_request());
+        for (std::size_t i = 0; reply && proto.subscribe_ok(*reply); ++i) {
+            if (i + 1 == proto.subscribe_replies()) break;
+            reply = client.read();
+        }
+        if (!reply || !proto.subscribe_ok(*reply))
+            return rows.fail("subscribe failed: " + reply.value_or("no reply"));
         sub.buffer = client.take_pending();
         sub.fd = client.release();
     }
-    const auto current = setter.call(json_request(1, "get", path_params(config.counter_path)));
-    const auto current_text = current ? member_text(*current, "result") : std::nullopt;
-    const auto base = current_text ? parse_number<std::int64_t>(*current_text) : std::nullopt;
-    if (!base)
-        return fail_both("cannot read " + config.counter_path + ": " +
-                         current.value_or("no reply"));
-    line_reader set_conn{setter.release(), setter.take_pending()};
+    const auto base = proto.base_value(changer);
+    if (!base) return rows.fail("cannot read the value to change");
+    reply_reader change_conn{changer.release(), changer.take_pending()};
 
     unique_fd epoll(::epoll_create1(EPOLL_CLOEXEC));
     for (std::size_t i = 0; i <= subscribers; ++i) {
@@ -790,22 +932,20 @@ void run_notify(const endpoint& ep, std::size_t subscribers, const timing& t,
         ev.events = EPOLLIN;
         ev.data.u64 = i;
         ::epoll_ctl(epoll.get(), EPOLL_CTL_ADD,
-                    i < subscribers ? subs[i].fd.get() : set_conn.fd.get(), &ev);
+                    i < subscribers ? subs[i].fd.get() : change_conn.fd.get(), &ev);
     }
 
-    const std::string counter_key = "\"" + config.counter_path + "\"";
-    const std::string ticker_key = "\"" + config.ticker_path + "\"";
-    histogram counter_delay, ticker_delay;
+    std::vector<histogram> delays(streams);
     cpu_meter cpu;
     cpu.pid = server_pid;
-    const ns_t start = now_ns();
-    const ns_t measure_begin = start + t.warmup;
+    const ns_t measure_begin = now_ns() + t.warmup;
     const ns_t measure_end = measure_begin + t.duration;
     bool measuring = false;
     std::uint64_t recorded = 0;
     std::array<epoll_event, 256> events{};
+    const std::size_t expected = streams * subscribers;
 
-    for (std::uint64_t change = 1; recorded < config.max_changes; ++change) {
+    for (std::uint64_t change = 1; recorded < max_changes; ++change) {
         const ns_t before = now_ns();
         if (before >= measure_end) break;
         if (!measuring && before >= measure_begin) {
@@ -813,23 +953,21 @@ void run_notify(const endpoint& ep, std::size_t subscribers, const timing& t,
             measuring = true;
         }
         const std::int64_t value = *base + static_cast<std::int64_t>(change);
-        const std::string request = json_request(
-            change, "set",
-            R"({"path":")" + config.counter_path + R"(","value":)" + std::to_string(value) + "}");
+        const std::string request = proto.change_request(change, value);
         const ns_t sent = now_ns();
-        if (!send_all(set_conn.fd.get(), request, sent + config.change_timeout))
-            return fail_both("cannot send a set");
-        bool set_done = false;
-        std::size_t counter_got = 0, ticker_got = 0;
+        if (!send_all(change_conn.fd.get(), request, sent + change_timeout))
+            return rows.fail("cannot send a change");
+        bool change_done = false;
+        std::size_t got = 0;
         ns_t last_arrival = 0;
-        const ns_t deadline = sent + config.change_timeout;
-        while (!(set_done && counter_got == subscribers && ticker_got == subscribers)) {
+        const ns_t deadline = sent + change_timeout;
+        while (!(change_done && got == expected)) {
             const ns_t now = now_ns();
             if (now >= deadline) {
-                const auto missing = (subscribers - counter_got) + (subscribers - ticker_got);
-                if (missing > 0)
-                    fail_both(std::to_string(missing) + " notifications missing for one change");
-                if (!set_done) fail_both("no reply to a set within the change timeout");
+                if (got < expected)
+                    rows.fail(std::to_string(expected - got) +
+                              " notifications missing for one change");
+                if (!change_done) rows.fail("no reply to a change within a second");
                 break;
             }
             const int wait_ms = static_cast<int>(std::max<ns_t>((deadline - now) / ns_per_ms, 1));
@@ -837,43 +975,33 @@ void run_notify(const endpoint& ep, std::size_t subscribers, const timing& t,
                 ::epoll_wait(epoll.get(), events.data(), static_cast<int>(events.size()), wait_ms);
             for (int i = 0; i < n; ++i) {
                 const auto index = events[static_cast<std::size_t>(i)].data.u64;
-                auto& reader = index < subscribers ? subs[index] : set_conn;
-                if (!reader.fill()) return fail_both("connection closed by the server");
+                auto& reader = index < subscribers ? subs[index] : change_conn;
+                if (!reader.fill()) return rows.fail("connection closed by the server");
                 const ns_t arrived = now_ns();
-                while (auto line = reader.next_line()) {
+                while (auto reply = reader.next(proto)) {
                     if (index == subscribers) {
-                        const auto id = member_text(*line, "id");
-                        if (!id || parse_number<std::uint64_t>(*id) != change ||
-                            member_text(*line, "result") != "true")
-                            fail_both("wrong reply to a set: " + *line);
-                        if (measuring) rows.set_reply.record(arrived - sent);
-                        set_done = true;
+                        if (!proto.change_ok(*reply, change, subscribers))
+                            rows.fail("wrong reply to a change: " + *reply);
+                        if (measuring) rows.change_reply.record(arrived - sent);
+                        change_done = true;
                         continue;
                     }
-                    const auto path = member_text(*line, "path");
-                    const auto text = member_text(*line, "value");
-                    const auto got = text ? parse_number<std::int64_t>(*text) : std::nullopt;
-                    if (member_text(*line, "method") != "\"changed\"" || !path || !got) {
-                        fail_both("unexpected line for a subscriber: " + *line);
+                    const auto m = proto.message(*reply);
+                    if (!m) {
+                        rows.fail("unexpected message for a subscriber: " + *reply);
                         continue;
                     }
-                    if (*got != value) {
+                    if (m->second != value) {
                         ++rows.late;  // a change given up on earlier
                         continue;
                     }
-                    const bool is_counter = *path == counter_key;
-                    if (!is_counter && *path != ticker_key) {
-                        fail_both("notification for an unexpected path: " + *line);
-                        continue;
-                    }
-                    ++(is_counter ? counter_got : ticker_got);
-                    if (measuring)
-                        (is_counter ? counter_delay : ticker_delay).record(arrived - sent);
+                    ++got;
+                    if (measuring) delays[m->first].record(arrived - sent);
                     last_arrival = arrived;
                 }
             }
         }
-        if (measuring && set_done && counter_got == subscribers && ticker_got == subscribers) {
+        if (measuring && change_done && got == expected) {
             rows.all_delivered.record(last_arrival - sent);
             ++recorded;
         }
@@ -881,14 +1009,14 @@ void run_notify(const endpoint& ep, std::size_t subscribers, const timing& t,
     const ns_t measure_stop = std::max(now_ns(), measure_begin + 1);
     const double window = static_cast<double>(measure_stop - measure_begin) / ns_per_s;
     if (measuring) cpu.stop(window);
-    for (auto* row : {&rows.counter, &rows.ticker}) {
-        row->ops_per_s = static_cast<double>(recorded) / window;
-        row->server_cpu = cpu.server_cpu;
-        row->client_cpu = cpu.self_cpu;
-        row->other_cpu = cpu.other_cpu;
+    for (std::size_t i = 0; i < streams; ++i) {
+        auto& row = rows.streams[i];
+        row.ops_per_s = static_cast<double>(recorded) / window;
+        row.server_cpu = cpu.server_cpu;
+        row.client_cpu = cpu.self_cpu;
+        row.other_cpu = cpu.other_cpu;
+        row.take(delays[i]);
     }
-    rows.counter.take(counter_delay);
-    rows.ticker.take(ticker_delay);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -1069,7 +1197,9 @@ std::string percent(double value) {
 
 const result_row* redis_match(const std::vector<result_row>& rows, const result_row& row) {
     for (const auto& r : rows)
-        if (r.redis && r.connections == row.connections && r.depth == row.depth) return &r;
+        if (r.redis && r.operation == "GET" && r.connections == row.connections &&
+            r.depth == row.depth)
+            return &r;
     return nullptr;
 }
 
@@ -1241,30 +1371,40 @@ int main(int argc, char* argv[]) {
     }
 
     std::vector<notify_rows> notifies;
-    notify_config notify;
-    notify.max_changes = opts->max_changes;
-    for (const auto subs : opts->run_notify ? opts->subscribers : std::vector<std::size_t>{}) {
+    const qsfpd_changes qsfpd_notify("bench/counter", "bench/ticker");
+    const redis_changes redis_notify("qsfpd-bench:counter");
+    auto notify = [&](const endpoint& ep, const change_protocol& proto, std::size_t subs,
+                      long pid) {
         std::optional<notify_rows> kept;
         for (int attempt = 1; attempt <= 1 + opts->retries; ++attempt) {
             wait_for_quiet(opts->quiet_wait);
             notify_rows candidate;
-            run_notify(qsfpd, subs, opts->time, notify, qsfpd_pid, candidate);
-            candidate.counter.attempts = candidate.ticker.attempts = attempt;
-            if (!kept || candidate.counter.other_cpu < kept->counter.other_cpu)
-                kept = std::move(candidate);
-            if (kept->counter.other_cpu <= disturbed_cpu) break;
+            run_notify(ep, proto, subs, opts->time, opts->max_changes, pid, candidate);
+            for (auto& row : candidate.streams)
+                row.attempts = attempt;
+            const auto other = [](const notify_rows& n) { return n.streams.front().other_cpu; };
+            if (!kept || other(candidate) < other(*kept)) kept = std::move(candidate);
+            if (other(*kept) <= disturbed_cpu) break;
             ::usleep(100'000);
         }
         auto& n = notifies.emplace_back(std::move(*kept));
         ::usleep(100'000);
-        if (const auto report = read_process_report(qsfpd, opts->process_path))
-            n.counter.server_rss_kb = n.ticker.server_rss_kb = report->rss_kb;
-        std::fprintf(stderr, "  notify %4zu subscribers: %zu changes, p50 %s µs p99 %s µs%s\n",
-                     subs, static_cast<std::size_t>(n.all_delivered.count()),
-                     micros(n.counter.p50).c_str(), micros(n.counter.p99).c_str(),
-                     n.counter.errors ? "  ERRORS" : "");
-        rows.push_back(n.counter);
-        rows.push_back(n.ticker);
+        if (proto.target() == "qsfpd") {
+            if (const auto report = read_process_report(qsfpd, opts->process_path))
+                for (auto& row : n.streams)
+                    row.server_rss_kb = report->rss_kb;
+        }
+        const auto& first = n.streams.front();
+        std::fprintf(
+            stderr, "  %-14s notify %4zu subscribers: %zu changes, p50 %s µs p99 %s µs%s\n",
+            first.target.c_str(), subs, static_cast<std::size_t>(n.all_delivered.count()),
+            micros(first.p50).c_str(), micros(first.p99).c_str(), first.errors ? "  ERRORS" : "");
+        for (const auto& row : n.streams)
+            rows.push_back(row);
+    };
+    for (const auto subs : opts->run_notify ? opts->subscribers : std::vector<std::size_t>{}) {
+        if (opts->redis_port && opts->run_redis) notify(redis, redis_notify, subs, redis_pid);
+        notify(qsfpd, qsfpd_notify, subs, qsfpd_pid);
     }
 
     const auto after = read_process_report(qsfpd, opts->process_path);
@@ -1278,14 +1418,14 @@ int main(int argc, char* argv[]) {
         "the request is written to just after the reply (or notification) is read. CPU is percent "
         "of\n"
         "one core over the measured window; the client is this single-threaded load generator.\n");
-    for (std::size_t i = 0; i < notifies.size(); ++i) {
-        const auto& n = notifies[i];
+    for (const auto& n : notifies) {
+        const auto& first = n.streams.front();
         std::printf(
-            "notify with %s: set round trip p50 %s µs p99 %s µs; last notification of a change p50 "
-            "%s µs "
-            "p99 %s µs; %llu late\n",
-            n.counter.clients.c_str(), micros(n.set_reply.percentile(0.5)).c_str(),
-            micros(n.set_reply.percentile(0.99)).c_str(),
+            "%s notify with %s: change round trip p50 %s µs p99 %s µs; last notification of a "
+            "change p50 %s µs p99 %s µs; %llu late\n",
+            first.target.c_str(), first.clients.c_str(),
+            micros(n.change_reply.percentile(0.5)).c_str(),
+            micros(n.change_reply.percentile(0.99)).c_str(),
             micros(n.all_delivered.percentile(0.5)).c_str(),
             micros(n.all_delivered.percentile(0.99)).c_str(),
             static_cast<unsigned long long>(n.late));
