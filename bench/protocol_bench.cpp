@@ -1,5 +1,10 @@
 // The CPU cost of one request on the server's request path, without sockets: the whole line
-// (parse + execute + response text) and its parts, over node sets of several sizes.
+// (parse + execute + response text) and its parts, over node sets of several sizes, and a few
+// ways of parsing the same line with rapidjson to size what a different parse would save.
+//
+// Each measured operation is one out-of-line call, so that under callgrind its instructions per
+// call can be read off exactly (bench/count-instructions), which a shared machine's timing
+// cannot give.
 
 #include <benchmark/benchmark.h>
 
@@ -91,13 +96,66 @@ void BM_db_find(benchmark::State& state) {
         benchmark::DoNotOptimize(server.db.find(path));
 }
 
-// Construction and parse of an empty-ish document alone: the fixed cost rapidjson adds per line.
-void BM_rapidjson_document_parse(benchmark::State& state) {
+// rapidjson alone on the same line. The server parses into a fresh document with these flags.
+constexpr unsigned server_flags = rapidjson::kParseValidateEncodingFlag |
+                                  rapidjson::kParseIterativeFlag | rapidjson::kParseNanAndInfFlag;
+
+[[gnu::noinline]] bool parse_fresh_document(const std::string& line) {
+    rapidjson::Document request;
+    request.Parse<server_flags>(line.c_str(), line.size());
+    return request.HasParseError();
+}
+
+// Without UTF-8 validation, to size its share (the server must still reject invalid text).
+[[gnu::noinline]] bool parse_unvalidated(const std::string& line) {
+    rapidjson::Document request;
+    request.Parse<rapidjson::kParseIterativeFlag | rapidjson::kParseNanAndInfFlag>(line.c_str(),
+                                                                                   line.size());
+    return request.HasParseError();
+}
+
+// One pool over a buffer that outlives the requests: no allocation per line.
+[[gnu::noinline]] bool parse_reused_pool(const std::string& line, char* buffer, std::size_t size) {
+    rapidjson::MemoryPoolAllocator<> pool(buffer, size);
+    rapidjson::Document request(&pool);
+    request.Parse<server_flags>(line.c_str(), line.size());
+    return request.HasParseError();
+}
+
+// As above, parsed in place in the (writable) line, so strings are not copied again.
+[[gnu::noinline]] bool parse_reused_pool_insitu(std::string& line, char* buffer, std::size_t size) {
+    rapidjson::MemoryPoolAllocator<> pool(buffer, size);
+    rapidjson::Document request(&pool);
+    request.ParseInsitu<server_flags>(line.data());
+    return request.HasParseError();
+}
+
+void BM_rapidjson_parse_fresh_document(benchmark::State& state) {
     const std::string line = get_line(qsfpd::bench::stored_path);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(parse_fresh_document(line));
+}
+
+void BM_rapidjson_parse_unvalidated(benchmark::State& state) {
+    const std::string line = get_line(qsfpd::bench::stored_path);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(parse_unvalidated(line));
+}
+
+void BM_rapidjson_parse_reused_pool(benchmark::State& state) {
+    const std::string line = get_line(qsfpd::bench::stored_path);
+    alignas(8) static char buffer[4096];
+    for (auto _ : state)
+        benchmark::DoNotOptimize(parse_reused_pool(line, buffer, sizeof buffer));
+}
+
+void BM_rapidjson_parse_reused_pool_insitu(benchmark::State& state) {
+    const std::string line = get_line(qsfpd::bench::stored_path);
+    alignas(8) static char buffer[4096];
+    std::string copy;
     for (auto _ : state) {
-        rapidjson::Document request;
-        request.Parse(line.c_str(), line.size());
-        benchmark::DoNotOptimize(request);
+        copy.assign(line);  // in-situ parsing writes into the text
+        benchmark::DoNotOptimize(parse_reused_pool_insitu(copy, buffer, sizeof buffer));
     }
 }
 
@@ -108,6 +166,9 @@ BENCHMARK(BM_handle_line_get_volatile)->Arg(2000);
 BENCHMARK(BM_parse_get);
 BENCHMARK(BM_execute_get_stored);
 BENCHMARK(BM_db_find)->Arg(23)->Arg(2000)->Arg(20000);
-BENCHMARK(BM_rapidjson_document_parse);
+BENCHMARK(BM_rapidjson_parse_fresh_document);
+BENCHMARK(BM_rapidjson_parse_unvalidated);
+BENCHMARK(BM_rapidjson_parse_reused_pool);
+BENCHMARK(BM_rapidjson_parse_reused_pool_insitu);
 
 BENCHMARK_MAIN();
