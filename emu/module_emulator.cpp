@@ -635,7 +635,172 @@ void module_emulator::service() {
     refresh_monitors(now);
     refresh_lane_status();
     apply_stuck();
+    evaluate_alarms();
     update_interrupt();
+}
+
+bool module_emulator::has_lane_monitors() const {
+    return profile_.bias_ma.nominal != 0.0 || profile_.tx_power_mw.nominal != 0.0 ||
+           profile_.rx_power_mw.nominal != 0.0;
+}
+
+namespace {
+
+// Threshold and flag layout per family. Thresholds come as four u16 (high alarm, low alarm,
+// high warning, low warning). SFF-8636: page 03h 128 temperature, 144 Vcc, 176 RX power,
+// 184 bias, 192 TX power; flags lower 6 temperature, 7 Vcc (bits 7..4), 9-10 RX power, 11-12
+// bias, 13-14 TX power (bits 7..4 first lane of the byte, 3..0 second). CMIS: page 02h 128
+// temperature, 136 Vcc, 176 TX power, 184 bias, 192 RX power; flags lower 9 (bits 0..3
+// temperature, 4..7 Vcc), page 11h 139.. TX power, 143.. bias, 149.. RX power, one byte per
+// condition, one bit per lane. SFF-8472 A2h: thresholds 0 temperature, 8 Vcc, 16 bias, 24 TX
+// power, 32 RX power; live flags 112/113 alarms, 116/117 warnings.
+using sensor = module_emulator::sensor;
+
+struct family_layout {
+    std::uint8_t device;
+    page_id thresholds;
+    std::array<std::uint8_t, 5> threshold_at;  // by sensor
+};
+
+constexpr family_layout sff8636_layout{a0, {0, 0x03}, {128, 144, 184, 192, 176}};
+constexpr family_layout cmis_layout{a0, {0, 0x02}, {128, 136, 184, 176, 192}};
+constexpr family_layout sff8472_layout{a2, {}, {0, 8, 16, 24, 32}};
+
+// Where condition `which` (0 high alarm, 1 low alarm, 2 high warning, 3 low warning) of a sensor
+// on a lane is flagged.
+struct flag_spot {
+    page_id page;
+    std::uint8_t offset;
+    std::uint8_t bit;
+};
+
+flag_spot sff8636_flag(sensor s, unsigned lane, unsigned which) {
+    const auto bit = [&](unsigned top) { return static_cast<std::uint8_t>(top - which); };
+    switch (s) {
+        case sensor::temperature:
+            return {{}, 6, bit(7)};
+        case sensor::vcc:
+            return {{}, 7, bit(7)};
+        default: {
+            const std::uint8_t base = s == sensor::rx_power ? 9 : s == sensor::bias ? 11 : 13;
+            return {{}, static_cast<std::uint8_t>(base + lane / 2), bit(lane % 2 ? 3 : 7)};
+        }
+    }
+}
+
+flag_spot cmis_flag(sensor s, unsigned lane, unsigned which) {
+    const page_id page{static_cast<std::uint8_t>(lane / 8), 0x11};
+    const auto bit = static_cast<std::uint8_t>(lane % 8);
+    switch (s) {
+        case sensor::temperature:
+            return {{}, 9, static_cast<std::uint8_t>(which)};
+        case sensor::vcc:
+            return {{}, 9, static_cast<std::uint8_t>(4 + which)};
+        case sensor::tx_power:
+            return {page, static_cast<std::uint8_t>(139 + which), bit};
+        case sensor::bias:
+            return {page, static_cast<std::uint8_t>(143 + which), bit};
+        case sensor::rx_power:
+            return {page, static_cast<std::uint8_t>(149 + which), bit};
+    }
+    return {};
+}
+
+flag_spot sff8472_flag(sensor s, unsigned, unsigned which) {
+    const std::uint8_t warn = which >= 2 ? 4 : 0;
+    const bool low = which % 2 == 1;
+    switch (s) {
+        case sensor::temperature:
+            return {
+                {}, static_cast<std::uint8_t>(112 + warn), static_cast<std::uint8_t>(low ? 6 : 7)};
+        case sensor::vcc:
+            return {
+                {}, static_cast<std::uint8_t>(112 + warn), static_cast<std::uint8_t>(low ? 4 : 5)};
+        case sensor::bias:
+            return {
+                {}, static_cast<std::uint8_t>(112 + warn), static_cast<std::uint8_t>(low ? 2 : 3)};
+        case sensor::tx_power:
+            return {
+                {}, static_cast<std::uint8_t>(112 + warn), static_cast<std::uint8_t>(low ? 0 : 1)};
+        case sensor::rx_power:
+            return {
+                {}, static_cast<std::uint8_t>(113 + warn), static_cast<std::uint8_t>(low ? 6 : 7)};
+    }
+    return {};
+}
+
+}  // namespace
+
+void module_emulator::evaluate_alarms() {
+    // Alarm and warning flags follow the monitor registers as the host sees them (stuck values
+    // included) against the module's own thresholds. Latched families latch; SFF-8472 flags are
+    // live. Unset thresholds (all four 0) are skipped, as are TX conditions of a lane whose
+    // transmitter is off.
+    if (clock_->now() < epoch_ + profile_.i2c_not_ready) return;
+    const bool sfp = profile_.family == module_family::sff8472_converter;
+    const family_layout& layout = profile_.family == module_family::sff8636 ? sff8636_layout
+                                  : profile_.family == module_family::cmis  ? cmis_layout
+                                                                            : sff8472_layout;
+    if (!memories_.contains(layout.device)) return;
+    auto& mem = memories_.at(layout.device);
+    if (!sfp && !mem.has_page(layout.thresholds)) return;
+    const monitor_map& map = profile_.family == module_family::sff8636 ? sff8636_monitors
+                             : profile_.family == module_family::cmis  ? cmis_monitors
+                                                                       : sff8472_monitors;
+    const unsigned lanes = has_lane_monitors() ? profile_.lanes : 0;
+    for (unsigned si = 0; si < 5; ++si) {
+        const auto s = static_cast<sensor>(si);
+        const bool per_lane = s != sensor::temperature && s != sensor::vcc;
+        const unsigned count = per_lane ? lanes : 1;
+        std::array<std::uint16_t, 4> limit{};
+        for (unsigned w = 0; w < 4; ++w)
+            limit[w] = mem.peek16(layout.thresholds,
+                                  static_cast<std::uint8_t>(layout.threshold_at[si] + 2 * w));
+        if (limit == std::array<std::uint16_t, 4>{}) continue;
+        for (unsigned lane = 0; lane < count; ++lane) {
+            if ((s == sensor::bias || s == sensor::tx_power) && !tx_on_now(lane)) continue;
+            page_id page{};
+            std::uint8_t at = s == sensor::temperature ? map.temperature
+                              : s == sensor::vcc       ? map.vcc
+                              : s == sensor::bias      ? map.bias
+                              : s == sensor::tx_power  ? map.tx_power
+                                                       : map.rx_power;
+            if (per_lane) {
+                if (profile_.family == module_family::cmis) {
+                    page = {static_cast<std::uint8_t>(lane / 8), 0x11};
+                    if (!mem.has_page(page)) continue;
+                    at = static_cast<std::uint8_t>(at + 2 * (lane % 8));
+                } else {
+                    at = static_cast<std::uint8_t>(at + 2 * lane);
+                }
+            }
+            const std::uint16_t raw = mem.peek16(page, at);
+            const auto above = [&](std::uint16_t t) {
+                return s == sensor::temperature
+                           ? static_cast<std::int16_t>(raw) > static_cast<std::int16_t>(t)
+                           : raw > t;
+            };
+            const auto below = [&](std::uint16_t t) {
+                return s == sensor::temperature
+                           ? static_cast<std::int16_t>(raw) < static_cast<std::int16_t>(t)
+                           : raw < t;
+            };
+            const std::array<bool, 4> on{above(limit[0]), below(limit[1]), above(limit[2]),
+                                         below(limit[3])};
+            for (unsigned w = 0; w < 4; ++w) {
+                const flag_spot f =
+                    profile_.family == module_family::sff8636 ? sff8636_flag(s, lane, w)
+                    : profile_.family == module_family::cmis  ? cmis_flag(s, lane, w)
+                                                              : sff8472_flag(s, lane, w);
+                const auto bit = static_cast<std::uint8_t>(1u << f.bit);
+                if (f.offset >= 128 && !mem.has_page(f.page)) continue;
+                if (on[w])
+                    mem.latch(f.page, f.offset, bit);
+                else if (sfp)
+                    mem.clear_bits(f.page, f.offset, bit);
+            }
+        }
+    }
 }
 
 bool module_emulator::interrupt_asserted() {

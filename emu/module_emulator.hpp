@@ -141,6 +141,8 @@ class module_emulator {
     void set_flag(lane_flag flag, unsigned lane, bool on);
     void refresh_monitors(clock::time_point now);
     void refresh_lane_status();
+    void evaluate_alarms();
+    bool has_lane_monitors() const;
     void update_interrupt();
     void apply_stuck();
     unsigned cmis_bias_multiplier();

@@ -366,7 +366,8 @@ def coherent_pages(grid_low, grid_high, pmin_dbm, pmax_dbm, target_dbm):
     return p04, p12
 
 
-def coherent(revision, name, apps, media_lane_assign, pmin, pmax, target, seed, tx_mw, durations):
+def coherent(revision, name, apps, media_lane_assign, pmin, pmax, target, seed, tx_mw, durations,
+             tx_limits=(0.4, 0.05, 0.32, 0.063)):
     lower, p00 = blocks(load("cmis_qsfpdd_400g_dr4_avago_afct93drphz_fd2038fg0fk.hex"))
     lower[1] = revision
     cmis_apps(lower, apps)
@@ -377,7 +378,7 @@ def coherent(revision, name, apps, media_lane_assign, pmin, pmax, target, seed, 
     put(p00, 212, [0x10])      # media interface technology: C-band tunable laser
     p04, p12 = coherent_pages(-69, 120, pmin, pmax, target)
     pages = {"00": p00, "01": cmis_page01(0, 0, 0, media_lane_assign, 2, durations),
-             "02": cmis_page02(tx=(0.4, 0.05, 0.32, 0.063), bias=(300, 50, 280, 60),
+             "02": cmis_page02(tx=tx_limits, bias=(300, 50, 280, 60),
                                rx=(1.0, 0.0016, 0.8, 0.002), multiplier=4),
              "03": zeros(), "04": p04, "b0:10": cmis_page10(8), "b0:11": cmis_page11(8),
              "b0:12": p12}
@@ -405,7 +406,8 @@ def zr_plus():
     lower, pages, mon = coherent(0x50, "EMU-QDD-400G-ZRP",
                                  [app(0x11, 0x46, 8, 1, 0x01), app(0x11, 0x3E, 8, 1, 0x01),
                                   app(0x0D, 0x49, 2, 1, 0x01)],
-                                 [0x01, 0x01, 0x01], -15.0, 1.0, 0.0, 5001, 1.0, 0x56)
+                                 [0x01, 0x01, 0x01], -15.0, 1.0, 0.0, 5001, 1.0, 0x56,
+                                 tx_limits=(2.0, 0.02, 1.6, 0.03))
     return cmis_profile("QSFP-DD 400ZR+ coherent tunable (constructed)",
                         "CMIS 5.0, C-CMIS pages 04h/12h, 1 media lane, OpenZR+ modes",
                         "constructed from CMIS and C-CMIS tables on the Avago image", lower, pages, 1,

@@ -347,6 +347,40 @@ TEST(ModuleFaults, LatchedFlagsAssertTheInterrupt) {
     EXPECT_FALSE(m.interrupt_asserted());
 }
 
+TEST(ModuleAlarms, StuckTemperatureRaisesTheHighAlarmAndWarning) {
+    cage_fixture f;
+    auto& m = f.insert("qsfp28_100g_lr4");
+    EXPECT_EQ(f.read1(6) & 0xf0, 0x00);
+    m.stick({}, 22, {0x7f, 0x00});              // 127 degC; thresholds 75 / 70 degC
+    EXPECT_EQ(f.read1(6) & 0xf0, 0x80 | 0x20);  // high alarm, high warning
+    EXPECT_TRUE(m.interrupt_asserted());        // still there: latched again
+    m.unstick_all();
+    f.read1(6);
+    EXPECT_EQ(f.read1(6) & 0xf0, 0x00);
+}
+
+TEST(ModuleAlarms, CmisLaneRxPowerLowAlarm) {
+    cage_fixture f;
+    auto& m = f.insert("qsfpdd_400g_fr4");
+    f.select(0x11);
+    EXPECT_EQ(f.read(149, 4), (std::vector<std::uint8_t>{0, 0, 0, 0}));
+    m.stick({0, 0x11}, 186 + 2 * 2, {0x00, 0x00});  // lane 3 RX power 0
+    // RX power high alarm, low alarm, high warning, low warning: lane 3 low alarm and warning.
+    EXPECT_EQ(f.read(149, 4), (std::vector<std::uint8_t>{0, 0x04, 0, 0x04}));
+}
+
+TEST(ModuleAlarms, SfpFlagsAreLive) {
+    cage_fixture f;
+    auto& m = f.insert("qsa_sfpplus_10g_sr");
+    f.clock->advance(300ms);
+    EXPECT_EQ(f.read1(112, 0x51), 0x00);
+    m.stick({}, 96, {0x50, 0x00}, 0x51);  // 80 degC; thresholds 78 / 73 degC
+    EXPECT_EQ(f.read1(112, 0x51), 0x80);
+    EXPECT_EQ(f.read1(116, 0x51), 0x80);
+    m.unstick_all();
+    EXPECT_EQ(f.read1(112, 0x51), 0x00);
+}
+
 TEST(ModuleFaults, BadFlapRequestsAreRefused) {
     cage_fixture f;
     auto& m = f.insert("qsfp28_100g_lr4");
