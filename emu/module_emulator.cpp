@@ -131,8 +131,30 @@ void module_emulator::build_memories() {
     }
 }
 
+void module_emulator::install(const hook_entry& h) {
+    auto& mem = memory(h.device);
+    if (h.on_write) mem.on_write(h.page, h.first, h.last, h.on_write);
+    if (h.on_read) mem.on_read(h.page, h.first, h.last, h.on_read);
+}
+
+void module_emulator::on_write(page_id page, std::uint8_t first, std::uint8_t last,
+                               module_memory::write_hook hook, std::uint8_t device_address) {
+    std::lock_guard lock(mutex_);
+    hooks_.push_back({device_address, page, first, last, std::move(hook), {}});
+    install(hooks_.back());
+}
+
+void module_emulator::on_read(page_id page, std::uint8_t first, std::uint8_t last,
+                              module_memory::read_hook hook, std::uint8_t device_address) {
+    std::lock_guard lock(mutex_);
+    hooks_.push_back({device_address, page, first, last, {}, std::move(hook)});
+    install(hooks_.back());
+}
+
 void module_emulator::restart(clock::time_point now) {
     build_memories();
+    for (const auto& h : hooks_)
+        install(h);
     epoch_ = now;
     pending_reset_ = false;
     cmis_initialised_ = false;

@@ -103,6 +103,16 @@ class module_emulator {
     bool sfp_signal(cage::sfp_signal signal);
     void set_sfp_signal(cage::sfp_signal signal, bool value);
 
+    // Behaviour hooks on a byte range of a (bank, page) (lower memory for offsets below 128).
+    // Unlike hooks set on memory() directly they survive reset and software reset, which
+    // rebuild the memory from the profile; later behaviour (tuning, data path init, PRBS, VDM)
+    // goes here. Hooks run with the module locked and may peek/poke memory(device).
+    void on_write(page_id page, std::uint8_t first, std::uint8_t last,
+                  module_memory::write_hook hook,
+                  std::uint8_t device_address = cage::module_address);
+    void on_read(page_id page, std::uint8_t first, std::uint8_t last, module_memory::read_hook hook,
+                 std::uint8_t device_address = cage::module_address);
+
     // Brings state machine, flaps and monitors up to the clock's now().
     void service();
 
@@ -172,6 +182,16 @@ class module_emulator {
     std::array<std::bitset<16>, lane_flag_count> live_{};
     std::vector<flap_entry> flaps_;
     std::vector<stuck_entry> stuck_;
+    struct hook_entry {
+        std::uint8_t device;
+        page_id page;
+        std::uint8_t first;
+        std::uint8_t last;
+        module_memory::write_hook on_write;
+        module_memory::read_hook on_read;
+    };
+    std::vector<hook_entry> hooks_;
+    void install(const hook_entry& h);
     bool sfp_tx_disable_ = false;
     bool sfp_rate_select_ = false;
 };

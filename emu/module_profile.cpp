@@ -4,6 +4,7 @@
 #include <rapidjson/error/en.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 

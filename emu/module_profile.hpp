@@ -71,6 +71,7 @@ struct module_profile {
     static module_profile load(const std::filesystem::path& file);
     // A profile of emu/profiles/ by its file stem, e.g. "qsfp28_100g_lr4".
     static module_profile load_named(std::string_view stem);
+    // emu/profiles of the source tree, or $QSFP_EMU_PROFILE_DIR when set.
     static std::filesystem::path directory();
     static std::vector<std::filesystem::path> all_files();
 };

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 
 #include "emu_test_support.hpp"
 
@@ -207,6 +209,46 @@ TEST(CageBus, EveryTransferIsAccountedWithItsClockTime) {
     EXPECT_EQ(bus->accesses(a.bus_index()), (std::vector<clock::time_point>{t0}));
     EXPECT_EQ(bus->accesses(b.bus_index()),
               (std::vector<clock::time_point>{t0 + 100ms, t0 + 100ms}));
+}
+
+}  // namespace
+}  // namespace qsfpd::emu::test
+
+namespace qsfpd::emu::test {
+namespace {
+
+// A daemon thread polls while the test thread injects faults and moves time: every transfer
+// either succeeds or fails with an injected errno, and the bus counts every one.
+TEST(CageThreads, PollingWhileInjectingIsSafe) {
+    cage_fixture f;
+    auto& m = f.insert("qsfpdd_400g_fr4");
+    std::atomic<int> ok{0};
+    std::atomic<int> failed{0};
+    std::atomic<bool> unexpected{false};
+    std::thread poller([&] {
+        std::array<std::uint8_t, 16> buf{};
+        for (int i = 0; i < 2000; ++i) {
+            try {
+                f.cage.i2c_read(0x50, 0, buf);
+                ++ok;
+            } catch (const std::system_error& e) {
+                if (e.code().value() != ENXIO && e.code().value() != EIO) unexpected = true;
+                ++failed;
+            }
+        }
+    });
+    for (int i = 0; i < 200; ++i) {
+        f.cage.fail_next(1, i % 2 ? ENXIO : EIO);
+        m.flap(lane_flag::rx_los, static_cast<unsigned>(i % 4), "10", flap_step::per_poll);
+        m.stick({}, 14, {0x20, static_cast<std::uint8_t>(i)});
+        f.clock->advance(10ms);
+        m.unstick_all();
+        m.stop_flaps();
+    }
+    poller.join();
+    EXPECT_FALSE(unexpected);
+    EXPECT_EQ(ok + failed, 2000);
+    EXPECT_EQ(f.bus->counters(f.cage.bus_index()).transactions, 2000u);
 }
 
 }  // namespace

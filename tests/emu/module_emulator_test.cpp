@@ -381,6 +381,38 @@ TEST(ModuleAlarms, SfpFlagsAreLive) {
     EXPECT_EQ(f.read1(112, 0x51), 0x00);
 }
 
+TEST(ModuleHooks, BehaviourHooksSurviveAReset) {
+    cage_fixture f;
+    auto& m = f.insert("qsfpdd_400zr");
+    // A stand-in for tuning: a write of the channel (page 12h 136-137) updates the current
+    // frequency (168-171) the host reads back.
+    const page_id tuning{0, 0x12};
+    int writes = 0;
+    m.on_write(tuning, 136, 137, [&](page_id, std::uint8_t, std::uint8_t) {
+        ++writes;
+        auto& mem = m.memory();
+        const auto channel = static_cast<std::int16_t>(mem.peek16(tuning, 136));
+        const auto mhz = static_cast<std::uint32_t>(193'100'000 + channel * 25'000);
+        mem.poke16(tuning, 168, static_cast<std::uint16_t>(mhz >> 16));
+        mem.poke16(tuning, 170, static_cast<std::uint16_t>(mhz & 0xffff));
+    });
+    auto tune = [&](std::int16_t channel) {
+        f.select(0x12);
+        const std::array<std::uint8_t, 2> ch{static_cast<std::uint8_t>(channel >> 8),
+                                             static_cast<std::uint8_t>(channel & 0xff)};
+        f.cage.i2c_write(0x50, 136, ch);
+        const auto b = f.read(168, 4);
+        return std::uint32_t{b[0]} << 24 | std::uint32_t{b[1]} << 16 | std::uint32_t{b[2]} << 8 |
+               b[3];
+    };
+    EXPECT_EQ(tune(-69), 191'375'000u);
+    f.cage.pin_set(cage::line::reset, true);
+    f.cage.pin_set(cage::line::reset, false);
+    f.clock->advance(m.profile().i2c_not_ready);
+    EXPECT_EQ(tune(120), 196'100'000u);
+    EXPECT_EQ(writes, 4);  // two bytes per tuning write
+}
+
 TEST(ModuleFaults, BadFlapRequestsAreRefused) {
     cage_fixture f;
     auto& m = f.insert("qsfp28_100g_lr4");
