@@ -4,7 +4,9 @@
 
 #include "device_handler_api.hpp"
 #include "msg_log.hpp"
+#include "qsfp_device.hpp"
 #include "qsfpd_options.hpp"
+#include "remote_cage_transport.hpp"
 #include "system_path.hpp"
 
 int main(int argc, char* argv[]) {
@@ -13,6 +15,10 @@ int main(int argc, char* argv[]) {
 
     std::signal(SIGPIPE, SIG_IGN);
     msg_log::init();
+    // A device path naming a socket is a cage of the module emulator.
+    qsfpd::cage::qsfp_device::set_transport_factory([](const std::string& path) {
+        return std::make_shared<qsfpd::remote::remote_cage_transport>(path);
+    });
 
     auto server = std::make_shared<device_handler_api>(qsfpd::system_path(options->server_name),
                                                        options->port, false);
