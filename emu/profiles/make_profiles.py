@@ -204,6 +204,7 @@ def fr1_pam4():
     put(p00, 222, [212])  # 53.125 GBd / 0.25
     for i in range(34, 58):  # lane monitors: one lane left, the emulator writes lane 1
         lower[i] = 0
+    lower[1] = 0x08  # revision compliance: SFF-8636 2.8..2.10 (pages 20h-21h need 2.10)
     return sff8636_profile(
         "QSFP28 100G-FR1 single lambda PAM4 with DSP (constructed)",
         "SFF-8636, 1 media lane (PAM4), ext. compliance 26h, pages 20h-21h implemented",
