@@ -174,6 +174,11 @@ void module_emulator::restart(clock::time_point now) {
         memories_.at(a2).latch(lower, sfp_status_control, 0x01);
 }
 
+bool module_emulator::reset_held() const {
+    std::lock_guard lock(mutex_);
+    return reset_held_;
+}
+
 bool module_emulator::answers(std::uint8_t device_address) {
     std::lock_guard lock(mutex_);
     if (reset_held_) return false;

@@ -46,6 +46,7 @@ struct flag_site {
 
 // One module: its memory (one per two-wire address) plus behaviour, all on the injected clock.
 // Time moves only through the clock; every host access first brings the module up to now().
+// All public members may be called from any thread.
 class module_emulator {
   public:
     module_emulator(module_profile profile, std::shared_ptr<clock> clk);
@@ -65,7 +66,7 @@ class module_emulator {
     // Module lines, as driven by the cage (true = asserted).
     void set_lpmode(bool asserted);
     void set_reset(bool asserted);
-    bool reset_held() const { return reset_held_; }
+    bool reset_held() const;
 
     // Power state. `cmis_module_state` is empty for non-CMIS modules.
     std::optional<cmis_state> cmis_module_state();
