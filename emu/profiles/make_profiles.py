@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Builds the emulator profiles of this folder from the real module dumps.
 
-Usage: make_profiles.py [DUMP_DIR]   (default /work/shared/module-dumps)
+Usage: make_profiles.py [DUMP_DIR]   (default: testdata/module-dumps of this repository)
 
 Dump-based profiles keep the module's identity and advertisement bytes as read from the real
 module; the volatile bytes of the capture (latched flags, TX disable, power control) are set back
@@ -13,7 +13,7 @@ import os
 import struct
 import sys
 
-DUMPS = sys.argv[1] if len(sys.argv) > 1 else "/work/shared/module-dumps"
+DUMPS = sys.argv[1] if len(sys.argv) > 1 else os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "testdata", "module-dumps")
 OUT = os.path.dirname(os.path.abspath(__file__))
 
 

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "converter_sfp_device.hpp"
-#include "dump_image.hpp"
+#include "module_dump.hpp"
 #include "fake_transport.hpp"
 #include "sfp_reg_map.hpp"
 
@@ -411,7 +411,7 @@ TEST_F(converter_test, unwired_sfp_lines_report_enotsup) {
 
 TEST(converter_sfp, the_sff8472_map_reads_a_real_sfp_through_the_converter) {
     const auto image =
-        test::read_dump_image("sff8472_sfpplus_10g_sr_finisar_ftlx8571d3bcl_auj0rcj.hex");
+        test::load_module_dump("sff8472_sfpplus_10g_sr_finisar_ftlx8571d3bcl_auj0rcj.hex");
     ASSERT_EQ(image.size(), 512u);
     auto bus = std::make_shared<fake_transport>();
     bus->set_sfp(std::span(image).first(256), std::span(image).subspan(256));

@@ -6,7 +6,7 @@
 #include <string>
 #include <system_error>
 
-#include "dump_image.hpp"
+#include "module_dump.hpp"
 #include "fake_transport.hpp"
 #include "log_capture.hpp"
 
@@ -18,7 +18,7 @@ using test::fake_transport;
 struct module_on_bus {
     explicit module_on_bus(const std::string& dump) : bus(std::make_shared<fake_transport>()) {
         bus->set_banked(true);
-        bus->load_flat(test::read_dump_image(dump));
+        bus->load_flat(test::load_module_dump(dump));
     }
     std::shared_ptr<fake_transport> bus;
     qsfp_device device{"cage", bus};
@@ -133,7 +133,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(module_images, a_paged_read_returns_the_dump_byte_for_byte) {
     // Lower page and upper pages 00h-03h of a real module, read back in one call through the page
     // selects; the result must be the dump itself.
-    const auto image = test::read_dump_image("sff8636_qsfp28_100g_sr4_mellanox_mt1834ft03846.hex");
+    const auto image = test::load_module_dump("sff8636_qsfp28_100g_sr4_mellanox_mt1834ft03846.hex");
     ASSERT_EQ(image.size(), 640u);
     module_on_bus m("sff8636_qsfp28_100g_sr4_mellanox_mt1834ft03846.hex");
     std::vector<std::uint8_t> out(image.size());
@@ -321,7 +321,7 @@ TEST(qsfp_reg_map_access, identity_is_cached_until_forgotten) {
     EXPECT_EQ(m.bus->count(), 1u);  // no identifier read, no page select: one transfer
 
     // Another module in the cage: the old family sticks until the map is told.
-    m.bus->load_flat(test::read_dump_image("sff8636_qsfp28_100g_lr4_dell_3mfxg.hex"));
+    m.bus->load_flat(test::load_module_dump("sff8636_qsfp28_100g_lr4_dell_3mfxg.hex"));
     m.map.forget_identity();
     EXPECT_EQ(m.map.get_part_number(), "3MFXG");
 }
@@ -347,7 +347,7 @@ TEST(qsfp_reg_map_access, a_failed_read_makes_the_identity_read_again) {
     EXPECT_EQ(error_of([&] { (void)m.map.get_part_number(); }), EIO);
     // A CMIS module answers next in the same cage.
     m.bus->load_flat(
-        test::read_dump_image("cmis_qsfpdd_400g_dr4_avago_afct93drphz_fd2038fg0fk.hex"));
+        test::load_module_dump("cmis_qsfpdd_400g_dr4_avago_afct93drphz_fd2038fg0fk.hex"));
     EXPECT_EQ(m.map.get_part_number(), "AFCT-93DRPHZ-AZ2");
 }
 

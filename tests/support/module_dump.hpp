@@ -23,6 +23,8 @@ inline std::vector<std::uint8_t> load_module_dump(const std::string& file_name) 
         while (words >> word)
             bytes.push_back(static_cast<std::uint8_t>(std::stoul(word, nullptr, 16)));
     }
+    if (bytes.empty() || bytes.size() % 16 != 0)
+        throw std::runtime_error("malformed module dump " + file_name);
     return bytes;
 }
 
