@@ -18,7 +18,7 @@ emu_bus::emu_bus(std::shared_ptr<clock> clk, unsigned speed_hz, std::size_t hist
 
 unsigned emu_bus::attach(std::string name) {
     std::lock_guard lock(mutex_);
-    cages_.push_back(cage_entry{std::move(name), {}, {}});
+    cages_.push_back(cage_entry{std::move(name), {}, {}, {}});
     return static_cast<unsigned>(cages_.size() - 1);
 }
 
@@ -63,8 +63,11 @@ std::chrono::nanoseconds emu_bus::account(unsigned cage, kind k, std::size_t dat
         c->wire_time += wire;
     }
     entry.recent.push_back(now);
-    while (entry.recent.size() > history_)
+    entry.recent_wall.push_back(clock_->wall_now());
+    while (entry.recent.size() > history_) {
         entry.recent.pop_front();
+        entry.recent_wall.pop_front();
+    }
     return wire;
 }
 
@@ -125,6 +128,16 @@ std::string emu_bus::snapshot_json() const {
             w.Int64(std::chrono::duration_cast<std::chrono::nanoseconds>(
                         c.recent.back().time_since_epoch())
                         .count());
+        // Wall time of the recent accesses as milliseconds within their second: a cage that keeps
+        // its slot shows the same few values.
+        w.Key("recent_access_ms_in_second");
+        w.StartArray();
+        for (const auto& t : c.recent_wall)
+            w.Uint(static_cast<unsigned>(
+                std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch())
+                    .count() %
+                1000));
+        w.EndArray();
         w.EndObject();
     }
     w.EndArray();

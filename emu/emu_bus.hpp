@@ -64,6 +64,8 @@ class emu_bus {
         std::string name;
         bus_counters counters;
         std::deque<clock::time_point> recent;
+        // The same accesses in wall time, so a report can show where in the 100 ms grid they fell.
+        std::deque<std::chrono::system_clock::time_point> recent_wall;
     };
 
     std::shared_ptr<clock> clock_;

@@ -83,6 +83,8 @@ TEST_F(EmuService, ADaemonInAnotherProcessReadsTheInsertedModule) {
     EXPECT_EQ(ctl({"counters"}, &out), 0);
     EXPECT_NE(out.find(R"("name":"qsfp3","transactions":)"), std::string::npos);
     EXPECT_EQ(out.find(R"("name":"qsfp3","transactions":0,)"), std::string::npos);
+    // Every access so far happened at the virtual clock's whole seconds.
+    EXPECT_NE(out.find(R"("recent_access_ms_in_second":[0,0,)"), std::string::npos) << out;
 
     EXPECT_EQ(ctl({"remove", "3"}), 0);
     EXPECT_FALSE(cage.module_present());
