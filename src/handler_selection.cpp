@@ -1,0 +1,83 @@
+#include "handler_selection.hpp"
+
+#include <algorithm>
+#include <array>
+
+namespace qsfpd {
+namespace {
+
+constexpr std::uint8_t id_sfp = 0x03;
+constexpr std::uint8_t id_qsfp_dd = 0x18;
+
+constexpr std::array<std::uint8_t, 16> single_lane_link_codes = {
+    0x21, 0x25, 0x26, 0x27, 0x28, 0x29, 0x3A, 0x36, 0x2A, 0x2B, 0x2C, 0x2D, 0x2E, 0x2F, 0x34, 0x35,
+};
+
+constexpr std::array<std::pair<handler_class, std::string_view>, 9> class_names = {{
+    {handler_class::passive_converter, "qsfp_passive_converter_device_handler"},
+    {handler_class::passive, "qsfp_passive_device_handler"},
+    {handler_class::optical_4lane, "qsfp_optical_4lane_device_handler"},
+    {handler_class::optical_1or2lane, "qsfp_optical_1or2lane_device_handler"},
+    {handler_class::optical_1lane, "qsfp_optical_1lane_device_handler"},
+    {handler_class::optical_1lane_pam4, "qsfp_optical_1lane_pam4_device_handler"},
+    {handler_class::dd_optical_4lane, "qsfp_dd_optical_4lane_device_handler"},
+    {handler_class::dd_acacia_1lane, "qsfp_dd_acacia_1lane_device_handler"},
+    {handler_class::dd_cmis5_1lane_hpower, "qsfp_dd_cmis5_1lane_hpower_device_handler"},
+}};
+
+// Transmitter technology 0x80 is "other"; above 0x9F are the copper cable codes (SFF-8636
+// Table 6-18, upper nibble).
+bool is_copper_technology(std::uint8_t technology) {
+    return technology == 0x80 || technology > 0x9F;
+}
+
+}  // namespace
+
+std::string_view class_name(handler_class c) {
+    for (const auto& [cls, name] : class_names)
+        if (cls == c) return name;
+    return "unknown handler";
+}
+
+bool is_single_lane_link_code(std::uint8_t code) {
+    return std::find(single_lane_link_codes.begin(), single_lane_link_codes.end(), code) !=
+           single_lane_link_codes.end();
+}
+
+handler_selection select_by_identification(identification_reader& module) {
+    const std::uint8_t identifier = module.identifier();
+    if (identifier == id_sfp)
+        return {handler_class::passive_converter, selection_warning::none, true};
+    if (is_copper_technology(module.transmitter_technology()))
+        return {handler_class::passive, selection_warning::unsupported_copper};
+    if (identifier == id_qsfp_dd) {
+        const unsigned major = module.cmis_major_revision();
+        if (major == 4)
+            return {module.coherent() ? handler_class::dd_acacia_1lane
+                                      : handler_class::dd_optical_4lane};
+        if (major == 5)
+            return {module.coherent() ? handler_class::dd_cmis5_1lane_hpower
+                                      : handler_class::dd_optical_4lane};
+        handler_selection s{handler_class::dd_optical_4lane};
+        s.unsupported_cmis_revision = true;
+        s.cmis_major = major;
+        return s;
+    }
+    const bool pages_195 = module.page_20_21_implemented_195();
+    const bool pages_221 = module.page_20_21_implemented_221();
+    if (pages_195 || pages_221) return {handler_class::optical_1or2lane};
+
+    // Read again before the last rules: a module still settling may answer differently now.
+    const std::uint8_t identifier_again = module.identifier();
+    const bool pages_195_again = module.page_20_21_implemented_195();
+    const bool pages_221_again = module.page_20_21_implemented_221();
+    if (pages_195_again || pages_221_again)
+        return {handler_class::optical_1or2lane, selection_warning::unsupported_optical};
+    if (identifier_again == id_qsfp_dd)
+        return {handler_class::dd_acacia_1lane, selection_warning::unsupported_optical};
+    if (is_single_lane_link_code(module.link_codes()))
+        return {handler_class::optical_1lane, selection_warning::unsupported_optical};
+    return {handler_class::optical_4lane, selection_warning::unsupported_optical};
+}
+
+}  // namespace qsfpd
