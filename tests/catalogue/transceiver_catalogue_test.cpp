@@ -1,0 +1,340 @@
+#include "transceiver_catalogue.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <rapidjson/error/error.h>
+
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "catalogue_test_support.hpp"
+#include "log_capture.hpp"
+#include "msg_log.hpp"
+
+namespace qsfpd {
+namespace {
+
+using test::factory_recorder;
+using test::temp_dir;
+
+constexpr const char* tag = "/dev/qsfp3";
+
+class Catalogue : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        msg_log::init({.max_severity = msg_log::debug, .to_stderr = false, .to_syslog = false});
+    }
+
+    probe_map load(std::string_view json) {
+        return load_probe_map(dir.write("transceiver_qsfp.json", json), recorder.factory_for(),
+                              tag);
+    }
+
+    temp_dir dir{"catalogue"};
+    factory_recorder recorder;
+    msg_log::log_capture capture;
+};
+
+probe_map map_of(std::initializer_list<std::pair<std::string, std::string>> vendor_and_pattern) {
+    probe_map map;
+    for (const auto& [vendor, pattern] : vendor_and_pattern)
+        map.emplace(probe_id{vendor, pattern, vendor + " " + pattern, {}}, probe_factory{});
+    return map;
+}
+
+// --- Matching ---
+
+struct wildcard_case {
+    std::string pattern;
+    std::string part_number;
+    bool matches;
+};
+
+class WildcardRule : public ::testing::TestWithParam<wildcard_case> {};
+
+TEST_P(WildcardRule, StarStandsForExactlyOneCharacter) {
+    const auto& c = GetParam();
+    const auto map = map_of({{"ACME", c.pattern}});
+    if (c.matches) {
+        EXPECT_EQ(find_in_map(map, "ACME", c.part_number)->first.part_number, c.pattern);
+    } else {
+        EXPECT_THROW(find_in_map(map, "ACME", c.part_number), std::out_of_range);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Patterns, WildcardRule,
+    ::testing::Values(wildcard_case{"ABC*", "ABC1", true}, wildcard_case{"ABC*", "ABCX", true},
+                      wildcard_case{"ABC*", "ABC", false}, wildcard_case{"ABC*", "ABC12", false},
+                      wildcard_case{"ABC*", "ABD1", false}, wildcard_case{"A**D", "AXYD", true},
+                      wildcard_case{"A**D", "AXYE", false}, wildcard_case{"*", "Z", true},
+                      wildcard_case{"*", "", false}, wildcard_case{"3MFXG", "3MFXG", true},
+                      wildcard_case{"3MFXG", "3MFXH", false},
+                      // A '*' in the module's part number is just a character.
+                      wildcard_case{"ABC1", "ABC*", false}));
+
+TEST(FindInMap, ThrowsOutOfRangeWithTheFixedText) {
+    const auto map = map_of({{"ACME", "ABC*"}});
+    try {
+        find_in_map(map, "ACME", "XYZ1");
+        FAIL() << "no exception";
+    } catch (const std::out_of_range& e) {
+        EXPECT_STREQ(e.what(), "Unsupported transceiver.");
+    }
+    EXPECT_THROW(find_in_map(probe_map{}, "ACME", "ABC1"), std::out_of_range);
+}
+
+TEST(FindInMap, VendorMustBeEqualExactly) {
+    const auto map = map_of({{"ACME", "ABC1"}, {"dell", "3MFXG"}});
+    // The module's vendor arrives trimmed and upper-cased, so a lower-case catalogue vendor is
+    // never reached.
+    EXPECT_THROW(find_in_map(map, trim_and_upper_case("  dell "), "3MFXG"), std::out_of_range);
+    EXPECT_THROW(find_in_map(map, "ACM", "ABC1"), std::out_of_range);
+    EXPECT_THROW(find_in_map(map, "ACMEX", "ABC1"), std::out_of_range);
+    EXPECT_EQ(find_in_map(map, "ACME", "ABC1")->first.vendor, "ACME");
+}
+
+struct first_match_case {
+    std::string part_number;
+    std::string expected_pattern;
+};
+
+class FirstMatchInKeyOrder : public ::testing::TestWithParam<first_match_case> {};
+
+TEST_P(FirstMatchInKeyOrder, Wins) {
+    // Byte order: '*' (2Ah) < '1' (31h) < 'A' (41h), so patterns starting with '*' come first.
+    const auto map = map_of({{"ACME", "ABC1"},
+                             {"ACME", "ABC*"},
+                             {"ACME", "*BC1"},
+                             {"ACME", "AB*2"},
+                             {"ACMD", "****"},
+                             {"ACMF", "****"}});
+    const auto& c = GetParam();
+    const auto it = find_in_map(map, "ACME", c.part_number);
+    EXPECT_EQ(it->first.vendor, "ACME");
+    EXPECT_EQ(it->first.part_number, c.expected_pattern);
+}
+
+INSTANTIATE_TEST_SUITE_P(Patterns, FirstMatchInKeyOrder,
+                         ::testing::Values(first_match_case{"ABC1", "*BC1"},
+                                           first_match_case{"XBC1", "*BC1"},
+                                           first_match_case{"ABC2", "AB*2"},
+                                           first_match_case{"ABCX", "ABC*"}));
+
+struct trim_case {
+    std::string in;
+    std::string out;
+};
+
+class TrimAndUpperCase : public ::testing::TestWithParam<trim_case> {};
+
+TEST_P(TrimAndUpperCase, Normalises) {
+    EXPECT_EQ(trim_and_upper_case(GetParam().in), GetParam().out);
+}
+
+INSTANTIATE_TEST_SUITE_P(Strings, TrimAndUpperCase,
+                         ::testing::Values(trim_case{"DELL            ", "DELL"},
+                                           trim_case{"  finisar corp. \t", "FINISAR CORP."},
+                                           trim_case{"Q28-PCxx        ", "Q28-PCXX"},
+                                           trim_case{"\n3mfxg\r", "3MFXG"}, trim_case{"", ""},
+                                           trim_case{"   ", ""}));
+
+// --- Reading the file ---
+
+TEST(CatalogueLists, TableFollowsTheEnumAndNamesEveryListOnce) {
+    std::set<std::string_view> keys;
+    std::set<std::string_view> classes;
+    for (std::size_t i = 0; i < catalogue_lists.size(); ++i) {
+        EXPECT_EQ(static_cast<std::size_t>(catalogue_lists[i].list), i);
+        keys.insert(catalogue_lists[i].key);
+        classes.insert(catalogue_lists[i].handler_class);
+    }
+    EXPECT_EQ(keys.size(), catalogue_lists.size());
+    EXPECT_EQ(classes.size(), catalogue_lists.size());
+    EXPECT_EQ(list_info(catalogue_list::passive).handler_class, "qsfp_passive_device_handler");
+    EXPECT_EQ(list_info(catalogue_list::optical_cmis5_1lane).key,
+              "opticalCMIS51LaneTransceiverList");
+}
+
+TEST_F(Catalogue, EveryListGetsItsOwnFactory) {
+    std::string json = "{";
+    for (const auto& list : catalogue_lists) {
+        if (json.size() > 1) json += ",";
+        json += "\"" + std::string(list.key) + "\": [{\"vendor\": \"V\", \"partNumber\": \"" +
+                std::string(list.key) + "\", \"description\": \"" +
+                std::string(list.handler_class) + "\"}]";
+    }
+    json += "}";
+    const auto map = load(json);
+    ASSERT_EQ(map.size(), catalogue_lists.size());
+    for (const auto& list : catalogue_lists) {
+        const auto call = recorder.create(map, "V", std::string(list.key));
+        EXPECT_EQ(call.list, list.list) << list.key;
+        EXPECT_EQ(call.description, list.handler_class);
+        EXPECT_EQ(call.vendor, "V");
+    }
+    EXPECT_TRUE(capture.records().empty());
+}
+
+TEST_F(Catalogue, EntryFieldsAndFlagsReachTheFactory) {
+    const auto map = load(R"({"optical4LaneTransceiverList": [
+        {"vendor": "DELL", "partNumber": "3MFX*", "description": "100G LR4",
+         "isAutoNeg": false, "isFec": true, "isTxTuning": false, "isCertified": true}]})");
+    ASSERT_EQ(map.size(), 1u);
+    const auto call = recorder.create(map, "DELL", "3MFXG");
+    EXPECT_EQ(call.list, catalogue_list::optical_4lane);
+    EXPECT_EQ(call.vendor, "DELL");
+    EXPECT_EQ(call.part_number, "3MFXG");  // the module's, not the pattern
+    EXPECT_EQ(call.description, "100G LR4");
+    EXPECT_EQ(call.flags, (qsfp_flags_s{.isFec = true, .isCertified = true}));
+}
+
+TEST_F(Catalogue, DuplicateInALaterListTakesOnlyItsFactory) {
+    const auto map = load(R"({
+        "passiveTransceiverList": [
+            {"vendor": "ACME", "partNumber": "DUP-1", "description": "passive entry",
+             "isAutoNeg": false, "isFec": false, "isTxTuning": true}],
+        "optical4LaneTransceiverList": [
+            {"vendor": "ACME", "partNumber": "DUP-1", "description": "4-lane entry",
+             "isAutoNeg": true, "isFec": true}]})");
+    ASSERT_EQ(map.size(), 1u);
+    const auto call = recorder.create(map, "ACME", "DUP-1");
+    // Lists are read in their fixed order, not in the order of the file.
+    EXPECT_EQ(call.list, catalogue_list::passive);
+    EXPECT_EQ(call.description, "4-lane entry");
+    EXPECT_EQ(call.flags, (qsfp_flags_s{.isAutoNeg = true, .isFec = true}));
+}
+
+TEST_F(Catalogue, DuplicateWithinOneListKeepsTheFirstEntry) {
+    const auto map = load(R"({"passiveTransceiverList": [
+        {"vendor": "ACME", "partNumber": "DUP-1", "description": "first", "isFec": true},
+        {"vendor": "ACME", "partNumber": "DUP-1", "description": "second"}]})");
+    ASSERT_EQ(map.size(), 1u);
+    const auto call = recorder.create(map, "ACME", "DUP-1");
+    EXPECT_EQ(call.list, catalogue_list::passive);
+    EXPECT_EQ(call.description, "first");
+    EXPECT_TRUE(call.flags.isFec);
+}
+
+TEST_F(Catalogue, AutoNegCarriesOverBetweenEntriesAndListsOtherFlagsDoNot) {
+    const auto map = load(R"({
+        "optical4LaneTransceiverList": [
+            {"vendor": "V", "partNumber": "E0", "description": "d", "isFec": true},
+            {"vendor": "V", "partNumber": "E1", "description": "d", "isAutoNeg": true,
+             "isFec": true, "isTxTuning": true, "isCertified": true},
+            {"vendor": "V", "partNumber": "E2", "description": "d"}],
+        "optical1or2LaneTransceiverList": [
+            {"vendor": "V", "partNumber": "E3", "description": "d"},
+            {"vendor": "V", "partNumber": "E4", "description": "d", "isAutoNeg": false},
+            {"vendor": "V", "partNumber": "E5", "description": "d"}],
+        "passiveTransceiverList": [
+            {"vendor": "V", "partNumber": "E6", "description": "d", "isAutoNeg": true}],
+        "opticalDD4LaneTransceiverList": [
+            {"vendor": "V", "partNumber": "E7", "description": "d"}]})");
+    ASSERT_EQ(map.size(), 8u);
+    const std::vector<qsfp_flags_s> expected{
+        {.isAutoNeg = false, .isFec = true},  // nothing has set it yet
+        {.isAutoNeg = true, .isFec = true, .isTxTuning = true, .isCertified = true},
+        {.isAutoNeg = true},
+        {.isAutoNeg = true},  // across the list boundary
+        {.isAutoNeg = false},
+        {.isAutoNeg = false},
+        {.isAutoNeg = true},
+        {.isAutoNeg = true},
+    };
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        const auto it = find_in_map(map, "V", "E" + std::to_string(i));
+        EXPECT_EQ(it->first.flags, expected[i]) << "entry E" << i;
+    }
+}
+
+TEST_F(Catalogue, UnknownMembersAreIgnored) {
+    const auto map = load(R"({"sfpTransceiverList": [{"vendor": 1}],
+        "passiveTransceiverList": [
+            {"vendor": "V", "partNumber": "P", "description": "d", "comment": 42}]})");
+    ASSERT_EQ(map.size(), 1u);
+    EXPECT_EQ(recorder.create(map, "V", "P").list, catalogue_list::passive);
+    EXPECT_TRUE(capture.records().empty());
+}
+
+TEST_F(Catalogue, EmptyObjectGivesAnEmptyMapAndNoLog) {
+    EXPECT_TRUE(load("{}").empty());
+    EXPECT_TRUE(load(R"({"passiveTransceiverList": []})").empty());
+    EXPECT_TRUE(capture.records().empty());
+    EXPECT_TRUE(recorder.calls.empty());
+}
+
+TEST_F(Catalogue, MissingFileLogsOneErrorAndGivesAnEmptyMap) {
+    const auto map =
+        load_probe_map((dir.path() / "absent.json").string(), recorder.factory_for(), tag);
+    EXPECT_TRUE(map.empty());
+    const auto records = capture.records();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].severity, 3);
+    EXPECT_EQ(records[0].tag, tag);
+    EXPECT_THAT(
+        records[0].text,
+        ::testing::StartsWith(
+            "Could not open transceiver info file for reading (transceiver_catalogue.cpp:"));
+    EXPECT_THROW(find_in_map(map, "DELL", "3MFXG"), std::out_of_range);
+}
+
+struct malformed_case {
+    std::string json;
+    rapidjson::ParseErrorCode code;
+};
+
+class MalformedFile : public Catalogue, public ::testing::WithParamInterface<malformed_case> {};
+
+TEST_P(MalformedFile, LogsTheParserErrorCodeAloneAndGivesAnEmptyMap) {
+    const auto map = load(GetParam().json);
+    EXPECT_TRUE(map.empty());
+    const auto records = capture.records();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].severity, 3);
+    EXPECT_EQ(records[0].tag, tag);
+    // The text is the number and nothing else; the code trace follows it.
+    EXPECT_THAT(records[0].text,
+                ::testing::StartsWith(std::to_string(static_cast<int>(GetParam().code)) +
+                                      " (transceiver_catalogue.cpp:"));
+    EXPECT_TRUE(recorder.calls.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Inputs, MalformedFile,
+    ::testing::Values(malformed_case{"", rapidjson::kParseErrorDocumentEmpty},
+                      malformed_case{"{", rapidjson::kParseErrorObjectMissName},
+                      malformed_case{R"({"passiveTransceiverList": })",
+                                     rapidjson::kParseErrorValueInvalid},
+                      malformed_case{R"({"passiveTransceiverList": [{"vendor": "V",]})",
+                                     rapidjson::kParseErrorObjectMissName},
+                      malformed_case{"{} {}", rapidjson::kParseErrorDocumentRootNotSingular}));
+
+// --- Wrong types end the process ---
+
+void load_and_log_to_stderr(const std::string& file) {
+    msg_log::init({.max_severity = msg_log::info, .to_stderr = true, .to_syslog = false});
+    load_probe_map(file, factory_recorder{}.factory_for(), tag);
+}
+
+TEST_F(Catalogue, NonStringVendorIsFatalNamingListEntryAndKey) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto file = dir.write("bad_vendor.json", R"({"passiveTransceiverList": [
+        {"vendor": "V", "partNumber": "P", "description": "d"},
+        {"vendor": 7, "partNumber": "P2", "description": "d"}]})");
+    EXPECT_DEATH(load_and_log_to_stderr(file),
+                 "list passiveTransceiverList, entry 1, key \"vendor\": missing or not a string");
+}
+
+TEST_F(Catalogue, NonBooleanFlagIsFatal) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto file = dir.write("bad_flag.json", R"({"opticalDD4LaneTransceiverList": [
+        {"vendor": "V", "partNumber": "P", "description": "d", "isFec": "yes"}]})");
+    EXPECT_DEATH(load_and_log_to_stderr(file),
+                 "list opticalDD4LaneTransceiverList, entry 0, key \"isFec\": not a boolean");
+}
+
+}  // namespace
+}  // namespace qsfpd
