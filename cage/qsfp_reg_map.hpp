@@ -51,6 +51,8 @@ class qsfp_reg_map {
     bool get_page_20_21_impl_195() {
         return read_flag(sff_only(fields::sff("page_20_21_impl_195")));
     }
+    bool get_page_01_provided() { return read_flag(sff_only(fields::sff("page_01_provided"))); }
+    bool get_page_02_provided() { return read_flag(sff_only(fields::sff("page_02_provided"))); }
     // SFF-8636 defines no pages-20h-21h bit in byte 221 (bits 4, 3, 1, 0 are the initialization
     // complete flag, extended rate select, TC readiness and software reset; bit 2 once advertised
     // the application select table and is reserved now). We read bit 2, the only bit left that a

@@ -118,6 +118,8 @@ inline constexpr std::array sff8636 = {
     text("vendor_rev", 0x00, 184, 185, "SFF-8636 Table 6-15 bytes 184-185, Vendor rev"),
     u8("link_codes", 0x00, 192, "SFF-8636 Table 6-15 byte 192, Link codes (SFF-8024 Table 4-4 extended compliance)"),
     u8("options_195", 0x00, 195, "SFF-8636 Table 6-22 byte 195, Options"),
+    flag("page_02_provided", 0x00, 195, 7, "SFF-8636 Table 6-22 byte 195 bit 7, Memory Page 02 provided"),
+    flag("page_01_provided", 0x00, 195, 6, "SFF-8636 Table 6-22 byte 195 bit 6, Memory Page 01h provided"),
     flag("page_20_21_impl_195", 0x00, 195, 0, "SFF-8636 Table 6-22 byte 195 bit 0, Pages 20-21h implemented"),
     text("vendor_sn", 0x00, 196, 211, "SFF-8636 Table 6-15 bytes 196-211, Vendor SN"),
     text("date_code", 0x00, 212, 219, "SFF-8636 Table 6-15 bytes 212-219, Date code"),
