@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <rapidjson/error/error.h>
 
+#include <ostream>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -51,6 +52,10 @@ struct wildcard_case {
     std::string part_number;
     bool matches;
 };
+
+void PrintTo(const wildcard_case& c, std::ostream* os) {
+    *os << '"' << c.pattern << "\" against \"" << c.part_number << '"';
+}
 
 class WildcardRule : public ::testing::TestWithParam<wildcard_case> {};
 
@@ -101,6 +106,10 @@ struct first_match_case {
     std::string expected_pattern;
 };
 
+void PrintTo(const first_match_case& c, std::ostream* os) {
+    *os << '"' << c.part_number << '"';
+}
+
 class FirstMatchInKeyOrder : public ::testing::TestWithParam<first_match_case> {};
 
 TEST_P(FirstMatchInKeyOrder, Wins) {
@@ -127,6 +136,10 @@ struct trim_case {
     std::string in;
     std::string out;
 };
+
+void PrintTo(const trim_case& c, std::ostream* os) {
+    *os << '"' << c.in << '"';
+}
 
 class TrimAndUpperCase : public ::testing::TestWithParam<trim_case> {};
 
@@ -285,6 +298,10 @@ struct malformed_case {
     std::string json;
     rapidjson::ParseErrorCode code;
 };
+
+void PrintTo(const malformed_case& c, std::ostream* os) {
+    *os << "'" << c.json << "'";
+}
 
 class MalformedFile : public Catalogue, public ::testing::WithParamInterface<malformed_case> {};
 
