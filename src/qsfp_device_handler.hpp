@@ -108,7 +108,10 @@ class qsfp_device_handler : public std::enable_shared_from_this<qsfp_device_hand
     std::string get_part_name() const { return part_name_; }
 
     const qsfp_flags_s& get_flags() const { return flags_; }
-    void set_flags(qsfp_flags_s flags) { flags_ = flags; }
+    void set_flags(qsfp_flags_s flags) {
+        auto lock = lock_handler();
+        flags_ = flags;
+    }
 
     // Register debugging: address (flat, page * 128 + byte), mask and write data are a selection;
     // only writing the data or reading rd_data touches the module.

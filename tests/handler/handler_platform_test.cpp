@@ -188,5 +188,23 @@ TEST_F(Platform, Zelt20WaitsForAGearboxThatComesUpLate) {
     EXPECT_EQ(logs.count("Waiting for bcm_gb handler to come up, qsfp"), 1u);
 }
 
+TEST_F(Platform, Zelt20WaitIsReportedOnceAMinute) {
+    make_marker("zelt20");
+    insert("qsfp28_100g_lr4");
+    auto constructed = construct_async();
+    for (int second = 1; second <= 60; ++second)
+        one_second(constructed);
+    EXPECT_EQ(logs.count("Waiting for bcm_gb handler to come up, qsfp"), 1u);
+    one_second(constructed);
+    EXPECT_EQ(logs.count("Waiting for bcm_gb handler to come up, qsfp"), 2u);
+
+    auto owner = std::make_shared<gearbox>();
+    owner->set("up");
+    gearbox_server server(gearbox_name(), owner);
+    one_second(constructed);
+    ASSERT_EQ(constructed.wait_for(5s), std::future_status::ready);
+    EXPECT_NE(constructed.get(), nullptr);
+}
+
 }  // namespace
 }  // namespace qsfpd::handler_test

@@ -449,5 +449,52 @@ TEST_F(Handler, ActivePagesDumpEveryPageTheModuleHas) {
     }
 }
 
+TEST_F(Handler, ANodeKeptPastItsHandlerAnswersObjectRemoved) {
+    insert("qsfp28_100g_lr4");
+    auto handler = make_handler();
+    handler->start();
+    const auto node = db.lookup("qsfp/data/debug/reg/rd_data");
+    handler.reset();
+    try {
+        node->get_text("qsfp/data/debug/reg/rd_data");
+        FAIL() << "read through a released handler";
+    } catch (const dh_error& e) {
+        EXPECT_EQ(e.text(), "Object has been removed");
+    }
+}
+
+TEST_F(Handler, BankAndPageFromAJsonDocument) {
+    insert("qsfp28_100g_lr4");
+    auto handler = make_handler();
+    handler->start();
+    handler->set_eeprom_bank_and_page(R"({"bank": 0, "page": 2})");
+    EXPECT_EQ(read_json("qsfp/config/pageDump/currentUpperPageNumber").GetUint(), 2u);
+    EXPECT_EQ(read_json("qsfp/config/pageDump/currentUpperBankNumber").GetUint(), 0u);
+    const auto doc = read_embedded_json("qsfp/data/pageDump/upperBankedPage");
+    EXPECT_EQ(doc["pageNumber"].GetUint(), 2u);
+    for (const char* bad :
+         {"", "[]", R"({"page": "two"})", R"({"page": 256})", R"({"bank": -1})"}) {
+        try {
+            handler->set_eeprom_bank_and_page(bad);
+            ADD_FAILURE() << "accepted " << bad;
+        } catch (const dh_error& e) {
+            EXPECT_EQ(e.code(), -22) << bad;
+        }
+    }
+    EXPECT_EQ(read_json("qsfp/config/pageDump/currentUpperPageNumber").GetUint(), 2u);
+}
+
+TEST_F(Handler, OnACmisModuleTheBaseAdvertisesPage00hOnly) {
+    insert("qsfpdd_400zr");
+    auto handler = make_handler();
+    handler->start();
+    const auto advertised = read_embedded_json("qsfp/data/pageDump/advertised");
+    ASSERT_EQ(advertised["pages"].Size(), 1u);
+    EXPECT_EQ(advertised["pages"][0]["pageNumber"].GetUint(), 0u);
+    const auto active = read_embedded_json("qsfp/data/pageDump/upperPage/activePages");
+    ASSERT_EQ(active["pages"].Size(), 1u);
+    EXPECT_EQ(dump_bytes(active["pages"][0], 0x80), as_vector(cage_bytes(0, true)));
+}
+
 }  // namespace
 }  // namespace qsfpd::handler_test
