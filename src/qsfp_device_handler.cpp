@@ -236,8 +236,9 @@ void qsfp_device_handler::start() {
         db_, path("data/pageDump/upperPage/activePages"), self));
     grouped(volatile_value<&self_type::get_page_advertisement>::create(
         db_, path("data/pageDump/advertised"), self));
-    grouped(config_param<&self_type::set_dh_ready>::create(db_, path("config/dhReady"), self))
-        ->set_value(false);
+    dh_ready_config_node_ =
+        grouped(config_param<&self_type::set_dh_ready>::create(db_, path("config/dhReady"), self));
+    dh_ready_config_node_->set_value(get_dh_ready());
     grouped(volatile_value<&self_type::get_reg_address>::create(db_, path("data/debug/reg/address"),
                                                                 self));
     grouped(config_param<&self_type::set_reg_address>::create(
@@ -267,6 +268,8 @@ void qsfp_device_handler::set_dh_ready(bool ready) {
     auto lock = lock_handler();
     MSG_LOG(msg_log::info, root_ + "/init") << "Setting dh ready";
     dh_ready_node_->update(ready);
+    // The configuration node shows the readiness however it was set.
+    if (dh_ready_config_node_) dh_ready_config_node_->set_value(ready);
 }
 
 void qsfp_device_handler::set_unsupported() {

@@ -76,7 +76,7 @@ class qsfp_device_handler : public std::enable_shared_from_this<qsfp_device_hand
         std::string description;
     };
 
-    // Blocks on ZELT-20 until the gearbox handler reports "up" (no time-out, by design: the
+    // Blocks on ZELT-20 until the gearbox handler reports "up" (deliberately no time-out: the
     // cage's lanes are useless until the gearbox runs).
     qsfp_device_handler(dh_db& db, std::shared_ptr<qsfpd::cage::qsfp_device> device,
                         std::string root_path, std::shared_ptr<qsfpd::cage::qsfp_reg_map> reg_map,
@@ -211,6 +211,8 @@ class qsfp_device_handler : public std::enable_shared_from_this<qsfp_device_hand
     std::shared_ptr<dh::api::status_value<bool>> dh_ready_node_;
     std::shared_ptr<dh::api::status_value<int>> unsupported_node_;
     std::shared_ptr<dh::api::status_value<bool>> config_status_node_;
+    std::shared_ptr<dh::api::config_param<&qsfp_device_handler::set_dh_ready>>
+        dh_ready_config_node_;
     std::shared_ptr<dh::api::config_param<&qsfp_device_handler::set_eeprom_bank>> eeprom_bank_node_;
     std::shared_ptr<dh::api::config_param<&qsfp_device_handler::set_eeprom_page>> eeprom_page_node_;
 

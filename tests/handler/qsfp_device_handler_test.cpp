@@ -197,6 +197,7 @@ TEST_F(Handler, ReadinessIsLoggedAndPublished) {
     handler->start();  // the test handler reports ready at the end of its start()
     EXPECT_TRUE(handler->get_dh_ready());
     EXPECT_TRUE(read_json("qsfp/data/dhReady").GetBool());
+    EXPECT_TRUE(read_json("qsfp/config/dhReady").GetBool());
     const auto records = logs.find("Setting dh ready");
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(records[0].tag, "qsfp/init");
@@ -205,6 +206,7 @@ TEST_F(Handler, ReadinessIsLoggedAndPublished) {
     db.lookup("qsfp/config/dhReady")->set("qsfp/config/dhReady", dh::json_value(false));
     EXPECT_FALSE(handler->get_dh_ready());
     EXPECT_FALSE(read_json("qsfp/data/dhReady").GetBool());
+    EXPECT_FALSE(read_json("qsfp/config/dhReady").GetBool());
     EXPECT_EQ(logs.count("Setting dh ready"), 2u);
 }
 
@@ -367,7 +369,7 @@ TEST_F(Handler, LowerPageDumpIsOneBlockReadOfTheModulesBytes) {
     EXPECT_TRUE(doc["description"].IsString());
     EXPECT_EQ(doc["rows"].Size(), 8u);
     // Bytes 2-21 are the interrupt status and the clear-on-read latched flags: the dump's own
-    // read cleared them, so a second read differs there by design.
+    // read cleared them, so a second read differs there.
     auto dumped = dump_bytes(doc, 0x00);
     auto direct = as_vector(cage_bytes(0, false));
     ASSERT_EQ(dumped.size(), 128u);
