@@ -3,6 +3,8 @@
 #include <condition_variable>
 #include <list>
 #include <mutex>
+#include <set>
+#include <thread>
 
 #include "clock.hpp"
 
@@ -31,14 +33,22 @@ class virtual_clock final : public clock {
                            std::chrono::milliseconds limit = std::chrono::milliseconds(2000));
     std::size_t sleepers() const;
 
+    ~virtual_clock() override;
+
+    // Called when a thread that slept on this clock ends (from its thread-local exit hook).
+    void thread_exited(std::thread::id id);
+
   private:
     std::size_t sleepers_locked() const;
+    // Woken threads still working, and threads whose deadline passed but have not woken yet.
+    bool settled_locked() const;
 
     mutable std::mutex mutex_;
     std::condition_variable_any changed_;
     time_point now_{};
     std::chrono::system_clock::time_point wall_start_;
     std::list<time_point> deadlines_;
+    std::set<std::thread::id> busy_;  // woken and not asleep again yet
 };
 
 }  // namespace qsfpd
