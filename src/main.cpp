@@ -5,6 +5,7 @@
 #include "device_handler_api.hpp"
 #include "msg_log.hpp"
 #include "qsfp_device.hpp"
+#include "qsfp_device_mgr.hpp"
 #include "qsfpd_options.hpp"
 #include "remote_cage_transport.hpp"
 #include "system_path.hpp"
@@ -23,11 +24,17 @@ int main(int argc, char* argv[]) {
     auto server = std::make_shared<device_handler_api>(qsfpd::system_path(options->server_name),
                                                        options->port, false);
 
+    // The manager polls the cage from here on, before the server takes its first client.
+    auto manager = std::make_shared<qsfp_device_mgr>(options->device_path, server->get_db(),
+                                                     options->unit, options->num_units);
+    manager->start();
+
     MSG_LOG(msg_log::info, options->device_path + "/init")
         << "Device handler initialized for " << options->device_path << ". Listening on port "
         << options->port << ".";
 
     server->start();
+    manager.reset();
     server.reset();
     return 0;
 }

@@ -8,8 +8,10 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "device_handler_client.hpp"
+#include "emu_service.hpp"
 
 extern char** environ;
 
@@ -79,7 +81,15 @@ TEST_F(QsfpdProcess, HelpExitsWithStatusOne) {
 }
 
 TEST_F(QsfpdProcess, ServesUnderItsServerNameAndExitsZeroOnSigterm) {
-    spawn({"-d", "/dev/qsfp", "-u", "3", "-n", "8", "-p", "0"});
+    // An emulated bus of eight empty cages for the daemon to manage.
+    qsfpd::emu::emu_service::options emu_options;
+    emu_options.dir = root / "emu";
+    emu_options.cages = 8;
+    qsfpd::emu::emu_service emulator(emu_options);
+    std::thread emulating([&] { emulator.run(); });
+    const std::string device = (root / "emu" / "qsfp").string();
+
+    spawn({"-d", device, "-u", "3", "-n", "8", "-p", "0"});
     const auto socket = root / "tmp" / "device_handlers" / "qsfp" / "3";
     device_handler_client client(socket.string(), std::chrono::milliseconds(2000));
     bool connected = false;
@@ -89,13 +99,20 @@ TEST_F(QsfpdProcess, ServesUnderItsServerNameAndExitsZeroOnSigterm) {
     }
     ASSERT_TRUE(connected);
     EXPECT_TRUE(client.list().IsArray());
+    // The manager's own nodes, for a cage with nothing in it.
+    EXPECT_EQ(std::string(client.get("config/adminStatus").GetString()), "down");
+    EXPECT_FALSE(client.get("data/modulePresentPin").GetBool());
+    EXPECT_EQ(client.get("alarms/transceiverMissing/severity").GetInt(), 1);
+    EXPECT_EQ(client.get("alarms/communicationFailure/severity").GetInt(), 0);
     ASSERT_EQ(::kill(pid, SIGTERM), 0);
     EXPECT_EQ(wait_exit(), 0);
     const auto log = read_file(log_path);
-    EXPECT_NE(log.find("<6> [/dev/qsfp3/init] Device handler initialized for /dev/qsfp3. Listening "
-                       "on port 0. (main.cpp:"),
+    EXPECT_NE(log.find("<6> [" + device + "3/init] Device handler initialized for " + device +
+                       "3. Listening on port 0. (main.cpp:"),
               std::string::npos)
         << log;
+    emulator.stop();
+    emulating.join();
 }
 
 }  // namespace
