@@ -326,6 +326,7 @@ void qsfp_device_mgr::create_handler(const std::string& vendor, const std::strin
     try {
         auto entry = find_in_map(probe_map_, vendor, part_number);
         entry->second(vendor, part_number, entry->first.description, entry->first.flags);
+        if (!current_handler()) return mark_handled();  // no handler class for it yet: logged
         const auto elapsed =
             std::chrono::duration_cast<std::chrono::milliseconds>(clock_->now() - since);
         MSG_LOG(msg_log::info, hotplug_tag_)
@@ -349,6 +350,10 @@ void qsfp_device_mgr::create_handler(const std::string& vendor, const std::strin
         if (auto handler = current_handler(); handler && !selection.converter)
             handler->set_unsupported();
     }
+    mark_handled();
+}
+
+void qsfp_device_mgr::mark_handled() {
     std::lock_guard lock(mutex_);
     module_handled_ = true;
     admin_handed_over_ = false;

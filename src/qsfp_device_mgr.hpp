@@ -95,6 +95,8 @@ class qsfp_device_mgr : public std::enable_shared_from_this<qsfp_device_mgr> {
     void handler_for_class(qsfpd::handler_class cls, const std::string& vendor,
                            const std::string& part_number, const std::string& description,
                            const qsfp_device_handler::qsfp_flags_s& flags);
+    // The module is identified (whether or not a handler class exists for it).
+    void mark_handled();
     void remove_module();
     void hand_over_admin_status();
     // Counts one identification read toward the communication-failure alarm.
