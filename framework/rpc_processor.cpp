@@ -4,7 +4,10 @@
 #include <rapidjson/memorystream.h>
 #include <rapidjson/reader.h>
 
+#include <charconv>
+#include <cstring>
 #include <ctime>
+#include <optional>
 
 #include "dh_db_event_node.hpp"
 #include "dh_error.hpp"
@@ -12,14 +15,15 @@
 namespace dh::rpc {
 namespace {
 
-constexpr unsigned parse_flags = rapidjson::kParseValidateEncodingFlag |
+constexpr unsigned parse_flags = rapidjson::kParseInsituFlag |
+                                 rapidjson::kParseValidateEncodingFlag |
                                  rapidjson::kParseIterativeFlag | rapidjson::kParseNanAndInfFlag;
 
 // Forwards SAX events to the document, refusing input nested deeper than the limit so that
 // nothing downstream recurses without bound.
 class depth_limiter {
   public:
-    explicit depth_limiter(rapidjson::Document& doc) : doc_(doc) {}
+    explicit depth_limiter(request_document& doc) : doc_(doc) {}
     bool exceeded() const { return exceeded_; }
 
     bool Null() { return doc_.Null(); }
@@ -50,14 +54,20 @@ class depth_limiter {
         if (++depth_ > max_nesting_depth) exceeded_ = true;
         return !exceeded_;
     }
-    rapidjson::Document& doc_;
+    request_document& doc_;
     std::size_t depth_ = 0;
     bool exceeded_ = false;
 };
 
 void append_id(std::string& out, const dh::json_value* id) {
-    if (id == nullptr) {
+    if (id == nullptr || id->IsNull()) {
         out += "null";
+    } else if (id->IsUint64()) {
+        char digits[24];
+        auto [end, ec] = std::to_chars(digits, digits + sizeof digits, id->GetUint64());
+        out.append(digits, end);
+    } else if (id->IsString()) {
+        dh::append_json_string(out, std::string_view(id->GetString(), id->GetStringLength()));
     } else {
         dh::append_json_text(out, *id);
     }
@@ -157,13 +167,22 @@ std::string request_processor::error_line(const dh::json_value* id, int code,
     return out;
 }
 
-bool request_processor::parse(std::string_view line, rapidjson::Document& request,
+bool request_processor::parse(char* line, std::size_t length, request_document& request,
                               std::string& response) const {
-    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    rapidjson::MemoryStream stream(line.data(), line.size());
+    if (length > 0 && line[length - 1] == '\r') --length;
+    // The parser reads up to a NUL; one inside the line would cut it short unnoticed.
+    if (const void* nul = std::memchr(line, '\0', length)) {
+        const auto offset = static_cast<const char*>(nul) - line;
+        response = error_line(
+            nullptr, parse_error,
+            "Parse error: NUL character in the request (at byte " + std::to_string(offset) + ")");
+        return false;
+    }
+    line[length] = '\0';  // the line's "\n" (or the spare byte after it) ends the text
+    rapidjson::InsituStringStream stream(line);
     rapidjson::Reader reader;
     bool too_deep = false;
-    auto generator = [&](rapidjson::Document& doc) {
+    auto generator = [&](request_document& doc) {
         depth_limiter limiter(doc);
         auto result = reader.Parse<parse_flags>(stream, limiter);
         too_deep = limiter.exceeded();
@@ -207,7 +226,7 @@ bool request_processor::request_may_block(const dh::json_value& request) const {
     }
 }
 
-bool request_processor::may_block(const rapidjson::Document& request) const {
+bool request_processor::may_block(const dh::json_value& request) const {
     if (request.IsArray()) {
         for (const auto& item : request.GetArray())
             if (request_may_block(item)) return true;
@@ -216,7 +235,7 @@ bool request_processor::may_block(const rapidjson::Document& request) const {
     return request_may_block(request);
 }
 
-void request_processor::execute(const rapidjson::Document& request,
+void request_processor::execute(const dh::json_value& request,
                                 const std::shared_ptr<dh_session>& session,
                                 std::string& out) const {
     if (request.IsArray()) {
@@ -249,9 +268,13 @@ void request_processor::execute(const rapidjson::Document& request,
 
 std::string request_processor::handle_line(std::string_view line,
                                            const std::shared_ptr<dh_session>& session) const {
-    rapidjson::Document request;
+    std::string buffer(line);
+    buffer.push_back('\0');
+    rapidjson::MemoryPoolAllocator<> values;
+    rapidjson::MemoryPoolAllocator<> stack;
+    request_document request(&values, 256, &stack);
     std::string response;
-    if (!parse(line, request, response)) return response;
+    if (!parse(buffer.data(), line.size(), request, response)) return response;
     execute(request, session, response);
     return response;
 }
@@ -298,8 +321,12 @@ bool request_processor::execute_one(const dh::json_value& request,
 
     std::string result;
     try {
-        rapidjson::Document scratch;
-        auto& allocator = scratch.GetAllocator();
+        // Only some methods build JSON values; a get of a stored value needs no allocator.
+        std::optional<rapidjson::Document> scratch;
+        auto allocator_for = [&scratch]() -> dh::json_allocator& {
+            if (!scratch) scratch.emplace();
+            return scratch->GetAllocator();
+        };
         switch (find_method(method_name)) {
             case method_id::get: {
                 const auto path = string_param(params, "path", 0);
@@ -324,14 +351,14 @@ bool request_processor::execute_one(const dh::json_value& request,
                 const auto* argument = param(params, "argument", 1);
                 const dh::json_value null_argument;
                 dh::json_value response;
-                db_.lookup(path)->run(path, argument ? *argument : null_argument, allocator,
+                db_.lookup(path)->run(path, argument ? *argument : null_argument, allocator_for(),
                                       response);
                 result = dh::to_json_text(response);
                 break;
             }
             case method_id::info: {
                 const auto path = string_param(params, "path", 0);
-                result = dh::to_json_text(db_.lookup(path)->get_info(allocator));
+                result = dh::to_json_text(db_.lookup(path)->get_info(allocator_for()));
                 break;
             }
             case method_id::list: {
@@ -357,7 +384,7 @@ bool request_processor::execute_one(const dh::json_value& request,
                     throw dh_error(dh::errc::not_supported,
                                    "Operation 'subscribe' is not supported by " + node->kind());
                 dh::json_value current;
-                node->subscribe(session, path, allocator, current);
+                node->subscribe(session, path, allocator_for(), current);
                 session->remember_subscription(node);
                 result = dh::to_json_text(current);
                 break;

@@ -12,6 +12,12 @@
 
 namespace dh::rpc {
 
+// A request as parsed: values and the parser's stack both come from pools the caller owns, so a
+// connection parses line after line without touching the heap.
+using request_document =
+    rapidjson::GenericDocument<rapidjson::UTF8<>, rapidjson::MemoryPoolAllocator<>,
+                               rapidjson::MemoryPoolAllocator<>>;
+
 // JSON-RPC 2.0's own error codes.
 inline constexpr int parse_error = -32700;
 inline constexpr int invalid_request = -32600;
@@ -28,12 +34,14 @@ class request_processor {
   public:
     explicit request_processor(dh_db& db) : db_(db) {}
 
-    // Parses one line (UTF-8 checked, nesting limited). On failure `response` gets the error line.
-    bool parse(std::string_view line, rapidjson::Document& request, std::string& response) const;
+    // Parses one line in place (the line's bytes are reused for its strings; UTF-8 checked,
+    // nesting limited). On failure `response` gets the error line.
+    bool parse(char* line, std::size_t length, request_document& request,
+               std::string& response) const;
     // Whether executing the request may wait on a handler (setters, commands, register reads).
-    bool may_block(const rapidjson::Document& request) const;
+    bool may_block(const dh::json_value& request) const;
     // Executes a parsed request (or batch) and appends the response line, if any, to `out`.
-    void execute(const rapidjson::Document& request, const std::shared_ptr<dh_session>& session,
+    void execute(const dh::json_value& request, const std::shared_ptr<dh_session>& session,
                  std::string& out) const;
 
     // Convenience for tests and in-process callers: parse, execute, return the response line.

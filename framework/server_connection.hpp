@@ -113,9 +113,10 @@ class connection : public closable, public std::enable_shared_from_this<connecti
                 refuse_long_line();
                 return;
             }
-            std::string_view line(input_.data() + consumed_, newline - consumed_);
+            char* line = input_.data() + consumed_;
+            const std::size_t length = newline - consumed_;
             consumed_ = newline + 1;
-            handle_line(line);
+            handle_line(line, length);
         }
         if (consumed_ > 0 && !job_running_) {
             input_.erase(0, consumed_);
@@ -138,11 +139,19 @@ class connection : public closable, public std::enable_shared_from_this<connecti
         close_after_write();
     }
 
-    void handle_line(std::string_view line) {
-        if (line.empty() || line == "\r") return;
-        rapidjson::Document request;
+    // `line` lies in the input buffer with its "\n" at line[length]; it is parsed in place.
+    void handle_line(char* line, std::size_t length) {
+        if (length == 0 || (length == 1 && line[0] == '\r')) return;
+        struct pools_reset {
+            connection& c;
+            ~pools_reset() {
+                c.value_pool_.Clear();
+                c.stack_pool_.Clear();
+            }
+        } reset{*this};
+        rpc::request_document request(&value_pool_, 256, &stack_pool_);
         std::string response;
-        if (!context_.processor.parse(line, request, response)) {
+        if (!context_.processor.parse(line, length, request, response)) {
             send(response);
             return;
         }
@@ -152,7 +161,13 @@ class connection : public closable, public std::enable_shared_from_this<connecti
             return;
         }
         job_running_ = true;
-        auto shared_request = std::make_shared<rapidjson::Document>(std::move(request));
+        // The worker gets its own copy (strings included: the parsed ones point into the input
+        // buffer, which is reused meanwhile).
+        rapidjson::StringBuffer text;
+        dh::json_writer writer(text);
+        request.Accept(writer);
+        auto shared_request = std::make_shared<rapidjson::Document>();
+        shared_request->Parse<rapidjson::kParseNanAndInfFlag>(text.GetString(), text.GetSize());
         boost::asio::post(context_.workers, [self = this->shared_from_this(), shared_request] {
             auto result = std::make_shared<std::string>();
             self->context_.processor.execute(*shared_request, self->session_, *result);
@@ -241,7 +256,12 @@ class connection : public closable, public std::enable_shared_from_this<connecti
     std::shared_ptr<server_context> shared_context_;
     server_context& context_;
     std::shared_ptr<connection_session> session_;
-    std::array<char, 16 * 1024> chunk_{};
+    std::array<char, 4096> chunk_{};
+    // Parsing a line allocates from these; they are emptied after every line.
+    std::array<char, 2048> value_buffer_{};
+    std::array<char, 1024> stack_buffer_{};
+    rapidjson::MemoryPoolAllocator<> value_pool_{value_buffer_.data(), value_buffer_.size(), 4096};
+    rapidjson::MemoryPoolAllocator<> stack_pool_{stack_buffer_.data(), stack_buffer_.size(), 4096};
     std::string input_;
     std::size_t consumed_ = 0;
     std::string output_;

@@ -157,6 +157,11 @@ TEST_F(RpcProcessor, BatchesAndNotifications) {
 }
 
 TEST_F(RpcProcessor, HostileInput) {
+    const std::string with_nul("{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"list\"}\0garbage", 45);
+    EXPECT_EQ(
+        call(with_nul),
+        R"~({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"Parse error: NUL character in the request (at byte 40)"}})~"
+        "\n");
     std::string deep(100, '[');
     deep += std::string(100, ']');
     EXPECT_EQ(
@@ -179,9 +184,11 @@ TEST_F(RpcProcessor, HostileInput) {
 
 TEST_F(RpcProcessor, OnlyWaitingRequestsLeaveTheNetworkThread) {
     auto blocks = [&](const char* line) {
-        rapidjson::Document doc;
+        std::string buffer = std::string(line) + '\n';
+        rapidjson::MemoryPoolAllocator<> values, stack;
+        dh::rpc::request_document doc(&values, 256, &stack);
         std::string error;
-        EXPECT_TRUE(processor.parse(line, doc, error));
+        EXPECT_TRUE(processor.parse(buffer.data(), buffer.size() - 1, doc, error));
         return processor.may_block(doc);
     };
     EXPECT_FALSE(blocks(
