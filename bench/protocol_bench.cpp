@@ -8,6 +8,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <array>
+
 #include <string>
 
 #include "bench_nodes.hpp"
@@ -64,20 +66,31 @@ void BM_handle_line_get_volatile(benchmark::State& state) {
 void BM_parse_get(benchmark::State& state) {
     server_state server(2000);
     const std::string line = get_line(qsfpd::bench::stored_path);
+    std::array<char, 2048> value_buffer{};
+    std::array<char, 1024> stack_buffer{};
+    rapidjson::MemoryPoolAllocator<> values(value_buffer.data(), value_buffer.size());
+    rapidjson::MemoryPoolAllocator<> stack(stack_buffer.data(), stack_buffer.size());
+    std::string buffer;
     for (auto _ : state) {
-        rapidjson::Document request;
+        // As the connection does: the line in its buffer, parsed in place from reused pools.
+        buffer.assign(line);
+        buffer.push_back('\n');
+        dh::rpc::request_document request(&values, 256, &stack);
         std::string response;
-        benchmark::DoNotOptimize(server.processor.parse(line, request, response));
+        benchmark::DoNotOptimize(server.processor.parse(buffer.data(), line.size(), request, response));
         benchmark::DoNotOptimize(request);
+        values.Clear();
+        stack.Clear();
     }
 }
 
 void BM_execute_get_stored(benchmark::State& state) {
     server_state server(2000);
-    const std::string line = get_line(qsfpd::bench::stored_path);
-    rapidjson::Document request;
+    std::string line = get_line(qsfpd::bench::stored_path) + "\n";
+    rapidjson::MemoryPoolAllocator<> values, stack;
+    dh::rpc::request_document request(&values, 256, &stack);
     std::string response;
-    if (!server.processor.parse(line, request, response)) {
+    if (!server.processor.parse(line.data(), line.size() - 1, request, response)) {
         state.SkipWithError(response.c_str());
         return;
     }

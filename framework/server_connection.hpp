@@ -81,17 +81,29 @@ class connection : public closable, public std::enable_shared_from_this<connecti
                     if (auto self = weak.lock()) self->on_notification(line);
                 });
             });
+        boost::system::error_code ignored;
+        socket_.non_blocking(true, ignored);
         read();
     }
 
   private:
+    // Waits for the socket to become readable, then reads what is there: one read per wake-up,
+    // as a plain event loop does, rather than a speculative read that mostly finds nothing.
     void read() {
         if (reading_ || closing_ || job_running_) return;
         reading_ = true;
-        socket_.async_read_some(
-            boost::asio::buffer(chunk_),
-            [self = this->shared_from_this()](boost::system::error_code ec, std::size_t n) {
+        socket_.async_wait(
+            Socket::wait_read, [self = this->shared_from_this()](boost::system::error_code ec) {
                 self->reading_ = false;
+                if (ec) {
+                    self->close();
+                    return;
+                }
+                std::size_t n = self->socket_.read_some(boost::asio::buffer(self->chunk_), ec);
+                if (ec == boost::asio::error::would_block || ec == boost::asio::error::try_again) {
+                    self->read();
+                    return;
+                }
                 self->on_read(ec, n);
             });
     }
@@ -212,6 +224,18 @@ class connection : public closable, public std::enable_shared_from_this<connecti
 
     void flush() {
         if (write_in_flight_ || output_.empty() || !socket_.is_open()) return;
+        // Most answers fit the socket buffer: write them now, and wait only for what does not.
+        boost::system::error_code ec;
+        const std::size_t written = socket_.write_some(boost::asio::buffer(output_), ec);
+        if (ec && ec != boost::asio::error::would_block && ec != boost::asio::error::try_again) {
+            close();
+            return;
+        }
+        output_.erase(0, ec ? 0 : written);
+        if (output_.empty()) {
+            if (close_when_written_) close();
+            return;
+        }
         writing_.swap(output_);
         output_.clear();
         write_in_flight_ = true;
