@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include "errno_of.hpp"
+
 #include <array>
 #include <cerrno>
 #include <cstdlib>
@@ -176,14 +178,7 @@ constexpr const char* board_json = R"({
   }
 })";
 
-int error_of(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::system_error& e) {
-        return e.code().value();
-    }
-    return 0;
-}
+using qsfpd::test::error_of;
 
 class linux_transport_test : public ::testing::Test {
   protected:

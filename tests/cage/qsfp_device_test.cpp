@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "errno_of.hpp"
+
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -19,8 +21,8 @@
 #include <vector>
 
 #include "converter_sfp_device.hpp"
-#include "module_dump.hpp"
 #include "fake_transport.hpp"
+#include "module_dump.hpp"
 #include "sfp_reg_map.hpp"
 
 namespace qsfpd::cage {
@@ -28,14 +30,7 @@ namespace {
 
 using test::fake_transport;
 
-int error_of(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::system_error& e) {
-        return e.code().value();
-    }
-    return 0;
-}
+using qsfpd::test::error_of;
 
 class qsfp_device_test : public ::testing::Test {
   protected:

@@ -2,13 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include "errno_of.hpp"
+
 #include <set>
 #include <string>
 #include <system_error>
 
-#include "module_dump.hpp"
 #include "fake_transport.hpp"
 #include "log_capture.hpp"
+#include "module_dump.hpp"
 
 namespace qsfpd::cage {
 namespace {
@@ -25,14 +27,7 @@ struct module_on_bus {
     qsfp_reg_map map{device};
 };
 
-int error_of(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::system_error& e) {
-        return e.code().value();
-    }
-    return 0;
-}
+using qsfpd::test::error_of;
 
 // Golden identities: vendor, part number, revision and serial number as the dumps' sources state
 // them (index.json), identifier and revision compliance as the module declares them.

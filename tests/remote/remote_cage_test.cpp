@@ -6,6 +6,7 @@
 #include <mutex>
 #include <thread>
 
+#include "../support/errno_of.hpp"
 #include "hex_bytes.hpp"
 #include "remote_cage_server.hpp"
 #include "remote_cage_transport.hpp"
@@ -109,23 +110,16 @@ TEST_F(RemoteCage, TransfersAndLinesCrossTheSocket) {
 TEST_F(RemoteCage, ErrnoOfTheCageComesBack) {
     remote::remote_cage_transport transport(socket);
     std::array<std::uint8_t, 1> out{};
-    auto errno_of = [&](auto&& f) {
-        try {
-            f();
-        } catch (const std::system_error& e) {
-            return e.code().value();
-        }
-        return 0;
-    };
-    EXPECT_EQ(errno_of([&] { transport.i2c_read(0x51, 0, out); }), ENXIO);
+    using qsfpd::test::error_of;
+    EXPECT_EQ(error_of([&] { transport.i2c_read(0x51, 0, out); }), ENXIO);
     cage->fail_errno = EIO;
-    EXPECT_EQ(errno_of([&] { transport.i2c_read(0x50, 0, out); }), EIO);
-    EXPECT_EQ(errno_of([&] { transport.sfp_signal_get(cage::sfp_signal::los); }), ENOTSUP);
+    EXPECT_EQ(error_of([&] { transport.i2c_read(0x50, 0, out); }), EIO);
+    EXPECT_EQ(error_of([&] { transport.sfp_signal_get(cage::sfp_signal::los); }), ENOTSUP);
     cage->converter = true;
     transport.sfp_signal_set(cage::sfp_signal::tx_disable, true);
     EXPECT_TRUE(transport.sfp_signal_get(cage::sfp_signal::tx_disable));
     remote::remote_cage_transport nowhere((dir / "qsfp9").string());
-    EXPECT_EQ(errno_of([&] { nowhere.pin_get(0); }), ECONNREFUSED);
+    EXPECT_EQ(error_of([&] { nowhere.pin_get(0); }), ECONNREFUSED);
 }
 
 TEST(HexBytes, RoundTripAndRefusals) {
