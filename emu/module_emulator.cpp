@@ -43,6 +43,13 @@ constexpr std::uint8_t sff_status = 2;
 constexpr std::uint8_t sff_tx_disable = 86;
 constexpr std::uint8_t sff_power_control = 93;
 
+// PAM4 DSP page 20h: 172..191 pre-FEC and uncorrected BER statistics, byte 192 bit 0 clears
+// them (a trigger that reads back 0).
+constexpr page_id dsp_monitors{0, 0x20};
+constexpr std::uint8_t dsp_ber_first = 172;
+constexpr std::uint8_t dsp_ber_last = 191;
+constexpr std::uint8_t dsp_ber_clear = 192;
+
 // SFF-8472 A2h byte 110 status/control: bit 7 TX_DISABLE state, bit 6 soft TX disable,
 // bit 4 rate select state, bit 2 TX_FAULT state, bit 1 RX_LOS state, bit 0 Data_Ready_Bar.
 constexpr std::uint8_t sfp_status_control = 110;
@@ -85,6 +92,21 @@ bool covers(std::uint8_t offset, std::size_t length, std::uint8_t address) {
 module_emulator::module_emulator(module_profile profile, std::shared_ptr<clock> clk)
     : profile_(std::move(profile)), clock_(std::move(clk)) {
     restart(clock_->now());
+    install_dsp_behaviour();
+}
+
+void module_emulator::install_dsp_behaviour() {
+    if (profile_.family != module_family::sff8636 || !profile_.image().pages.contains(dsp_monitors))
+        return;
+    // Static statistics: after a clear they stay 0 until reset brings back the profile image.
+    on_write(dsp_monitors, dsp_ber_clear, dsp_ber_clear,
+             [this](page_id, std::uint8_t, std::uint8_t value) {
+                 if (!(value & 0x01)) return;
+                 auto& mem = memories_.at(a0);
+                 for (unsigned at = dsp_ber_first; at <= dsp_ber_last; ++at)
+                     mem.poke(dsp_monitors, static_cast<std::uint8_t>(at), 0);
+                 mem.clear_bits(dsp_monitors, dsp_ber_clear, 0x01);
+             });
 }
 
 module_memory& module_emulator::memory(std::uint8_t device_address) {

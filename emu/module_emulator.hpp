@@ -142,6 +142,7 @@ class module_emulator {
     };
 
     void restart(clock::time_point now);
+    void install_dsp_behaviour();
     void build_memories();
     void advance_cmis(clock::time_point now);
     void enter(cmis_state s, clock::time_point at);

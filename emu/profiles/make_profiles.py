@@ -167,6 +167,7 @@ def lr4():
     # Dump: lower + page 00h. Byte 195 advertises pages 01h and 02h, byte 2 says paged memory,
     # so pages 01h (AST, empty), 02h (user EEPROM) and 03h (thresholds) are added.
     assert (p00[186 - 128] << 8 | p00[187 - 128]) * 0.05 == 1310.0  # nominal wavelength
+    assert p00[195 - 128] == 0xDA  # pages 01h/02h, TX disable/fault, no rate select (bit 5)
     return sff8636_profile(
         "QSFP28 100GBASE-LR4 (Dell 3MFXG)", "SFF-8636, 4 lanes, 1310 nm, power class 5",
         "sff8636_qsfp28_100g_lr4_dell_3mfxg.hex", lower,
@@ -183,18 +184,78 @@ def cwdm4():
         optical_monitors(3102, 41.0, 38.0, 0.9, 0.7))
 
 
+# PAM4 DSP pages 20h (monitors) and 21h (thresholds) as the daemon reads them
+# (cage/register_fields.hpp): 16-bit values big-endian, per-lane values lane 0 first at a 2-byte
+# stride. Page 20h: 128-131 firmware major, minor, build (2 bytes); 132 SNR (1/256 dB),
+# 140 residual dispersion (signed, 0.1), 148 PAM4 level transition (1/256), 156 TEC current
+# (signed, 0.1), 164 laser temperature difference (signed, 1/256 degC); 172..180 pre-FEC BER
+# current, average, prior period, latched min, latched max; 182..190 the same for the
+# uncorrected BER; 192 bit 0 clear BER statistics (host-writable, the emulator clears it).
+# Page 21h: high alarm, low alarm, high warning, low warning of 128 SNR, 136 residual
+# dispersion, 144 PAM4 level transition, 152 pre-FEC BER average, 160 TEC current, 168 laser
+# temperature difference.
+DSP_BER_CLEAR = 192
+DSP_WRITABLE = [{"page": "20", "from": DSP_BER_CLEAR, "to": DSP_BER_CLEAR, "mask": 0x01}]
+
+
+def ber(value):
+    """A BER as the DSP word: 11-bit mantissa (bits 10..0), 5-bit exponent (bits 15..11) biased
+    by 24, value = mantissa x 10^(exponent - 24). The smallest exponent that fits keeps the most
+    digits."""
+    if value == 0:
+        return 0
+    for exponent in range(-24, 8):
+        mantissa = round(value / 10.0 ** exponent)
+        if mantissa <= 0x7FF:
+            assert mantissa > 0
+            return (exponent + 24) << 11 | mantissa
+    raise ValueError(f"BER {value} out of range")
+
+
+def dsp_pages(lanes):
+    """Static DSP readings, one entry per lane in `lanes` (dicts of snr_db, res_disp,
+    level_trans, tec, temp_diff_c); the module-wide BER figures are shared by all profiles.
+    Values of a healthy short link: SNR 21-24 dB, pre-FEC BER around 2e-6 (the KP4 FEC corrects
+    up to about 2.4e-4), no uncorrected errors."""
+    p20 = zeros()
+    put(p20, 128, [3, 2])  # firmware 3.2
+    put16(p20, 130, 1187)  # build
+    for i, lane in enumerate(lanes):
+        put16(p20, 132 + 2 * i, int(round(lane["snr_db"] * 256)))
+        put16(p20, 140 + 2 * i, int(round(lane["res_disp"] * 10)))
+        put16(p20, 148 + 2 * i, int(round(lane["level_trans"] * 256)))
+        put16(p20, 156 + 2 * i, int(round(lane["tec"] * 10)))
+        put16(p20, 164 + 2 * i, int(round(lane["temp_diff_c"] * 256)))
+    # Pre-FEC: current, average, prior period, latched min, latched max; uncorrected all 0.
+    for i, v in enumerate([2.4e-6, 2.1e-6, 1.9e-6, 1.2e-6, 6.3e-6]):
+        put16(p20, 172 + 2 * i, ber(v))
+    p21 = zeros()
+    thresholds(p21, 128, [x * 256 for x in (35.0, 17.0, 33.0, 18.5)])       # SNR, dB
+    thresholds(p21, 136, [x * 10 for x in (60.0, -60.0, 50.0, -50.0)])     # residual dispersion
+    thresholds(p21, 144, [x * 256 for x in (30.0, 14.0, 28.0, 15.5)])      # PAM4 level transition
+    thresholds(p21, 152, [ber(x) for x in (2.4e-4, 0, 1.0e-4, 0)])        # pre-FEC BER average
+    thresholds(p21, 160, [x * 10 for x in (80.0, -80.0, 70.0, -70.0)])     # TEC current
+    thresholds(p21, 168, [x * 256 for x in (3.0, -3.0, 2.0, -2.0)])        # laser temp. difference
+    return p20, p21
+
+
+def sff8636_identity(p00, pn, sn):
+    assert len(pn) <= 16 and len(sn) <= 16
+    put_text(p00, 148, "QSFPD-EMU", 16)
+    put_text(p00, 168, pn, 16)
+    put_text(p00, 184, "01", 2)
+    put_text(p00, 196, sn, 16)
+
+
 def fr1_pam4():
     """Constructed: a 100G single-lambda QSFP28 (4x25G NRZ host, DSP gearbox, one 100G PAM4
     1311 nm media lane) from the Dell LR4 image. SFF-8636 page 00h changes:
     192 extended compliance 26h (100G-FR or 100GBASE-FR1, SFF-8024 Table 4-4), 139 encoding 08h
     (PAM4), 186-187 1311 nm, 147 transmitter technology 60h (1310 nm EML), 195 bit 0 (pages
-    20h-21h implemented) set with empty pages 20h/21h, 222 extended baud rate 53.125 GBd in
-    250 MBd units."""
+    20h-21h implemented) set with DSP pages 20h/21h, 222 extended baud rate 53.125 GBd in
+    250 MBd units. Rate select 87/88 power on at AAh (100G on every lane)."""
     lower, p00 = blocks(load("sff8636_qsfp28_100g_lr4_dell_3mfxg.hex"))
-    put_text(p00, 148, "QSFPD-EMU", 16)
-    put_text(p00, 168, "EMU-Q28-100G-FR1", 16)
-    put_text(p00, 184, "01", 2)
-    put_text(p00, 196, "EMU0000000000001", 16)
+    sff8636_identity(p00, "EMU-Q28-100G-FR1", "EMU0000000000001")
     put(p00, 139, [0x08])
     put(p00, 147, [0x60])
     put16(p00, 186, int(1311 / 0.05))
@@ -205,12 +266,81 @@ def fr1_pam4():
     for i in range(34, 58):  # lane monitors: one lane left, the emulator writes lane 1
         lower[i] = 0
     lower[1] = 0x08  # revision compliance: SFF-8636 2.8..2.10 (pages 20h-21h need 2.10)
+    lower[87] = lower[88] = 0xAA
+    p20, p21 = dsp_pages([{"snr_db": 22.5, "res_disp": -1.5, "level_trans": 19.5, "tec": 8.5,
+                           "temp_diff_c": 0.25}])
     return sff8636_profile(
         "QSFP28 100G-FR1 single lambda PAM4 with DSP (constructed)",
         "SFF-8636, 1 media lane (PAM4), ext. compliance 26h, pages 20h-21h implemented",
         "constructed from sff8636_qsfp28_100g_lr4_dell_3mfxg.hex", lower,
-        {"00": p00, "01": zeros(), "02": zeros(), "03": sff8636_page03(), "20": zeros(),
-         "21": zeros()}, 1, optical_monitors(3103, 45.0, 60.0, 1.6, 1.1))
+        {"00": p00, "01": zeros(), "02": zeros(), "03": sff8636_page03(), "20": p20, "21": p21},
+        1, optical_monitors(3103, 45.0, 60.0, 1.6, 1.1), DSP_WRITABLE)
+
+
+def sr2_pam4():
+    """Constructed: 100GBASE-SR2, two 50G PAM4 lanes at 850 nm behind a DSP, on the Dell LR4
+    image. Page 00h: 192 extended compliance 41h (50GBASE-SR, 100GBASE-SR2 or 200GBASE-SR4),
+    139 encoding 08h (PAM4), 147 transmitter technology 00h (850 nm VCSEL, uncooled, PIN),
+    130 connector 0Ch (MPO 1x12), lengths as the Finisar SR4 dump (142 SMF 0, 143 OM3 70 m,
+    146 OM4 100 m), 186-187 850 nm, 188-189 +-10 nm, 195 bit 0 (pages 20h-21h) set,
+    222 26.5625 GBd. Rate select 87/88 power on at AAh."""
+    lower, p00 = blocks(load("sff8636_qsfp28_100g_lr4_dell_3mfxg.hex"))
+    sff8636_identity(p00, "EMU-Q28-100G-SR2", "EMU0000000000002")
+    put(p00, 130, [0x0C])
+    put(p00, 139, [0x08])
+    put(p00, 142, [0, 35, 0, 0, 50])
+    put(p00, 147, [0x00])
+    put16(p00, 186, int(850 / 0.05))
+    put16(p00, 188, int(10 / 0.005))
+    put(p00, 192, [0x41])
+    p00[195 - 128] |= 0x01
+    put(p00, 222, [106])  # 26.5625 GBd / 0.25
+    for i in range(34, 58):  # lane monitors: the emulator writes lanes 1 and 2
+        lower[i] = 0
+    lower[1] = 0x08
+    lower[87] = lower[88] = 0xAA
+    # An uncooled VCSEL has no TEC: its current reads 0.
+    p20, p21 = dsp_pages([
+        {"snr_db": 23.4, "res_disp": 0.4, "level_trans": 20.1, "tec": 0, "temp_diff_c": 0.12},
+        {"snr_db": 21.8, "res_disp": -0.3, "level_trans": 18.7, "tec": 0, "temp_diff_c": -0.09},
+    ])
+    # VCSEL bias is a few mA: thresholds of the LR4 (10 mA low alarm) would alarm.
+    return sff8636_profile(
+        "QSFP28 100GBASE-SR2 PAM4 with DSP (constructed)",
+        "SFF-8636, 2 lanes (50G PAM4, 850 nm), ext. compliance 41h, pages 20h-21h implemented",
+        "constructed from sff8636_qsfp28_100g_lr4_dell_3mfxg.hex", lower,
+        {"00": p00, "01": zeros(), "02": zeros(),
+         "03": sff8636_page03(rx=(2.0, 0.05, 1.6, 0.1), bias=(13, 3, 12, 4), tx=(2.0, 0.1, 1.6, 0.2)),
+         "20": p20, "21": p21},
+        2, optical_monitors(3105, 40.0, 7.5, 0.8, 0.7), DSP_WRITABLE)
+
+
+def dwdm4():
+    """Constructed: a 100G DWDM QSFP28, 4 lanes of 25G NRZ on the 100 GHz grid, from the Dell LR4
+    image. Page 00h: 192 extended compliance 1Bh (100G 1550nm WDM, 4 wavelengths), 186-187
+    31067 = 1553.35 nm (ITU 193.00 THz, 1553.33 nm, channel D9300, in 0.05 nm steps), 188-189
+    +-0.1 nm, 147 transmitter technology 7Eh (1550 nm EML, active wavelength control, cooled,
+    APD), 142 SMF length 40 km, 195 bit 5 (rate select implemented) set with 221 bit 3 and 141
+    = 02h as the Lumentum CWDM4 dump declares it; 195 bit 0 clear and no pages 20h/21h; 221
+    bit 2 clear. Rate select 87/88 power on at 00h."""
+    lower, p00 = blocks(load("sff8636_qsfp28_100g_lr4_dell_3mfxg.hex"))
+    # The part number field holds 16 characters: no hyphen before DWDM.
+    sff8636_identity(p00, "EMU-Q28-100GDWDM", "EMU0000000000003")
+    put(p00, 141, [0x02])
+    put(p00, 142, [40])
+    put(p00, 147, [0x7E])
+    put16(p00, 186, 31067)
+    put16(p00, 188, int(round(0.1 / 0.005)))
+    put(p00, 192, [0x1B])
+    p00[195 - 128] = (p00[195 - 128] | 0x20) & ~0x01
+    p00[221 - 128] = (p00[221 - 128] | 0x08) & ~0x04
+    lower[87] = lower[88] = 0x00
+    return sff8636_profile(
+        "QSFP28 100G DWDM 4 lanes (constructed)",
+        "SFF-8636, 4 lanes, 1553.33 nm (193.00 THz), rate select implemented",
+        "constructed from sff8636_qsfp28_100g_lr4_dell_3mfxg.hex", lower,
+        {"00": p00, "01": zeros(), "02": zeros(), "03": sff8636_page03()}, 4,
+        optical_monitors(3106, 48.0, 62.0, 1.2, 0.4))
 
 
 def dac():
@@ -449,7 +579,8 @@ def converter_sfp_sr():
 
 if __name__ == "__main__":
     for stem, build in [("qsfp28_100g_lr4", lr4), ("qsfp28_100g_cwdm4", cwdm4),
-                        ("qsfp28_100g_fr1_pam4", fr1_pam4), ("qsfpplus_dac_passive", dac),
+                        ("qsfp28_100g_fr1_pam4", fr1_pam4), ("qsfp28_100g_sr2_pam4", sr2_pam4),
+                        ("qsfp28_100g_dwdm4", dwdm4), ("qsfpplus_dac_passive", dac),
                         ("qsfpdd_400g_fr4", fr4), ("qsfpdd_400zr", zr), ("qsfpdd_400zr_plus", zr_plus),
                         ("qsa_sfpplus_10g_sr", converter_sfp_sr)]:
         write(stem, build())

@@ -156,13 +156,55 @@ TEST_F(Sff8636Power, OverrideAndPowerSetRuleOverTheLpModePin) {
     EXPECT_EQ(read1(93), 0x0f);
 }
 
-TEST_F(Sff8636Power, TxDisableTurnsOneLaneOff) {
+TEST_F(Sff8636Power, TxDisableTurnsOneLaneOffUntilReEnabled) {
     insert("qsfp28_100g_lr4");
     write1(93, 0x04);
     write1(86, 0x02);
     EXPECT_GT(tx_power(0), 0);
     EXPECT_EQ(tx_power(1), 0);
     EXPECT_EQ(read16(44), 0);  // lane 2 bias
+    clock->advance(1s);        // stays off across monitor refreshes
+    EXPECT_EQ(tx_power(1), 0);
+    EXPECT_EQ(read1(11) & 0x0f, 0);  // a lane that is off raises no low bias alarm
+    write1(86, 0x00);
+    EXPECT_GT(tx_power(1), 9000);
+    EXPECT_GT(read16(44), 0);
+}
+
+TEST_F(Sff8636Power, RateSelectPowersOnAsTheProfileSaysAndIsWritable) {
+    for (const auto& [stem, power_on] :
+         {std::pair{"qsfp28_100g_sr2_pam4", 0xaa}, std::pair{"qsfp28_100g_dwdm4", 0x00}}) {
+        SCOPED_TRACE(stem);
+        insert(stem);
+        EXPECT_EQ(read(87, 2),
+                  (std::vector<std::uint8_t>{std::uint8_t(power_on), std::uint8_t(power_on)}));
+        write1(87, 0x55);
+        write1(88, 0x5a);
+        EXPECT_EQ(read(87, 2), (std::vector<std::uint8_t>{0x55, 0x5a}));
+        cage.pin_set(cage::line::reset, true);
+        cage.pin_set(cage::line::reset, false);
+        clock->advance(2s);
+        EXPECT_EQ(read1(87), power_on);
+        EXPECT_EQ(read1(88), power_on);
+        cage.remove();
+    }
+}
+
+TEST_F(Sff8636Power, TwoLaneModuleMonitorsTwoLanesWithinItsThresholds) {
+    auto& m = insert("qsfp28_100g_sr2_pam4");
+    write1(93, 0x04);
+    clock->advance(2s);
+    read(3, 19);  // clear what power-up latched
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_GT(tx_power(0), 0);
+        EXPECT_GT(tx_power(1), 0);
+        EXPECT_EQ(read(38, 4), std::vector<std::uint8_t>(4, 0));  // RX power lanes 3, 4
+        EXPECT_EQ(read(46, 4), std::vector<std::uint8_t>(4, 0));  // bias lanes 3, 4
+        EXPECT_EQ(read(54, 4), std::vector<std::uint8_t>(4, 0));  // TX power lanes 3, 4
+        clock->advance(m.profile().monitor_period);
+    }
+    // VCSEL bias of a few mA against the module's own thresholds: no alarm or warning.
+    EXPECT_EQ(read(6, 9), std::vector<std::uint8_t>(9, 0));
 }
 
 // --- reset and re-insertion restore the profile image ------------------------------------------
@@ -411,6 +453,58 @@ TEST(ModuleHooks, BehaviourHooksSurviveAReset) {
     f.clock->advance(m.profile().i2c_not_ready);
     EXPECT_EQ(tune(120), 196'100'000u);
     EXPECT_EQ(writes, 4);  // two bytes per tuning write
+}
+
+// --- PAM4 DSP page 20h -------------------------------------------------------------------------
+
+TEST(DspPages, BerClearZeroesTheStatisticsAndSelfClears) {
+    cage_fixture f;
+    auto& m = f.insert("qsfp28_100g_fr1_pam4");
+    f.select(0x20);
+    const auto pristine = f.read(128, 65);
+    const std::vector<std::uint8_t> stats(pristine.begin() + 44, pristine.begin() + 64);
+    ASSERT_NE(stats, std::vector<std::uint8_t>(20, 0));
+    f.write1(192, 0x00);  // bit 0 clear: nothing happens
+    EXPECT_EQ(f.read(128, 65), pristine);
+    f.write1(192, 0xff);  // only bit 0 is writable; it triggers the clear
+    EXPECT_EQ(f.read1(192), 0x00);
+    EXPECT_EQ(f.read(172, 20), std::vector<std::uint8_t>(20, 0));
+    EXPECT_EQ(f.read(128, 44), std::vector<std::uint8_t>(pristine.begin(), pristine.begin() + 44))
+        << "firmware revision and lane values are not statistics";
+    f.clock->advance(5s);
+    EXPECT_EQ(f.read(172, 20), std::vector<std::uint8_t>(20, 0));
+
+    // Reset brings the image back, and the clear still works afterwards.
+    f.cage.pin_set(cage::line::reset, true);
+    f.cage.pin_set(cage::line::reset, false);
+    f.clock->advance(m.profile().i2c_not_ready);
+    f.select(0x20);
+    EXPECT_EQ(f.read(172, 20), stats);
+    f.write1(192, 0x01);
+    EXPECT_EQ(f.read(172, 21), std::vector<std::uint8_t>(21, 0));
+}
+
+TEST(DspPages, OnlyTheClearBitIsHostWritable) {
+    cage_fixture f;
+    f.insert("qsfp28_100g_sr2_pam4");
+    f.select(0x20);
+    const auto snr = f.read16(132);
+    f.write1(132, 0x00);
+    f.write1(193, 0x5a);
+    EXPECT_EQ(f.read16(132), snr);
+    EXPECT_EQ(f.read1(193), 0x00);
+    f.select(0x21);
+    EXPECT_EQ(f.read1(127), 0x21);
+    const auto snr_high_alarm = f.read16(128);
+    f.write1(128, 0x00);
+    EXPECT_EQ(f.read16(128), snr_high_alarm);
+}
+
+TEST(DspPages, ModulesWithoutThemRefuseThePage) {
+    cage_fixture f;
+    f.insert("qsfp28_100g_dwdm4");
+    f.select(0x20);
+    EXPECT_EQ(f.read1(127), 0x00);
 }
 
 TEST(ModuleFaults, BadFlapRequestsAreRefused) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -50,7 +51,7 @@ INSTANTIATE_TEST_SUITE_P(Profiles, EveryProfile, ::testing::ValuesIn(module_prof
                          [](const auto& info) { return info.param.stem().string(); });
 
 TEST(ProfileContents, TheSetIsComplete) {
-    EXPECT_EQ(module_profile::all_files().size(), 8u);
+    EXPECT_EQ(module_profile::all_files().size(), 10u);
 }
 
 TEST(ProfileContents, Sff8636ModulesCarryTheirIdentity) {
@@ -75,6 +76,96 @@ TEST(ProfileContents, Sff8636ModulesCarryTheirIdentity) {
     EXPECT_TRUE(fr1.image().pages.contains(page_id{0, 0x21}));
     EXPECT_EQ(upper(fr1, {}, 192), 0x26);  // 100G-FR / 100GBASE-FR1
     EXPECT_EQ(upper(fr1, {}, 139), 0x08);  // PAM4
+}
+
+std::uint16_t upper16(const module_profile& p, page_id page, unsigned offset) {
+    return static_cast<std::uint16_t>(upper(p, page, offset) << 8 | upper(p, page, offset + 1));
+}
+
+// A DSP BER word: mantissa bits 10..0, exponent bits 15..11 biased by 24.
+double ber(std::uint16_t word) {
+    return (word & 0x7ff) * std::pow(10.0, static_cast<int>(word >> 11) - 24);
+}
+
+TEST(ProfileContents, OpticalHandlersFindWhatTheyProgram) {
+    // Rate select power-on values (87 RX, 88 TX) and whether rate select is advertised (195
+    // bit 5); wavelength in 0.05 nm (186-187).
+    struct expect {
+        const char* stem;
+        unsigned lanes;
+        std::uint8_t rate_select;
+        bool rate_select_impl;
+        bool dsp_pages;
+        std::uint16_t wavelength;
+        std::uint8_t compliance;
+    };
+    for (const auto& e : {expect{"qsfp28_100g_lr4", 4, 0x00, false, false, 26200, 0x03},
+                          expect{"qsfp28_100g_cwdm4", 4, 0xaa, true, false, 26220, 0x06},
+                          expect{"qsfp28_100g_fr1_pam4", 1, 0xaa, false, true, 26220, 0x26},
+                          expect{"qsfp28_100g_sr2_pam4", 2, 0xaa, false, true, 17000, 0x41},
+                          expect{"qsfp28_100g_dwdm4", 4, 0x00, true, false, 31067, 0x1b}}) {
+        SCOPED_TRACE(e.stem);
+        const auto p = module_profile::load_named(e.stem);
+        EXPECT_EQ(p.lanes, e.lanes);
+        EXPECT_EQ(p.image().lower[87], e.rate_select);
+        EXPECT_EQ(p.image().lower[88], e.rate_select);
+        EXPECT_EQ((upper(p, {}, 195) & 0x20) != 0, e.rate_select_impl);
+        EXPECT_EQ((upper(p, {}, 195) & 0x01) != 0, e.dsp_pages);
+        EXPECT_EQ(p.image().pages.contains(page_id{0, 0x20}), e.dsp_pages);
+        EXPECT_EQ(p.image().pages.contains(page_id{0, 0x21}), e.dsp_pages);
+        EXPECT_EQ(upper(p, {}, 221) & 0x04, 0);  // no legacy application select table
+        EXPECT_EQ(upper16(p, {}, 186), e.wavelength);
+        EXPECT_EQ(upper(p, {}, 192), e.compliance);
+    }
+    const auto sr2 = module_profile::load_named("qsfp28_100g_sr2_pam4");
+    EXPECT_EQ(upper(sr2, {}, 139), 0x08);  // PAM4
+    EXPECT_EQ(upper(sr2, {}, 147), 0x00);  // 850 nm VCSEL
+    const auto dwdm = module_profile::load_named("qsfp28_100g_dwdm4");
+    EXPECT_EQ(upper(dwdm, {}, 147) >> 4, 0x7);  // 1550 nm EML
+}
+
+TEST(ProfileContents, DspPagesHoldAHealthyLink) {
+    const page_id p20{0, 0x20};
+    const page_id p21{0, 0x21};
+    for (const char* stem : {"qsfp28_100g_fr1_pam4", "qsfp28_100g_sr2_pam4"}) {
+        SCOPED_TRACE(stem);
+        const auto p = module_profile::load_named(stem);
+        for (unsigned lane = 0; lane < 4; ++lane) {
+            const double snr = upper16(p, p20, 132 + 2 * lane) / 256.0;
+            const double temp_diff =
+                static_cast<std::int16_t>(upper16(p, p20, 164 + 2 * lane)) / 256.0;
+            if (lane < p.lanes) {
+                EXPECT_GE(snr, 21.0);
+                EXPECT_LE(snr, 24.0);
+                EXPECT_LT(std::abs(temp_diff), 1.0);
+            } else {
+                EXPECT_EQ(snr, 0.0) << "lane " << lane << " does not exist";
+            }
+        }
+        for (unsigned at = 172; at <= 180; at += 2) {
+            EXPECT_GE(ber(upper16(p, p20, at)), 1e-6) << at;
+            EXPECT_LE(ber(upper16(p, p20, at)), 1e-5) << at;
+        }
+        EXPECT_LE(ber(upper16(p, p20, 178)), ber(upper16(p, p20, 174)));  // min <= average
+        EXPECT_GE(ber(upper16(p, p20, 180)), ber(upper16(p, p20, 174)));  // max >= average
+        for (unsigned at = 182; at <= 192; ++at)
+            EXPECT_EQ(upper(p, p20, at), 0) << "uncorrected errors or clear bit at " << at;
+        // Thresholds: high alarm > high warning > low warning >= low alarm, signed where the
+        // value is.
+        for (unsigned group = 128; group <= 168; group += 8) {
+            const bool is_signed = group == 136 || group == 160 || group == 168;
+            auto t = [&](unsigned i) -> double {
+                const auto raw = upper16(p, p21, group + 2 * i);
+                if (group == 152) return ber(raw);
+                return is_signed ? static_cast<std::int16_t>(raw) : raw;
+            };
+            EXPECT_GT(t(0), t(2)) << group;
+            EXPECT_GT(t(2), t(3)) << group;
+            EXPECT_GE(t(3), t(1)) << group;
+        }
+        EXPECT_GT(ber(upper16(p, p21, 152 + 4)), ber(upper16(p, p20, 174)));  // below warning
+        EXPECT_GT(upper16(p, p20, 132), upper16(p, p21, 128 + 6));  // SNR above its low warning
+    }
 }
 
 TEST(ProfileContents, CmisModulesAdvertiseTheirApplications) {
