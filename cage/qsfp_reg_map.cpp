@@ -177,6 +177,93 @@ std::uint32_t qsfp_reg_map::get_nominal_bit_rate_mbps() {
     return read_u8(fields::sff("extended_bit_rate")) * extended_bit_rate_unit_mbps;
 }
 
+field_def qsfp_reg_map::lane_of(const field_def& f, unsigned lane) {
+    if (lane >= max_lanes)
+        throw std::system_error(EINVAL, std::generic_category(),
+                                std::string(f.name) + ": no lane " + std::to_string(lane));
+    return fields::nth(sff_only(f), lane, f.length);
+}
+
+field_def qsfp_reg_map::threshold_of(const field_def& group, threshold t) {
+    return fields::nth(sff_only(group), static_cast<unsigned>(t), group.length);
+}
+
+sff8636_int_flags qsfp_reg_map::get_int_flags() {
+    sff8636_int_flags flags;
+    read(sff_only(fields::sff("int_flags")), flags.bytes);
+    return flags;
+}
+
+sff8636_monitors qsfp_reg_map::get_monitors() {
+    sff8636_monitors monitors;
+    read(sff_only(fields::sff("monitors")), monitors.bytes);
+    return monitors;
+}
+
+std::pair<sff8636_int_flags, sff8636_monitors> qsfp_reg_map::get_flags_and_monitors() {
+    constexpr auto& block = fields::sff("flags_and_monitors");
+    std::array<std::uint8_t, block.length> bytes{};
+    read(sff_only(block), bytes);
+    std::pair<sff8636_int_flags, sff8636_monitors> out;
+    const auto flags_end = bytes.begin() + out.first.bytes.size();
+    std::copy(bytes.begin(), flags_end, out.first.bytes.begin());
+    std::copy(flags_end, bytes.end(), out.second.bytes.begin());
+    return out;
+}
+
+bool qsfp_reg_map::get_ch_tx_disable(unsigned lane) {
+    if (lane >= max_lanes)
+        throw std::system_error(EINVAL, std::generic_category(), "tx_disable: no such lane");
+    return (get_tx_disable() >> lane) & 1u;
+}
+
+void qsfp_reg_map::set_ch_tx_disable(unsigned lane, bool disable) {
+    constexpr auto& f = fields::sff("tx_disable");
+    if (lane >= max_lanes)
+        throw std::system_error(EINVAL, std::generic_category(), "tx_disable: no such lane");
+    const auto bit = static_cast<std::uint8_t>(1u << lane);
+    write_register(sff_only(f).address(), disable ? bit : 0, bit);
+}
+
+bool qsfp_reg_map::get_tx_laser_enabled(unsigned lanes) {
+    const unsigned mask = (1u << std::min(lanes, max_lanes)) - 1;
+    return (get_tx_disable() & mask) == 0;
+}
+
+bool qsfp_reg_map::get_tx_laser_disabled(unsigned lanes) {
+    const unsigned mask = (1u << std::min(lanes, max_lanes)) - 1;
+    return (get_tx_disable() & mask) == mask;
+}
+
+std::uint8_t qsfp_reg_map::rate_select_code(unsigned mbps) {
+    constexpr unsigned high_rate_mbps = 25000;
+    return mbps >= high_rate_mbps ? 0b10 : 0b00;
+}
+
+void qsfp_reg_map::set_rate_bits(const field_def& f, unsigned lane, unsigned mbps) {
+    if (lane >= max_lanes)
+        throw std::system_error(EINVAL, std::generic_category(),
+                                std::string(f.name) + ": no such lane");
+    const unsigned shift = 2 * lane;
+    write_register(sff_only(f).address(),
+                   static_cast<std::uint8_t>(rate_select_code(mbps) << shift),
+                   static_cast<std::uint8_t>(0b11 << shift));
+}
+
+void qsfp_reg_map::set_ch_rx_rate_sel(unsigned lane, unsigned mbps) {
+    set_rate_bits(fields::sff("rx_rate_select"), lane, mbps);
+}
+
+void qsfp_reg_map::set_ch_tx_rate_sel(unsigned lane, unsigned mbps) {
+    set_rate_bits(fields::sff("tx_rate_select"), lane, mbps);
+}
+
+std::string qsfp_reg_map::get_inphi_fw_revision() {
+    const auto bytes = read_raw(sff_only(fields::sff("dsp_fw_revision")));
+    return std::to_string(bytes[0]) + "." + std::to_string(bytes[1]) + "." +
+           std::to_string(bytes[2] << 8 | bytes[3]);
+}
+
 unsigned qsfp_reg_map::get_banks_supported() {
     if (read_flag(cmis_only(fields::cm("flat_mem")))) return 1;
     const std::uint8_t code = read_bits(fields::cm("banks_supported"));

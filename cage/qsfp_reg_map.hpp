@@ -1,14 +1,58 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "qsfp_device.hpp"
 #include "register_fields.hpp"
 
 namespace qsfpd::cage {
+
+// SFF-8636 latched interrupt flags, lower page bytes 3..21 as read in one transaction (the read
+// clears them). Lane n is bit n of each nibble.
+struct sff8636_int_flags {
+    static constexpr std::uint8_t first_byte = 3;
+    std::array<std::uint8_t, 19> bytes{};
+
+    std::uint8_t at(std::uint8_t byte) const { return bytes[byte - first_byte]; }
+    std::uint8_t rx_los() const { return at(3) & 0x0F; }
+    std::uint8_t tx_los() const { return at(3) >> 4; }
+    std::uint8_t tx_fault() const { return at(4) & 0x0F; }
+    std::uint8_t rx_lol() const { return at(5) & 0x0F; }
+    std::uint8_t tx_lol() const { return at(5) >> 4; }
+    // Byte 6: bit 7 high alarm, 6 low alarm, 5 high warning, 4 low warning.
+    std::uint8_t temperature() const { return at(6); }
+    std::uint8_t vcc() const { return at(7); }
+};
+
+// SFF-8636 free side and channel monitors, lower page bytes 22..57, raw register units.
+struct sff8636_monitors {
+    static constexpr std::uint8_t first_byte = 22;
+    std::array<std::uint8_t, 36> bytes{};
+
+    std::uint16_t u16_at(std::uint8_t byte) const {
+        return static_cast<std::uint16_t>(bytes[byte - first_byte] << 8 |
+                                          bytes[byte - first_byte + 1]);
+    }
+    std::int16_t temperature() const { return static_cast<std::int16_t>(u16_at(22)); }
+    std::uint16_t supply_voltage() const { return u16_at(26); }
+    std::uint16_t rx_power(unsigned lane) const { return u16_at(lane_byte(34, lane)); }
+    std::uint16_t tx_bias(unsigned lane) const { return u16_at(lane_byte(42, lane)); }
+    std::uint16_t tx_power(unsigned lane) const { return u16_at(lane_byte(50, lane)); }
+
+  private:
+    static std::uint8_t lane_byte(std::uint8_t first, unsigned lane) {
+        return static_cast<std::uint8_t>(first + 2 * (lane & 3));
+    }
+};
+
+// The order of the four thresholds of a monitor in SFF-8636 page 03h (and the DSP page 21h).
+enum class threshold : unsigned { high_alarm, low_alarm, high_warning, low_warning };
 
 // The named register fields of the module in a cage, over a qsfp_device. Fields come from the
 // tables in register_fields.hpp; the map picks the SFF-8636 or the CMIS location by the module's
@@ -88,6 +132,128 @@ class qsfp_reg_map {
         write_flag(sff_only(fields::sff("high_power_class_en")), on);
     }
 
+    // SFF-8636 nominal bit rate, Mb/s.
+    std::uint32_t get_nom_bit_rate() { return get_nominal_bit_rate_mbps(); }
+
+    // SFF-8636 flags and monitors. One transaction each; get_int_flags() and
+    // get_flags_and_monitors() clear the latched flags they return.
+    sff8636_int_flags get_int_flags();
+    sff8636_monitors get_monitors();
+    std::pair<sff8636_int_flags, sff8636_monitors> get_flags_and_monitors();
+    std::int16_t get_temperature() { return read_s16(sff_only(fields::sff("temperature"))); }
+    std::uint16_t get_supply_voltage() { return read_u16(sff_only(fields::sff("supply_voltage"))); }
+    std::uint16_t get_ch_rx_pwr(unsigned lane) {
+        return read_u16(lane_of(fields::sff("rx_power"), lane));
+    }
+    std::uint16_t get_ch_tx_pwr(unsigned lane) {
+        return read_u16(lane_of(fields::sff("tx_power"), lane));
+    }
+    std::uint16_t get_ch_tx_bias(unsigned lane) {
+        return read_u16(lane_of(fields::sff("tx_bias"), lane));
+    }
+
+    // SFF-8636 page 03h thresholds, raw.
+    std::int16_t get_temp_threshold(threshold t) {
+        return read_s16(threshold_of(fields::sff("temp_thresholds"), t));
+    }
+    std::uint16_t get_vcc_threshold(threshold t) {
+        return read_u16(threshold_of(fields::sff("vcc_thresholds"), t));
+    }
+    std::uint16_t get_rx_power_threshold(threshold t) {
+        return read_u16(threshold_of(fields::sff("rx_power_thresholds"), t));
+    }
+    std::uint16_t get_tx_bias_threshold(threshold t) {
+        return read_u16(threshold_of(fields::sff("tx_bias_thresholds"), t));
+    }
+    std::uint16_t get_tx_power_threshold(threshold t) {
+        return read_u16(threshold_of(fields::sff("tx_power_thresholds"), t));
+    }
+
+    // SFF-8636 TX disable (byte 86): the whole-module forms act on all four lane bits.
+    std::uint8_t get_tx_disable() { return read_bits(sff_only(fields::sff("tx_disable"))); }
+    void set_tx_disable(bool disable) {
+        write_bits(sff_only(fields::sff("tx_disable")), disable ? 0x0F : 0x00);
+    }
+    bool get_ch_tx_disable(unsigned lane);
+    void set_ch_tx_disable(unsigned lane, bool disable);
+    // Every one of the first `lanes` transmitters enabled / disabled.
+    bool get_tx_laser_enabled(unsigned lanes);
+    bool get_tx_laser_disabled(unsigned lanes);
+
+    // SFF-8636 rate select (bytes 87 RX, 88 TX), two bits per lane. A lane rate of 25 Gb/s or
+    // more selects 10b, the high-rate code of the DSP modules; lower rates select 00b.
+    std::uint8_t get_rx_rate_select() { return read_u8(sff_only(fields::sff("rx_rate_select"))); }
+    std::uint8_t get_tx_rate_select() { return read_u8(sff_only(fields::sff("tx_rate_select"))); }
+    void set_ch_rx_rate_sel(unsigned lane, unsigned mbps);
+    void set_ch_tx_rate_sel(unsigned lane, unsigned mbps);
+    static std::uint8_t rate_select_code(unsigned mbps);
+    // Every lane's rate select at the high-rate code (AAh): the module runs at 100G.
+    bool get_rx_is_100g() { return get_rx_rate_select() == all_lanes_high_rate; }
+    bool get_tx_is_100g() { return get_tx_rate_select() == all_lanes_high_rate; }
+
+    // SFF-8636 page 00h advertisement.
+    std::uint16_t get_free_side_wavelength() {
+        return read_u16(sff_only(fields::sff("free_side_wavelength")));
+    }
+    std::uint8_t get_max_case_temperature() { return read_u8(sff_only(fields::sff("max_case_temp"))); }
+    bool get_free_side_rate_sel_impl() { return read_flag(sff_only(fields::sff("rate_sel_impl"))); }
+    bool get_free_side_appl_sel_impl() { return read_flag(sff_only(fields::sff("appl_sel_impl"))); }
+
+    // The PAM4 DSP pages 20h (monitors) and 21h (thresholds).
+    std::string get_inphi_fw_revision();
+    std::uint16_t get_ch_snr(unsigned lane) {
+        return read_u16(lane_of(fields::sff("ch_snr"), lane));
+    }
+    std::int16_t get_ch_res_disp(unsigned lane) {
+        return read_s16(lane_of(fields::sff("ch_res_disp"), lane));
+    }
+    std::uint16_t get_ch_pam4_level_trans(unsigned lane) {
+        return read_u16(lane_of(fields::sff("ch_pam4_level_trans"), lane));
+    }
+    std::int16_t get_ch_tec_curr(unsigned lane) {
+        return read_s16(lane_of(fields::sff("ch_tec_curr"), lane));
+    }
+    std::int16_t get_ch_laser_temp_diff(unsigned lane) {
+        return read_s16(lane_of(fields::sff("ch_laser_temp_diff"), lane));
+    }
+    std::uint16_t get_pre_fec_ber_cur() {
+        return read_u16(sff_only(fields::sff("pre_fec_ber_cur")));
+    }
+    std::uint16_t get_pre_fec_ber_av() { return read_u16(sff_only(fields::sff("pre_fec_ber_av"))); }
+    std::uint16_t get_pre_fec_ber_pri() {
+        return read_u16(sff_only(fields::sff("pre_fec_ber_pri")));
+    }
+    std::uint16_t get_pre_fec_ber_latch_min() {
+        return read_u16(sff_only(fields::sff("pre_fec_ber_latch_min")));
+    }
+    std::uint16_t get_pre_fec_ber_latch_max() {
+        return read_u16(sff_only(fields::sff("pre_fec_ber_latch_max")));
+    }
+    std::uint16_t get_uncorr_ber_cur() { return read_u16(sff_only(fields::sff("uncorr_ber_cur"))); }
+    std::uint16_t get_uncorr_ber_av() { return read_u16(sff_only(fields::sff("uncorr_ber_av"))); }
+    std::uint16_t get_uncorr_ber_pri() { return read_u16(sff_only(fields::sff("uncorr_ber_pri"))); }
+    std::uint16_t get_uncorr_ber_min() { return read_u16(sff_only(fields::sff("uncorr_ber_min"))); }
+    std::uint16_t get_uncorr_ber_max() { return read_u16(sff_only(fields::sff("uncorr_ber_max"))); }
+    void clear_ber_stats() { write_flag(sff_only(fields::sff("ber_clear")), true); }
+    std::uint16_t get_snr_threshold(threshold t) {
+        return read_u16(threshold_of(fields::sff("snr_thresholds"), t));
+    }
+    std::int16_t get_res_disp_threshold(threshold t) {
+        return read_s16(threshold_of(fields::sff("res_disp_thresholds"), t));
+    }
+    std::uint16_t get_pam4_level_trans_threshold(threshold t) {
+        return read_u16(threshold_of(fields::sff("pam4_level_trans_thresholds"), t));
+    }
+    std::uint16_t get_pre_fec_ber_av_threshold(threshold t) {
+        return read_u16(threshold_of(fields::sff("pre_fec_ber_av_thresholds"), t));
+    }
+    std::int16_t get_tec_current_threshold(threshold t) {
+        return read_s16(threshold_of(fields::sff("tec_current_thresholds"), t));
+    }
+    std::int16_t get_laser_temp_diff_threshold(threshold t) {
+        return read_s16(threshold_of(fields::sff("laser_temp_diff_thresholds"), t));
+    }
+
     // Paging: a flat-memory module has only page 00h.
     bool get_flat_memory() { return read_flag(pick(fields::both("flat_mem"))); }
     bool get_support_paging() { return !get_flat_memory(); }
@@ -115,7 +281,14 @@ class qsfp_reg_map {
     // The padding rules of read_text, for any byte string.
     static std::string trim_text(const std::vector<std::uint8_t>& bytes);
 
+    static constexpr unsigned max_lanes = 4;
+
   private:
+    static constexpr std::uint8_t all_lanes_high_rate = 0xAA;
+
+    field_def lane_of(const field_def& f, unsigned lane);
+    field_def threshold_of(const field_def& group, threshold t);
+    void set_rate_bits(const field_def& f, unsigned lane, unsigned mbps);
     const field_def& pick(const fields::field_pair& p) { return is_cmis() ? p.cmis : p.sff8636; }
     const field_def& sff_only(const field_def& f);
     const field_def& cmis_only(const field_def& f);

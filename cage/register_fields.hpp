@@ -126,6 +126,61 @@ inline constexpr std::array sff8636 = {
     u8("enhanced_options", 0x00, 221, "SFF-8636 Table 6-25 byte 221, Enhanced Options"),
     flag("page_20_21_impl_221", 0x00, 221, 2, "SFF-8636 Table 6-25 byte 221 bit 2: see qsfp_reg_map::get_page_20_21_impl_221"),
     u8("extended_bit_rate", 0x00, 222, "SFF-8636 Table 6-15 byte 222, nominal baud rate, 250 MBd units"),
+
+    // Interrupt flags and free side monitors (lower page). The flags latch and clear on read.
+    raw("int_flags", 0x00, 3, 21, "SFF-8636 Tables 6-4..6-6 bytes 3-21, latched interrupt flags"),
+    raw("monitors", 0x00, 22, 57, "SFF-8636 Tables 6-7, 6-8 bytes 22-57, free side and channel monitors"),
+    raw("flags_and_monitors", 0x00, 3, 57, "SFF-8636 bytes 3-57: flags then monitors, one transaction"),
+    s16("temperature", 0x00, 22, "SFF-8636 Table 6-7 bytes 22-23, temperature, 1/256 degC"),
+    u16("supply_voltage", 0x00, 26, "SFF-8636 Table 6-7 bytes 26-27, supply voltage, 100 uV"),
+    u16("rx_power", 0x00, 34, "SFF-8636 Table 6-8 bytes 34-41, RX power lanes 1-4, 0.1 uW"),
+    u16("tx_bias", 0x00, 42, "SFF-8636 Table 6-8 bytes 42-49, TX bias lanes 1-4, 2 uA"),
+    u16("tx_power", 0x00, 50, "SFF-8636 Table 6-8 bytes 50-57, TX power lanes 1-4, 0.1 uW"),
+
+    // Control bytes (lower page).
+    bits("tx_disable", 0x00, 86, 0x0F, "SFF-8636 Table 6-9 byte 86 bits 3-0, Tx4..Tx1_Disable"),
+    u8("rx_rate_select", 0x00, 87, "SFF-8636 Table 6-9 byte 87, Rx4..Rx1_Rate_Select, 2 bits per lane"),
+    u8("tx_rate_select", 0x00, 88, "SFF-8636 Table 6-9 byte 88, Tx4..Tx1_Rate_Select, 2 bits per lane"),
+
+    // Page 00h advertisement used by the optical handlers.
+    u16("free_side_wavelength", 0x00, 186, "SFF-8636 Table 6-15 bytes 186-187, nominal wavelength, 0.05 nm"),
+    u8("max_case_temp", 0x00, 190, "SFF-8636 Table 6-15 byte 190, maximum case temperature, degC (0: 70 degC)"),
+    flag("rate_sel_impl", 0x00, 195, 5, "SFF-8636 Table 6-22 byte 195 bit 5, RATE_SELECT implemented"),
+    flag("appl_sel_impl", 0x00, 221, 2, "SFF-8636 Table 6-25 byte 221 bit 2, Application Select table (legacy)"),
+
+    // Page 03h thresholds: high alarm, low alarm, high warning, low warning, 2 bytes each.
+    s16("temp_thresholds", 0x03, 128, "SFF-8636 Table 6-29 bytes 128-135, temperature thresholds"),
+    u16("vcc_thresholds", 0x03, 144, "SFF-8636 Table 6-29 bytes 144-151, supply voltage thresholds"),
+    u16("rx_power_thresholds", 0x03, 176, "SFF-8636 Table 6-30 bytes 176-183, RX power thresholds"),
+    u16("tx_bias_thresholds", 0x03, 184, "SFF-8636 Table 6-30 bytes 184-191, TX bias thresholds"),
+    u16("tx_power_thresholds", 0x03, 192, "SFF-8636 Table 6-30 bytes 192-199, TX power thresholds"),
+
+    // The PAM4 DSP modules' monitor page 20h and threshold page 21h. SFF-8636 reserves pages
+    // 20h-21h for PAM4 and WDM monitoring; the fixed layout below is that of the DSP modules we
+    // drive (lanes at a 2-byte stride, thresholds in the page 03h order).
+    raw("dsp_fw_revision", 0x20, 128, 131, "DSP page 20h bytes 128-131, firmware major, minor, build (2 bytes)"),
+    u16("ch_snr", 0x20, 132, "DSP page 20h bytes 132-139, SNR per lane, 1/256 dB"),
+    s16("ch_res_disp", 0x20, 140, "DSP page 20h bytes 140-147, residual dispersion per lane, 0.1 units"),
+    u16("ch_pam4_level_trans", 0x20, 148, "DSP page 20h bytes 148-155, PAM4 level transition per lane, 1/256"),
+    s16("ch_tec_curr", 0x20, 156, "DSP page 20h bytes 156-163, TEC current per lane, 0.1 units"),
+    s16("ch_laser_temp_diff", 0x20, 164, "DSP page 20h bytes 164-171, laser temperature difference per lane, 1/256 degC"),
+    u16("pre_fec_ber_cur", 0x20, 172, "DSP page 20h bytes 172-173, pre-FEC BER current"),
+    u16("pre_fec_ber_av", 0x20, 174, "DSP page 20h bytes 174-175, pre-FEC BER average"),
+    u16("pre_fec_ber_pri", 0x20, 176, "DSP page 20h bytes 176-177, pre-FEC BER prior period"),
+    u16("pre_fec_ber_latch_min", 0x20, 178, "DSP page 20h bytes 178-179, pre-FEC BER latched minimum"),
+    u16("pre_fec_ber_latch_max", 0x20, 180, "DSP page 20h bytes 180-181, pre-FEC BER latched maximum"),
+    u16("uncorr_ber_cur", 0x20, 182, "DSP page 20h bytes 182-183, uncorrected BER current"),
+    u16("uncorr_ber_av", 0x20, 184, "DSP page 20h bytes 184-185, uncorrected BER average"),
+    u16("uncorr_ber_pri", 0x20, 186, "DSP page 20h bytes 186-187, uncorrected BER prior period"),
+    u16("uncorr_ber_min", 0x20, 188, "DSP page 20h bytes 188-189, uncorrected BER minimum"),
+    u16("uncorr_ber_max", 0x20, 190, "DSP page 20h bytes 190-191, uncorrected BER maximum"),
+    flag("ber_clear", 0x20, 192, 0, "DSP page 20h byte 192 bit 0, clear BER statistics (self-clearing)"),
+    u16("snr_thresholds", 0x21, 128, "DSP page 21h bytes 128-135, SNR thresholds, 1/256 dB"),
+    s16("res_disp_thresholds", 0x21, 136, "DSP page 21h bytes 136-143, residual dispersion thresholds"),
+    u16("pam4_level_trans_thresholds", 0x21, 144, "DSP page 21h bytes 144-151, PAM4 level transition thresholds"),
+    u16("pre_fec_ber_av_thresholds", 0x21, 152, "DSP page 21h bytes 152-159, pre-FEC BER average thresholds"),
+    s16("tec_current_thresholds", 0x21, 160, "DSP page 21h bytes 160-167, TEC current thresholds"),
+    s16("laser_temp_diff_thresholds", 0x21, 168, "DSP page 21h bytes 168-175, laser temperature difference thresholds"),
 };
 
 // CMIS: QSFP-DD, OSFP, QSFP with CMIS (identifiers 18h, 19h, 1Eh), incl. C-CMIS coherent modules.
@@ -163,6 +218,14 @@ consteval const field_def& sff(std::string_view name) {
 }
 consteval const field_def& cm(std::string_view name) {
     return find(cmis, name);
+}
+
+// The same field `index` steps of `stride` bytes further: lane n of a per-lane field, or the
+// n-th threshold of a threshold group.
+constexpr field_def nth(const field_def& f, unsigned index, unsigned stride) {
+    field_def out = f;
+    out.byte = static_cast<std::uint8_t>(f.byte + index * stride);
+    return out;
 }
 
 // A field both families have, under the same name.

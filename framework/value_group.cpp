@@ -9,8 +9,12 @@
 namespace dh::api {
 
 value_group::value_group(std::chrono::milliseconds period, unsigned unit, unsigned num_units,
-                         std::shared_ptr<qsfpd::clock> clock)
-    : period_(period), unit_(unit), num_units_(num_units), clock_(std::move(clock)) {
+                         std::shared_ptr<qsfpd::clock> clock, bool active)
+    : period_(period),
+      unit_(unit),
+      num_units_(num_units),
+      clock_(std::move(clock)),
+      active_(active) {
     thread_ = std::jthread([this](std::stop_token stop) { run(stop); });
 }
 
@@ -29,6 +33,16 @@ std::size_t value_group::size() const {
     return nodes_.size();
 }
 
+void value_group::activate() {
+    std::lock_guard lock(mutex_);
+    active_ = true;
+}
+
+bool value_group::active() const {
+    std::lock_guard lock(mutex_);
+    return active_;
+}
+
 std::uint64_t value_group::periods_run() const {
     return periods_.load();
 }
@@ -40,6 +54,10 @@ void value_group::run(std::stop_token stop) {
         std::vector<std::shared_ptr<dh_db_leaf_node>> due;
         {
             std::lock_guard lock(mutex_);
+            if (!active_) {
+                schedule.advance(clock_->now());
+                continue;
+            }
             due.reserve(nodes_.size());
             for (auto it = nodes_.begin(); it != nodes_.end();) {
                 if (auto node = it->second.lock()) {

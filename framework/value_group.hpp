@@ -13,17 +13,21 @@ namespace dh::api {
 
 // Calls periodic_task of its nodes once per period on the cages' staggered grid: the first
 // instant is the next whole second plus unit * 100 / num_units ms. Nodes are held weakly and
-// visited in index order; the group's own thread stops when the group is destroyed.
+// visited in index order; the group's own thread stops when the group is destroyed. A group made
+// inactive keeps its schedule but visits nothing until activate(): a handler fills its group
+// first, so that no value is polled before every node it depends on exists.
 class value_group {
   public:
     value_group(std::chrono::milliseconds period, unsigned unit, unsigned num_units,
-                std::shared_ptr<qsfpd::clock> clock = qsfpd::clock::system());
+                std::shared_ptr<qsfpd::clock> clock = qsfpd::clock::system(), bool active = true);
     ~value_group();
     value_group(const value_group&) = delete;
     value_group& operator=(const value_group&) = delete;
 
     void add_value(const std::shared_ptr<dh_db_leaf_node>& node, int index = 0);
     std::size_t size() const;
+    void activate();
+    bool active() const;
     std::uint64_t periods_run() const;
 
   private:
@@ -35,6 +39,7 @@ class value_group {
     std::shared_ptr<qsfpd::clock> clock_;
     mutable std::mutex mutex_;
     std::multimap<int, std::weak_ptr<dh_db_leaf_node>> nodes_;
+    bool active_;  // guarded by mutex_
     std::atomic<std::uint64_t> periods_{0};
     std::jthread thread_;
 };

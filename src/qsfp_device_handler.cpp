@@ -212,8 +212,8 @@ void qsfp_device_handler::start() {
         }
     }
 
-    value_group_ =
-        std::make_unique<value_group>(std::chrono::milliseconds(1000), unit_, num_units_, clock_);
+    value_group_ = std::make_unique<value_group>(std::chrono::milliseconds(1000), unit_,
+                                                 num_units_, clock_, false);
     int index = 0;
     auto grouped = [&](auto node) {
         value_group_->add_value(node, index++);
@@ -257,6 +257,18 @@ void qsfp_device_handler::start() {
         ->set_value(reg_wr_data_);
     grouped(volatile_value<&self_type::get_reg_rd_data>::create(db_, path("data/debug/reg/rd_data"),
                                                                 self));
+}
+
+void qsfp_device_handler::add_to_value_group(const std::shared_ptr<dh_db_leaf_node>& node) {
+    value_group_->add_value(node, static_cast<int>(value_group_->size()));
+}
+
+void qsfp_device_handler::activate_value_group() {
+    value_group_->activate();
+}
+
+std::string qsfp_device_handler::path(std::string_view relative) const {
+    return join(root_, relative);
 }
 
 bool qsfp_device_handler::get_dh_ready() {

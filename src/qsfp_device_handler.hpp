@@ -135,6 +135,8 @@ class qsfp_device_handler : public std::enable_shared_from_this<qsfp_device_hand
     std::string get_eeprom_page_list();
 
     const std::string& root_path() const { return root_; }
+    // The cage device's name: what the handler's messages name the module by.
+    const std::string& module_name() const { return device_->name(); }
     // The gearbox handler's client on ZELT-20, else empty.
     std::shared_ptr<device_handler_client> get_gearbox_client() const { return gearbox_client_; }
 
@@ -163,6 +165,24 @@ class qsfp_device_handler : public std::enable_shared_from_this<qsfp_device_hand
     decltype(auto) module_access(F&& f);
 
     void set_capability(int capability) { capability_ = capability; }
+
+    // The value group that start() creates: subclasses add their nodes after the base start()
+    // and activate it once every node exists.
+    void add_to_value_group(const std::shared_ptr<dh_db_leaf_node>& node);
+    void activate_value_group();
+    // Keeps a node alive for the handler's life.
+    template <class Node>
+    std::shared_ptr<Node> keep_node(std::shared_ptr<Node> node) {
+        start_nodes_.push_back(node);
+        return node;
+    }
+    // Keeps the node and adds it to the value group.
+    template <class Node>
+    std::shared_ptr<Node> group_node(std::shared_ptr<Node> node) {
+        add_to_value_group(node);
+        return keep_node(std::move(node));
+    }
+    std::string path(std::string_view relative) const;
 
     dh_db& db_;
     std::shared_ptr<qsfpd::cage::qsfp_device> device_;

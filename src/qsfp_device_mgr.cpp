@@ -4,6 +4,10 @@
 
 #include "grid_schedule.hpp"
 #include "msg_log.hpp"
+#include "qsfp_optical_1lane_device_handler.hpp"
+#include "qsfp_optical_1lane_pam4_device_handler.hpp"
+#include "qsfp_optical_1or2lane_device_handler.hpp"
+#include "qsfp_optical_4lane_device_handler.hpp"
 #include "system_path.hpp"
 
 using qsfpd::handler_class;
@@ -114,8 +118,33 @@ qsfp_device_mgr::~qsfp_device_mgr() {
     if (thread_.joinable()) thread_.join();
 }
 
+namespace {
+
+// Every handler class is built the same way: a register map of its own on the cage device, the
+// texts the manager read and matched, and start() before the manager publishes it. Node paths
+// have no prefix: the daemon serves one cage.
+template <class Handler>
+qsfp_device_mgr::handler_factory factory_of() {
+    return [](qsfp_device_mgr& manager, dh_db& db, const std::string& vendor,
+              const std::string& part_number, const std::string& part_name,
+              const std::string& description, const qsfp_flags_s& flags) {
+        auto handler = std::make_shared<Handler>(
+            db, manager.device(), "", manager.new_reg_map(), vendor, part_number, part_name,
+            description, flags, manager.unit(), manager.num_units(), manager.clock());
+        handler->start();
+        return std::shared_ptr<qsfp_device_handler>(std::move(handler));
+    };
+}
+
+}  // namespace
+
 std::map<handler_class, qsfp_device_mgr::handler_factory> qsfp_device_mgr::default_factories() {
-    return {};
+    return {
+        {handler_class::optical_4lane, factory_of<qsfp_optical_4lane_device_handler>()},
+        {handler_class::optical_1or2lane, factory_of<qsfp_optical_1or2lane_device_handler>()},
+        {handler_class::optical_1lane, factory_of<qsfp_optical_1lane_device_handler>()},
+        {handler_class::optical_1lane_pam4, factory_of<qsfp_optical_1lane_pam4_device_handler>()},
+    };
 }
 
 void qsfp_device_mgr::start() {
@@ -281,6 +310,24 @@ void qsfp_device_mgr::poll_once(std::stop_token stop) {
             return;
         }
         hand_over_admin_status();
+        run_handler_cycle();
+    }
+}
+
+void qsfp_device_mgr::run_handler_cycle() {
+    const auto handler = current_handler();
+    if (!handler || !handler->get_dh_ready()) return;
+    try {
+        handler->run_periodic_tasks();
+        if (failed_cycles_ != 0)
+            MSG_LOG(msg_log::info, hotplug_tag_)
+                << "QSFP mgr, " << device_path_ << " monitoring resumed after " << failed_cycles_
+                << " failed cycles";
+        failed_cycles_ = 0;
+    } catch (const std::exception&) {
+        // The first failure of a streak is reported as any failed pass is; the rest of the
+        // streak (ten a second while a module hangs) would only bury it.
+        if (failed_cycles_++ == 0) throw;
     }
 }
 

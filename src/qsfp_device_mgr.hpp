@@ -84,6 +84,9 @@ class qsfp_device_mgr : public std::enable_shared_from_this<qsfp_device_mgr> {
     std::shared_ptr<qsfpd::cage::qsfp_reg_map> new_reg_map();
     int communication_failures() const { return comm_fail_counter_; }
     const std::string& device_path() const { return device_path_; }
+    std::uint32_t unit() const { return unit_; }
+    std::uint32_t num_units() const { return num_units_; }
+    const std::shared_ptr<qsfpd::clock>& clock() const { return clock_; }
     void set_timing(timing t) { timing_ = t; }
 
   private:
@@ -99,6 +102,8 @@ class qsfp_device_mgr : public std::enable_shared_from_this<qsfp_device_mgr> {
     void mark_handled();
     void remove_module();
     void hand_over_admin_status();
+    // One monitoring cycle of a ready handler, in this cage's bus slot.
+    void run_handler_cycle();
     // Counts one identification read toward the communication-failure alarm.
     void count_read(bool ok);
     bool set_line(unsigned line, bool on);
@@ -128,6 +133,7 @@ class qsfp_device_mgr : public std::enable_shared_from_this<qsfp_device_mgr> {
     std::vector<std::shared_ptr<dh_db_leaf_node>> nodes_;
     std::atomic<int> comm_fail_counter_{0};
     std::atomic<bool> restart_requested_{false};
+    unsigned failed_cycles_ = 0;  // consecutive failed monitoring cycles (poll thread only)
     qsfpd::probe_map probe_map_;
     std::jthread thread_;
 };

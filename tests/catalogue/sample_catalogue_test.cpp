@@ -27,7 +27,9 @@ const std::string sample_file = std::string(QSFPD_SOURCE_DIR) + "/etc/transceive
 const std::map<std::string, catalogue_list> expected_list{
     {"qsfp28_100g_lr4", catalogue_list::optical_4lane},
     {"qsfp28_100g_cwdm4", catalogue_list::optical_4lane},
-    {"qsfp28_100g_fr1_pam4", catalogue_list::optical_1or2lane},
+    {"qsfp28_100g_fr1_pam4", catalogue_list::optical_1lane_pam4},
+    {"qsfp28_100g_sr2_pam4", catalogue_list::optical_1or2lane},
+    {"qsfp28_100g_dwdm4", catalogue_list::optical_4lane},
     {"qsfpplus_dac_passive", catalogue_list::passive},
     {"qsfpdd_400g_fr4", catalogue_list::optical_dd_4lane},
     {"qsfpdd_400zr", catalogue_list::optical_dd_1lane},

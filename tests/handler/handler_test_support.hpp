@@ -42,6 +42,7 @@ class test_handler : public qsfp_device_handler {
 
     void start() {
         qsfp_device_handler::start();
+        activate_value_group();
         set_dh_ready(true);
     }
 
