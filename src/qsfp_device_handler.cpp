@@ -212,8 +212,8 @@ void qsfp_device_handler::start() {
         }
     }
 
-    value_group_ = std::make_unique<value_group>(std::chrono::milliseconds(1000), unit_,
-                                                 num_units_, clock_, false);
+    value_group_ = std::make_unique<value_group>(std::chrono::milliseconds(1000), unit_, num_units_,
+                                                 clock_, false);
     int index = 0;
     auto grouped = [&](auto node) {
         value_group_->add_value(node, index++);
@@ -362,7 +362,9 @@ unsigned qsfp_device_handler::get_reg_wr_data() {
 
 unsigned qsfp_device_handler::get_reg_rd_data() {
     auto lock = lock_handler();
-    return module_access([&] { return reg_map_->read_register(reg_address_); });
+    const std::uint8_t value = module_access([&] { return reg_map_->read_register(reg_address_); });
+    if (reg_address_ < page_size) lower_bytes_read(reg_address_, std::span(&value, 1));
+    return value;
 }
 
 void qsfp_device_handler::set_eeprom_bank(unsigned bank) {
@@ -459,6 +461,7 @@ std::array<std::uint8_t, page_size> qsfp_device_handler::_read_page(unsigned ban
     module_access([&] {
         if (lower) {
             device_->i2c_read(0, bytes);
+            lower_bytes_read(0, bytes);
             return;
         }
         device_->i2c_read_bank(static_cast<std::uint8_t>(bank),

@@ -148,6 +148,10 @@ class qsfp_device_handler : public std::enable_shared_from_this<qsfp_device_hand
     // the handler mutex held. The base has nothing to switch.
     virtual void _set_port_admin_status(bool /*up*/) {}
 
+    // Lower-page bytes a client read through the debugging nodes. Latched flags clear on read:
+    // a handler that watches them takes over what the client's read consumed.
+    virtual void lower_bytes_read(unsigned /*first*/, std::span<const std::uint8_t> /*bytes*/) {}
+
     // Replaces the advertised pages (subclasses whose module has other pages).
     void clear_page_advertisement();
     void add_page_advertisement(unsigned page, unsigned bank, std::string description);

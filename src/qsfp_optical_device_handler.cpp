@@ -1,6 +1,7 @@
 #include "qsfp_optical_device_handler.hpp"
 
 #include <cmath>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -233,13 +234,25 @@ void qsfp_optical_device_handler::run_periodic_tasks() {
     auto lock = lock_handler();
     // One transaction for the whole cycle: the latched flags (read exactly once, the read
     // clears them) and the monitors that the polled values of this cycle reuse.
-    const auto [flags, monitors] =
-        module_access([&] { return reg_map_->get_flags_and_monitors(); });
+    auto [flags, monitors] = module_access([&] { return reg_map_->get_flags_and_monitors(); });
+    for (std::size_t i = 0; i < flags.bytes.size(); ++i)
+        flags.bytes[i] |= std::exchange(pending_flags_[i], 0);
     snapshot_ = {monitors, clock_->now(), true};
     std::array<std::uint16_t, max_lanes> rx{};
     for (unsigned lane = 0; lane < lane_count_; ++lane)
         rx[lane] = monitors.rx_power(lane);
     process_flags(flags, total_power_dbm(std::span(rx.data(), lane_count_)));
+}
+
+void qsfp_optical_device_handler::lower_bytes_read(unsigned first,
+                                                   std::span<const std::uint8_t> bytes) {
+    auto lock = lock_handler();
+    constexpr unsigned flags_first = sff8636_int_flags::first_byte;
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        const std::size_t at = first + i;
+        if (at >= flags_first && at < flags_first + pending_flags_.size())
+            pending_flags_[at - flags_first] |= bytes[i];
+    }
 }
 
 void qsfp_optical_device_handler::process_flags(const sff8636_int_flags& flags,

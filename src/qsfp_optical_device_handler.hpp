@@ -119,6 +119,8 @@ class qsfp_optical_device_handler : public qsfp_device_handler {
     template <class F>
     decltype(auto) read_for(const char* getter, F&& read);
 
+    void lower_bytes_read(unsigned first, std::span<const std::uint8_t> bytes) override;
+
     // The monitors of this cycle, or fresh ones if the cycle's snapshot is stale.
     const qsfpd::cage::sff8636_monitors& cycle_monitors();
 
@@ -139,6 +141,8 @@ class qsfp_optical_device_handler : public qsfp_device_handler {
     double los_threshold_dbm_ = 0;
     double tx_power_low_alarm_dbm_ = 0;
 
+    // Flags a client's register read cleared since the last cycle, merged into the next one.
+    decltype(qsfpd::cage::sff8636_int_flags::bytes) pending_flags_{};
     std::array<bool, 4> lane_tx_fault_{};
     std::array<bool, 4> lane_los_{};
     std::array<bool, 4> lane_lol_{};
