@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 
@@ -18,9 +19,15 @@ namespace qsfpd::test {
 class plain_handler : public qsfp_device_handler {
   public:
     using qsfp_device_handler::qsfp_device_handler;
-    void run_periodic_tasks() override {}
+    std::atomic<int> cycles{0};
+    std::atomic<bool> fail_cycles{false};
+    void run_periodic_tasks() override {
+        if (fail_cycles) throw std::runtime_error("bus stuck");
+        ++cycles;
+    }
     void start() {
         qsfp_device_handler::start();
+        activate_value_group();
         set_dh_ready(true);
     }
     std::vector<std::string> admin_calls;
@@ -243,6 +250,62 @@ TEST_F(Manager, AModulePulledDuringIdentificationEndsTheInsertion) {
     EXPECT_TRUE(created.empty());
     EXPECT_EQ(log.count("QSFP mgr"), 0u);
     EXPECT_EQ(alarm("alarms/communicationFailure/severity"), 0);
+}
+
+TEST_F(Manager, RunsTheHandlersMonitoringCycleEveryPassOnceReady) {
+    make_manager();
+    cage->insert(emu::module_profile::load_named("qsfp28_100g_lr4"));
+    clock->run_for(5s);
+    ASSERT_EQ(created.size(), 1u);
+    auto handler = created[0].lock();
+    ASSERT_TRUE(handler);
+    const int before = handler->cycles;
+    EXPECT_GT(before, 0);
+    clock->run_for(1s);
+    EXPECT_EQ(handler->cycles - before, 10);  // one per 100 ms pass
+
+    // A streak of failed cycles is reported once, and its end once.
+    handler->fail_cycles = true;
+    clock->run_for(1s);
+    EXPECT_EQ(log.count("QSFP mgr, /dev/qsfp3 exception [bus stuck]"), 1u);
+    handler->fail_cycles = false;
+    clock->run_for(300ms);
+    EXPECT_EQ(log.count("QSFP mgr, /dev/qsfp3 monitoring resumed after 10 failed cycles"), 1u);
+    EXPECT_GT(handler->cycles, before + 10);
+}
+
+TEST_F(Manager, DefaultFactoriesBuildTheOpticalHandlers) {
+    write_catalogue(
+        R"({"optical4LaneTransceiverList":[{"vendor":"DELL","partNumber":"3MFXG",)"
+        R"("description":"100G LR4"}],"optical1or2LaneTransceiverList":[)"
+        R"({"vendor":"QSFPD-EMU","partNumber":"EMU-Q28-100G-SR2","description":"SR2"}],)"
+        R"("optical1LanePam4TransceiverList":[{"vendor":"QSFPD-EMU",)"
+        R"("partNumber":"EMU-Q28-100G-FR1","description":"FR1"}]})");
+    auto device = std::make_shared<cage::qsfp_device>("/dev/qsfp3", cage);
+    manager = std::make_shared<qsfp_device_mgr>("/dev/qsfp3", db, 3, 8, device, clock);
+    manager->start();
+    ASSERT_TRUE(clock->wait_for_sleepers(2));
+    struct expected {
+        const char* profile;
+        const char* data_model;
+        unsigned lanes;
+    };
+    for (const auto& e : {expected{"qsfp28_100g_lr4", "optical", 4},
+                          expected{"qsfp28_100g_sr2_pam4", "optical-2lane", 2},
+                          expected{"qsfp28_100g_fr1_pam4", "optical-1lane-pam4", 1}}) {
+        SCOPED_TRACE(e.profile);
+        cage->insert(emu::module_profile::load_named(e.profile));
+        clock->run_for(5s);
+        ASSERT_NE(db.find("dataModel"), nullptr);
+        EXPECT_EQ(db.find("dataModel")->get_text(""), std::string("\"") + e.data_model + "\"");
+        EXPECT_EQ(db.find("data/numberOfLanes")->get_text(""), std::to_string(e.lanes));
+        EXPECT_EQ(db.find("data/dhReady")->get_text(""), "true");
+        EXPECT_EQ(alarm("alarms/lossOfSignal/severity"), 0);
+        cage->remove();
+        clock->run_for(300ms);
+        EXPECT_EQ(db.find("dataModel"), nullptr);
+    }
+    EXPECT_EQ(log.count("no handler available"), 0u);
 }
 
 }  // namespace
