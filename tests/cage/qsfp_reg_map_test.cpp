@@ -166,6 +166,83 @@ TEST(qsfp_reg_map_sff8636, power_control_bits_of_byte_93) {
     EXPECT_TRUE(dell.map.get_power_set());
 }
 
+TEST(qsfp_reg_map_sff8636, flags_and_monitors_in_one_transaction) {
+    module_on_bus m("sff8636_qsfp28_100g_lr4_dell_3mfxg.hex");
+    m.bus->set_byte(0, 3, 0x21);     // RX LOS lane 0, TX LOS lane 1
+    m.bus->set_byte(0, 5, 0x84);     // RX LOL lane 2, TX LOL lane 3
+    m.map.get_flags_and_monitors();  // the first access learns the memory-map family
+    m.bus->clear_log();
+    const auto [flags, monitors] = m.map.get_flags_and_monitors();
+    ASSERT_EQ(m.bus->count(), 1u);
+    EXPECT_EQ(m.bus->log()[0].offset, 3u);
+    EXPECT_EQ(m.bus->log()[0].length, 55u);
+    EXPECT_EQ(flags.rx_los(), 0x01);
+    EXPECT_EQ(flags.tx_los(), 0x02);
+    EXPECT_EQ(flags.rx_lol(), 0x04);
+    EXPECT_EQ(flags.tx_lol(), 0x08);
+    // The capture's monitors: 25.18 degC, 3.2600 V, lane 1 RX 0.4856 mW, bias 71.852 mA,
+    // TX 0.8077 mW.
+    EXPECT_EQ(monitors.temperature(), 0x192D);
+    EXPECT_EQ(monitors.supply_voltage(), 0x7F58);
+    EXPECT_EQ(monitors.rx_power(0), 0x12F8);
+    EXPECT_EQ(monitors.tx_bias(0), 0x8C56);
+    EXPECT_EQ(monitors.tx_power(0), 0x1F8D);
+    // The field accessors agree with the block.
+    EXPECT_EQ(m.map.get_temperature(), monitors.temperature());
+    EXPECT_EQ(m.map.get_supply_voltage(), monitors.supply_voltage());
+    for (unsigned lane = 0; lane < 4; ++lane) {
+        EXPECT_EQ(m.map.get_ch_rx_pwr(lane), monitors.rx_power(lane));
+        EXPECT_EQ(m.map.get_ch_tx_bias(lane), monitors.tx_bias(lane));
+        EXPECT_EQ(m.map.get_ch_tx_pwr(lane), monitors.tx_power(lane));
+    }
+    EXPECT_EQ(error_of([&] { (void)m.map.get_ch_rx_pwr(4); }), EINVAL);
+}
+
+TEST(qsfp_reg_map_sff8636, advertisement_and_thresholds) {
+    module_on_bus lr4("sff8636_qsfp28_100g_lr4_dell_3mfxg.hex");  // 195 = DAh
+    EXPECT_EQ(lr4.map.get_free_side_wavelength(), 26200u);        // 1310 nm
+    EXPECT_EQ(lr4.map.get_max_case_temperature(), 70u);
+    EXPECT_FALSE(lr4.map.get_free_side_rate_sel_impl());
+    module_on_bus cwdm4("sff8636_qsfp28_100g_cwdm4_lumentum_lq210cr.hex");  // 195 = FAh
+    EXPECT_TRUE(cwdm4.map.get_free_side_rate_sel_impl());
+    EXPECT_FALSE(cwdm4.map.get_free_side_appl_sel_impl());  // 221 = 18h
+
+    module_on_bus dac(
+        "sff8636_qsfpplus_dac_fs_c1907253451.hex");  // page 03h from 128: 50 00 F6 00 4B 00 FB 00
+    EXPECT_EQ(dac.map.get_temp_threshold(threshold::high_alarm), 0x5000);  // 80 degC
+    EXPECT_EQ(dac.map.get_temp_threshold(threshold::low_alarm), -0x0A00);  // -10 degC
+    EXPECT_EQ(dac.map.get_temp_threshold(threshold::high_warning), 0x4B00);
+    EXPECT_EQ(dac.map.get_temp_threshold(threshold::low_warning), -0x0500);
+}
+
+TEST(qsfp_reg_map_sff8636, tx_disable_and_rate_select_per_lane) {
+    module_on_bus m("sff8636_qsfp28_100g_lr4_dell_3mfxg.hex");
+    m.map.set_ch_tx_disable(2, true);
+    EXPECT_EQ(m.bus->byte(0, 86), 0x04);
+    EXPECT_TRUE(m.map.get_ch_tx_disable(2));
+    EXPECT_FALSE(m.map.get_tx_laser_enabled(4));
+    EXPECT_TRUE(m.map.get_tx_laser_enabled(2));  // lanes 0 and 1 only
+    m.map.set_tx_disable(true);
+    EXPECT_EQ(m.bus->byte(0, 86), 0x0F);
+    EXPECT_TRUE(m.map.get_tx_laser_disabled(4));
+    m.map.set_ch_tx_disable(0, false);
+    EXPECT_FALSE(m.map.get_tx_laser_disabled(4));
+    EXPECT_FALSE(m.map.get_tx_laser_disabled(1));
+
+    m.map.set_ch_rx_rate_sel(1, 25000);
+    EXPECT_EQ(m.bus->byte(0, 87), 0x08);
+    m.map.set_ch_rx_rate_sel(3, 50000);
+    EXPECT_EQ(m.bus->byte(0, 87), 0x88);
+    m.map.set_ch_rx_rate_sel(1, 20000);  // below 25 Gb/s: the low-rate code
+    EXPECT_EQ(m.bus->byte(0, 87), 0x80);
+    for (unsigned lane = 0; lane < 4; ++lane)
+        m.map.set_ch_tx_rate_sel(lane, 25000);
+    EXPECT_EQ(m.bus->byte(0, 88), 0xAA);
+    EXPECT_TRUE(m.map.get_tx_is_100g());
+    EXPECT_FALSE(m.map.get_rx_is_100g());
+    EXPECT_EQ(error_of([&] { m.map.set_ch_tx_rate_sel(4, 25000); }), EINVAL);
+}
+
 TEST(qsfp_reg_map_sff8636, pages_20_21_advertisements) {
     module_on_bus m("sff8636_qsfp28_100g_cwdm4_lumentum_lq210cr.hex");  // 195 = FAh, 221 = 18h
     EXPECT_FALSE(m.map.get_page_20_21_impl_195());
