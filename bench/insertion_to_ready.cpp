@@ -18,7 +18,7 @@
 namespace {
 
 // A handler that is ready as soon as the base has registered its nodes: the base's share of
-// the insertion, which every module-specific handler adds its own start-up to.
+// the insertion, for module classes whose handler is not built yet.
 class base_only_handler : public qsfp_device_handler {
   public:
     using qsfp_device_handler::qsfp_device_handler;
@@ -49,7 +49,8 @@ int main(int argc, char* argv[]) {
     auto cage = std::make_shared<qsfpd::emu::cage_emulator>(clock, bus, "qsfp3");
     auto device = std::make_shared<qsfpd::cage::qsfp_device>("/dev/qsfp3", cage);
     dh_db db;
-    std::map<qsfpd::handler_class, qsfp_device_mgr::handler_factory> factories;
+    // The daemon's own handlers where they exist; the base alone for the classes still to come.
+    auto factories = qsfp_device_mgr::default_factories();
     auto factory = [&](qsfp_device_mgr& mgr, dh_db& d, const std::string& vendor,
                        const std::string& pn, const std::string& part_name,
                        const std::string& description, const qsfp_flags_s& flags) {
@@ -63,7 +64,7 @@ int main(int argc, char* argv[]) {
          {qsfpd::handler_class::optical_4lane, qsfpd::handler_class::optical_1or2lane,
           qsfpd::handler_class::passive, qsfpd::handler_class::dd_optical_4lane,
           qsfpd::handler_class::dd_acacia_1lane, qsfpd::handler_class::dd_cmis5_1lane_hpower})
-        factories[c] = factory;
+        factories.try_emplace(c, factory);
     auto manager =
         std::make_shared<qsfp_device_mgr>("/dev/qsfp3", db, 3, 8, device, clock, factories);
     manager->start();
