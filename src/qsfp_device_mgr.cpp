@@ -431,12 +431,15 @@ void qsfp_device_mgr::hand_over_admin_status() {
     std::optional<bool> admin_up;
     {
         std::lock_guard lock(mutex_);
-        if (!handler_ || admin_handed_over_) return;
+        // Only a status a client gave is handed over. The parameter's initial "down" is not an
+        // order: handing it to a handler that found its module running (a warm start after a
+        // daemon restart) would cut the traffic before management replays its configuration.
+        if (!handler_ || admin_handed_over_ || !admin_up_) return;
         handler = handler_;
         admin_up = admin_up_;
     }
     if (!handler->get_dh_ready()) return;
-    handler->set_port_admin_status(admin_up.value_or(false) ? "up" : "down");
+    handler->set_port_admin_status(*admin_up ? "up" : "down");
     std::lock_guard lock(mutex_);
     admin_handed_over_ = true;
 }

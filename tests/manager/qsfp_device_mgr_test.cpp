@@ -147,8 +147,8 @@ TEST_F(Manager, InsertIdentifyServeRemove) {
     ASSERT_EQ(inserted.size(), 1u);
     EXPECT_NE(inserted[0].text.find(" ms (vendor: DELL, part number: 3MFXG)."), std::string::npos);
     EXPECT_EQ(inserted[0].tag, "/dev/qsfp3/hotplug");
-    // The stored admin status ("down") was handed over once the handler was ready.
-    EXPECT_EQ(handler->admin_calls, (std::vector<std::string>{"down"}));
+    // No client gave an admin status: the handler keeps the module as it found it.
+    EXPECT_TRUE(handler->admin_calls.empty());
 
     handler.reset();
     cage->remove();
@@ -306,6 +306,22 @@ TEST_F(Manager, DefaultFactoriesBuildTheOpticalHandlers) {
         EXPECT_EQ(db.find("dataModel"), nullptr);
     }
     EXPECT_EQ(log.count("no handler available"), 0u);
+}
+
+TEST_F(Manager, AdminStatusGivenBeforeReadinessIsHandedOverOnce) {
+    make_manager();
+    db.find("config/adminStatus")->set("config/adminStatus", dh::json_value("up"));
+    cage->insert(emu::module_profile::load_named("qsfp28_100g_lr4"));
+    clock->run_for(5s);
+    ASSERT_EQ(created.size(), 1u);
+    auto handler = created[0].lock();
+    ASSERT_TRUE(handler);
+    EXPECT_EQ(handler->admin_calls, (std::vector<std::string>{"up"}));
+    // Once ready, a new status goes straight through.
+    db.find("config/adminStatus")->set("config/adminStatus", dh::json_value("down"));
+    EXPECT_EQ(handler->admin_calls, (std::vector<std::string>{"up", "down"}));
+    clock->run_for(1s);
+    EXPECT_EQ(handler->admin_calls.size(), 2u);
 }
 
 }  // namespace
