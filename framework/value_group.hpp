@@ -31,16 +31,22 @@ class value_group {
     std::uint64_t periods_run() const;
 
   private:
-    void run(std::stop_token stop);
+    // What the polling thread uses. It owns a share: a node's poll may drop the last reference
+    // to the handler that owns this group, destroying the group on its own thread, and the
+    // thread must be able to finish its pass and leave safely then.
+    struct state {
+        std::chrono::milliseconds period;
+        unsigned unit;
+        unsigned num_units;
+        std::shared_ptr<qsfpd::clock> clock;
+        mutable std::mutex mutex;
+        std::multimap<int, std::weak_ptr<dh_db_leaf_node>> nodes;
+        bool active;  // guarded by mutex
+        std::atomic<std::uint64_t> periods{0};
+    };
+    static void run(const std::shared_ptr<state>& s, std::stop_token stop);
 
-    std::chrono::milliseconds period_;
-    unsigned unit_;
-    unsigned num_units_;
-    std::shared_ptr<qsfpd::clock> clock_;
-    mutable std::mutex mutex_;
-    std::multimap<int, std::weak_ptr<dh_db_leaf_node>> nodes_;
-    bool active_;  // guarded by mutex_
-    std::atomic<std::uint64_t> periods_{0};
+    std::shared_ptr<state> state_;
     std::jthread thread_;
 };
 

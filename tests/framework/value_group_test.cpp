@@ -92,3 +92,38 @@ TEST(ValueGroup, ReleasedNodesAreDropped) {
 }
 
 }  // namespace
+
+namespace {
+
+// A node whose poll releases the last reference to the group's owner, as a handler polled while
+// its module is unplugged can be released from the poll itself.
+class releasing_node : public dh_db_leaf_node {
+  public:
+    std::function<void()> on_poll;
+    std::atomic<int> polls{0};
+    void periodic_task(bool) override {
+        ++polls;
+        if (on_poll) std::exchange(on_poll, nullptr)();
+    }
+    std::string get_info() const override { return "releasing"; }
+    std::string kind() const override { return "releasing"; }
+};
+
+TEST(ValueGroup, MayBeDestroyedByItsOwnPoll) {
+    auto clock = std::make_shared<qsfpd::virtual_clock>();
+    auto group = std::make_unique<dh::api::value_group>(1000ms, 0, 0, clock);
+    auto first = std::make_shared<releasing_node>();
+    auto second = std::make_shared<releasing_node>();
+    first->on_poll = [&] { group.reset(); };
+    group->add_value(first, 0);
+    group->add_value(second, 1);
+    ASSERT_TRUE(clock->wait_for_sleepers(1));
+    clock->run_for(1500ms);
+    EXPECT_EQ(group, nullptr);
+    EXPECT_EQ(first->polls, 1);
+    EXPECT_EQ(second->polls, 0);  // the stopped group visits nothing more
+    clock->run_for(3s);
+    EXPECT_EQ(first->polls, 1);
+}
+
+}  // namespace
