@@ -4,6 +4,7 @@
 #include <numeric>
 #include <optional>
 #include <string>
+#include <utility>
 
 // Flap suppression of one alarm condition (LOS, LOL). Transitions are counted in ten buckets of
 // ten monitoring cycles each; a condition that changed 11 times or more within the last 100
@@ -32,8 +33,10 @@ class event_suppression {
 
     // One cycle with the condition as read now.
     outcome update(bool raw) {
-        const bool changed = raw != state_;
-        if (changed) {
+        // Leaving suppression publishes "not detected"; a condition still present then is
+        // reported as a fresh detection on the next cycle rather than left cleared.
+        const bool changed = raw != state_ || std::exchange(resync_, false);
+        if (raw != state_) {
             ++history_[buckets - 1];
             state_ = raw;
         }
@@ -41,6 +44,7 @@ class event_suppression {
         if (suppressed_) {
             if (sum != 0) return {};
             suppressed_ = false;
+            resync_ = state_;
             return {0, event_ + " event suppression mode exited, " + event_ + " not detected "};
         }
         if (sum >= entry_transitions) {
@@ -60,4 +64,5 @@ class event_suppression {
     std::array<unsigned, buckets> history_{};
     bool state_ = false;
     bool suppressed_ = false;
+    bool resync_ = false;
 };

@@ -23,8 +23,12 @@ constexpr unsigned cycles_per_bucket = 10;
 constexpr double tx_fault_log_hold_seconds = 3.0;
 constexpr unsigned max_lanes = qsfpd::cage::qsfp_reg_map::max_lanes;
 
-double round_to(double value, double step) {
-    return std::round(value / step) * step;
+// Rounds to `decimals` places. Dividing by the power of ten gives the double nearest to the
+// decimal (3.3, not 3.3000000000000003), and -0.0 is published as 0.0.
+double round_to(double value, int decimals) {
+    const double scale = std::pow(10.0, decimals);
+    const double rounded = std::round(value * scale) / scale;
+    return rounded == 0.0 ? 0.0 : rounded;
 }
 
 double seconds_between(qsfpd::clock::time_point from, qsfpd::clock::time_point to) {
@@ -34,20 +38,20 @@ double seconds_between(qsfpd::clock::time_point from, qsfpd::clock::time_point t
 }  // namespace
 
 double qsfp_optical_device_handler::temperature_celsius(std::int16_t raw) {
-    return round_to(raw / 256.0, 0.1);
+    return round_to(raw / 256.0, 1);
 }
 
 double qsfp_optical_device_handler::voltage_volts(std::uint16_t raw) {
-    return round_to(raw / 10000.0, 0.01);
+    return round_to(raw / 10000.0, 2);
 }
 
 double qsfp_optical_device_handler::bias_milliamps(std::uint16_t raw) {
-    return round_to(raw / 500.0, 0.01);
+    return round_to(raw / 500.0, 2);
 }
 
 double qsfp_optical_device_handler::power_dbm(std::uint16_t raw) {
     if (raw == 0) return -99.0;
-    return round_to(10.0 * std::log10(raw / 10000.0), 0.1);
+    return round_to(10.0 * std::log10(raw / 10000.0), 1);
 }
 
 qsfp_optical_device_handler::qsfp_optical_device_handler(
@@ -117,7 +121,7 @@ void qsfp_optical_device_handler::start() {
         ->set_value(fake_temperature_);
     group_node(
         hysteresis_filtered_value<polled_volatile_value_impl<&self_type::get_trx_temperature>>::
-            create(db_, path("data/temperature"), self, 0.5, 0.1));
+            create(db_, path("data/temperature"), self, 0.5, 1));
     group_node(volatile_value<&self_type::get_trx_temperature_margin>::create(
         db_, path("data/temperatureMargin"), self));
     const bool tx_enabled = get_tx_enable();
@@ -340,7 +344,7 @@ double qsfp_optical_device_handler::get_trx_temperature_margin() {
                                            [&] { return reg_map_->get_max_case_temperature(); });
     // SFF-8636: a maximum case temperature of 0 means the standard 70 degC.
     const double limit = max_case != 0 ? max_case : default_temperature_limit;
-    return round_to(limit - *last_temperature_, 0.1);
+    return round_to(limit - *last_temperature_, 1);
 }
 
 double qsfp_optical_device_handler::get_trx_voltage() {

@@ -183,7 +183,7 @@ double qsfp_optical_device_handler::total_power_dbm(const Lanes& raw_lane_powers
         if (raw == 0) return no_light;
         sum_mw += raw / 10000.0;
     }
-    const double dbm = std::round(10.0 * std::log10(sum_mw) * 10.0) / 10.0;
+    const double dbm = std::round(10.0 * std::log10(sum_mw) * 10.0) / 10.0 + 0.0;  // no -0.0
     return dbm <= floor_dbm ? no_light : dbm;
 }
 
