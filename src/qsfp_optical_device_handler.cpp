@@ -501,7 +501,9 @@ void qsfp_optical_device_handler::set_tx_enable(bool enable) {
 bool qsfp_optical_device_handler::set_tx_enable_command(bool enable) {
     auto lock = lock_handler();
     const std::string tag = root_ + "/config";
-    if (get_tx_enable() == enable) {
+    // Nothing to do only when every lane already is as asked: a disable with one lane off
+    // must still switch the others off.
+    if (enable ? get_tx_enabled() : get_tx_disabled()) {
         MSG_LOG(msg_log::info, tag)
             << (enable ? "TX already enabled " : "TX already disabled ") << module_name();
         return true;
