@@ -479,8 +479,7 @@ bool qsfp_optical_device_handler::bcm_gb_is_warm_started() {
 // --- Transmitters ---------------------------------------------------------------------------
 
 bool qsfp_optical_device_handler::get_tx_enable() {
-    auto lock = lock_handler();
-    return read_for("get_tx_enable", [&] { return reg_map_->get_tx_laser_enabled(lane_count_); });
+    return get_tx_enabled();  // no lane disabled: the same question
 }
 
 bool qsfp_optical_device_handler::get_tx_enabled() {
