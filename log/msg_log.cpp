@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <boost/core/null_deleter.hpp>
+#include <boost/log/attributes/attribute_value_impl.hpp>
 #include <boost/log/attributes/clock.hpp>
 #include <boost/log/core.hpp>
 #include <boost/log/expressions.hpp>
@@ -17,7 +18,7 @@
 #include "system_path.hpp"
 
 BOOST_LOG_GLOBAL_LOGGER_INIT(msg_log_slg, msg_log::logger_type) {
-    return msg_log::logger_type(boost::log::keywords::channel = std::string("qsfpd"));
+    return msg_log::logger_type();
 }
 
 namespace msg_log {
@@ -81,9 +82,10 @@ void init(const init_options& options) {
 
 record_line::record_line(int severity, const std::string& tag, const char* file, int line)
     : file_(file), line_(line) {
-    record_ = msg_log_slg::get().open_record(
-        (logging::keywords::channel = tag, logging::keywords::severity = severity));
-    if (record_) stream_.emplace(record_);
+    record_ = msg_log_slg::get().open_record(logging::keywords::severity = severity);
+    if (!record_) return;
+    record_.attribute_values().insert("Channel", logging::attributes::make_attribute_value(tag));
+    stream_.emplace(record_);
 }
 
 record_line::~record_line() {

@@ -2,7 +2,7 @@
 
 #include <boost/log/sources/global_logger_storage.hpp>
 #include <boost/log/sources/record_ostream.hpp>
-#include <boost/log/sources/severity_channel_logger.hpp>
+#include <boost/log/sources/severity_logger.hpp>
 #include <boost/log/utility/formatting_ostream.hpp>
 #include <optional>
 #include <ostream>
@@ -13,7 +13,9 @@ namespace msg_log {
 // Syslog severities; the daemon uses these four.
 enum severity_level : int { error = 3, warning = 4, info = 6, debug = 7 };
 
-using logger_type = boost::log::sources::severity_channel_logger_mt<int, std::string>;
+// The logger holds no channel: each record carries its own, so threads logging on different
+// channels at once never see each other's tag.
+using logger_type = boost::log::sources::severity_logger_mt<int>;
 
 // " (file.cpp:123)": the call site that ends every record.
 std::string getCodeTrace(const char* file, int line);

@@ -8,6 +8,8 @@
 
 #include <cstring>
 #include <filesystem>
+#include <thread>
+#include <vector>
 
 #include "log_capture.hpp"
 #include "syslog_sink.hpp"
@@ -37,6 +39,26 @@ TEST(MsgLog, CodeTraceIsTheFileNameAndLine) {
     EXPECT_EQ(msg_log::getCodeTrace("/work/src/qsfp_device_mgr.cpp", 120),
               " (qsfp_device_mgr.cpp:120)");
     EXPECT_EQ(msg_log::getCodeTrace("main.cpp", 7), " (main.cpp:7)");
+}
+
+// Each record keeps the tag it was opened with while other threads log on other channels.
+TEST(MsgLog, ConcurrentRecordsOnDifferentChannelsKeepTheirOwnTags) {
+    msg_log::init({.max_severity = msg_log::debug, .to_stderr = false, .to_syslog = false});
+    msg_log::log_capture capture;
+    constexpr int threads = 4, records_per_thread = 500;
+    std::vector<std::thread> writers;
+    for (int t = 0; t < threads; ++t)
+        writers.emplace_back([t] {
+            const std::string tag = "/dev/qsfp" + std::to_string(t) + "/init";
+            for (int i = 0; i < records_per_thread; ++i)
+                MSG_LOG(msg_log::info, tag) << "from " << tag << " #" << i;
+        });
+    for (auto& w : writers)
+        w.join();
+    const auto records = capture.records();
+    ASSERT_EQ(records.size(), std::size_t{threads * records_per_thread});
+    for (const auto& r : records)
+        ASSERT_TRUE(r.text.starts_with("from " + r.tag + " #")) << r.text;
 }
 
 TEST(MsgLog, SeveritiesAboveTheLimitAreDroppedBySinks) {
