@@ -18,6 +18,7 @@
 #include <system_error>
 #include <vector>
 
+#include "json_parse.hpp"
 #include "system_path.hpp"
 
 namespace qsfpd::cage {
@@ -126,11 +127,8 @@ std::shared_ptr<linux_io> linux_io::system() {
 
 cage_wiring parse_board_file(std::string_view json, const std::string& cage_path) {
     rapidjson::Document doc;
-    doc.Parse(json.data(), json.size());
-    if (doc.HasParseError())
-        throw std::runtime_error(std::string("board file: ") +
-                                 rapidjson::GetParseError_En(doc.GetParseError()) + " at offset " +
-                                 std::to_string(doc.GetErrorOffset()));
+    if (const auto parsed = qsfpd::parse_json(json.data(), json.size(), doc); !parsed)
+        throw std::runtime_error("board file: " + parsed.message());
     if (!doc.IsObject() || !doc.HasMember("cages") || !doc["cages"].IsObject())
         throw std::runtime_error("board file: no \"cages\" object");
     const auto& cages = doc["cages"];

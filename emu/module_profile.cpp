@@ -10,6 +10,8 @@
 
 #include <fmt/format.h>
 
+#include "json_parse.hpp"
+
 namespace qsfpd::emu {
 
 namespace {
@@ -186,11 +188,8 @@ const memory_image& module_profile::image(std::uint8_t device_address) const {
 
 module_profile module_profile::parse(std::string_view json, std::string_view origin) {
     rapidjson::Document doc;
-    doc.Parse(json.data(), json.size());
-    if (doc.HasParseError())
-        fail(origin, "(document)",
-             fmt::format("JSON error at offset {}: {}", doc.GetErrorOffset(),
-                         rapidjson::GetParseError_En(doc.GetParseError())));
+    if (const auto parsed = qsfpd::parse_json(json.data(), json.size(), doc); !parsed)
+        fail(origin, "(document)", "JSON error: " + parsed.message());
     if (!doc.IsObject()) fail(origin, "(document)", "must be a JSON object");
 
     module_profile p;

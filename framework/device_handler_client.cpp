@@ -3,6 +3,7 @@
 #include <boost/asio.hpp>
 
 #include "dh_json.hpp"
+#include "json_parse.hpp"
 
 namespace asio = boost::asio;
 
@@ -209,8 +210,9 @@ std::string device_handler_client::call_raw(const std::string& request_line) {
             throw dh_error(connection_refused, "Connection to " + target_ + " lost");
         }
         rapidjson::Document doc;
-        doc.Parse(response.c_str(), response.size());
-        if (!doc.HasParseError() && impl_->take_notification(doc)) continue;
+        if (qsfpd::parse_json(response.c_str(), response.size(), doc) &&
+            impl_->take_notification(doc))
+            continue;
         return response;
     }
 }
@@ -231,8 +233,7 @@ rapidjson::Document device_handler_client::call(const std::string& method,
     request += "}";
     const std::string response = call_raw(request);
     rapidjson::Document doc;
-    doc.Parse(response.c_str(), response.size());
-    if (doc.HasParseError() || !doc.IsObject())
+    if (!qsfpd::parse_json(response.c_str(), response.size(), doc) || !doc.IsObject())
         throw dh_error(dh::errc::io_error, "Malformed answer from " + target_);
     auto answered = doc.FindMember("id");
     const bool unattributed_error =
@@ -315,8 +316,7 @@ std::optional<device_handler_client::notification> device_handler_client::next_n
             return std::nullopt;
         }
         rapidjson::Document doc;
-        doc.Parse(line.c_str(), line.size());
-        if (!doc.HasParseError()) impl_->take_notification(doc);
+        if (qsfpd::parse_json(line.c_str(), line.size(), doc)) impl_->take_notification(doc);
     }
     auto n = std::move(impl_->notifications.front());
     impl_->notifications.pop_front();

@@ -4,6 +4,7 @@
 
 #include "dh_db.hpp"
 #include "dh_session.hpp"
+#include "json_parse.hpp"
 
 dh_error dh_db_event_node::unset_error() const {
     return dh_error(dh::errc::no_data, "Value has not been set");
@@ -20,7 +21,7 @@ void dh_db_event_node::get(const std::string& path, dh::json_allocator& allocato
                            dh::json_value& out) {
     const std::string text = get_text(path);
     rapidjson::Document parsed(&allocator);
-    parsed.Parse<rapidjson::kParseNanAndInfFlag>(text.c_str(), text.size());
+    qsfpd::parse_json<rapidjson::kParseNanAndInfFlag>(text.c_str(), text.size(), parsed);
     out.CopyFrom(parsed, allocator);
 }
 
@@ -31,7 +32,7 @@ dh::json_value dh_db_event_node::export_history_entry(dh::json_allocator& alloca
         text = value_text_.value_or("null");
     }
     rapidjson::Document parsed(&allocator);
-    parsed.Parse(text.c_str(), text.size());
+    qsfpd::parse_json(text.c_str(), text.size(), parsed);
     dh::json_value out;
     out.CopyFrom(parsed, allocator);
     return out;
@@ -51,7 +52,7 @@ void dh_db_event_node::subscribe(const std::shared_ptr<dh_session>& session, con
         text = (value_text_ && !error_) ? *value_text_ : "null";
     }
     rapidjson::Document parsed(&allocator);
-    parsed.Parse<rapidjson::kParseNanAndInfFlag>(text.c_str(), text.size());
+    qsfpd::parse_json<rapidjson::kParseNanAndInfFlag>(text.c_str(), text.size(), parsed);
     out.CopyFrom(parsed, allocator);
 }
 

@@ -11,6 +11,7 @@
 
 #include "dh_db_event_node.hpp"
 #include "dh_error.hpp"
+#include "json_parse.hpp"
 
 namespace dh::rpc {
 namespace {
@@ -18,46 +19,6 @@ namespace {
 constexpr unsigned parse_flags = rapidjson::kParseInsituFlag |
                                  rapidjson::kParseValidateEncodingFlag |
                                  rapidjson::kParseIterativeFlag | rapidjson::kParseNanAndInfFlag;
-
-// Forwards SAX events to the document, refusing input nested deeper than the limit so that
-// nothing downstream recurses without bound.
-class depth_limiter {
-  public:
-    explicit depth_limiter(request_document& doc) : doc_(doc) {}
-    bool exceeded() const { return exceeded_; }
-
-    bool Null() { return doc_.Null(); }
-    bool Bool(bool b) { return doc_.Bool(b); }
-    bool Int(int i) { return doc_.Int(i); }
-    bool Uint(unsigned u) { return doc_.Uint(u); }
-    bool Int64(int64_t i) { return doc_.Int64(i); }
-    bool Uint64(uint64_t u) { return doc_.Uint64(u); }
-    bool Double(double d) { return doc_.Double(d); }
-    bool RawNumber(const char* s, rapidjson::SizeType n, bool copy) {
-        return doc_.RawNumber(s, n, copy);
-    }
-    bool String(const char* s, rapidjson::SizeType n, bool copy) { return doc_.String(s, n, copy); }
-    bool StartObject() { return enter() && doc_.StartObject(); }
-    bool Key(const char* s, rapidjson::SizeType n, bool copy) { return doc_.Key(s, n, copy); }
-    bool EndObject(rapidjson::SizeType n) {
-        --depth_;
-        return doc_.EndObject(n);
-    }
-    bool StartArray() { return enter() && doc_.StartArray(); }
-    bool EndArray(rapidjson::SizeType n) {
-        --depth_;
-        return doc_.EndArray(n);
-    }
-
-  private:
-    bool enter() {
-        if (++depth_ > max_nesting_depth) exceeded_ = true;
-        return !exceeded_;
-    }
-    request_document& doc_;
-    std::size_t depth_ = 0;
-    bool exceeded_ = false;
-};
 
 void append_id(std::string& out, const dh::json_value* id) {
     if (id == nullptr || id->IsNull()) {
@@ -180,26 +141,18 @@ bool request_processor::parse(char* line, std::size_t length, request_document& 
     }
     line[length] = '\0';  // the line's "\n" (or the spare byte after it) ends the text
     rapidjson::InsituStringStream stream(line);
-    rapidjson::Reader reader;
-    bool too_deep = false;
-    auto generator = [&](request_document& doc) {
-        depth_limiter limiter(doc);
-        auto result = reader.Parse<parse_flags>(stream, limiter);
-        too_deep = limiter.exceeded();
-        return static_cast<bool>(result);
-    };
-    request.Populate(generator);
-    if (too_deep) {
+    const auto parsed = qsfpd::parse_json<parse_flags>(stream, request);
+    if (parsed.too_deep) {
         response = error_line(
             nullptr, parse_error,
             "Parse error: nesting deeper than " + std::to_string(max_nesting_depth) + " levels");
         return false;
     }
-    if (reader.HasParseError()) {
-        response = error_line(nullptr, parse_error,
-                              std::string("Parse error: ") +
-                                  rapidjson::GetParseError_En(reader.GetParseErrorCode()) +
-                                  " (at byte " + std::to_string(reader.GetErrorOffset()) + ")");
+    if (!parsed) {
+        response =
+            error_line(nullptr, parse_error,
+                       std::string("Parse error: ") + rapidjson::GetParseError_En(parsed.code) +
+                           " (at byte " + std::to_string(parsed.offset) + ")");
         return false;
     }
     return true;

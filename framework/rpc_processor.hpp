@@ -9,6 +9,7 @@
 #include "dh_db.hpp"
 #include "dh_json.hpp"
 #include "dh_session.hpp"
+#include "json_parse.hpp"
 
 namespace dh::rpc {
 
@@ -25,7 +26,7 @@ inline constexpr int method_not_found = -32601;
 inline constexpr int invalid_params = -32602;
 inline constexpr int internal_error = -32603;
 
-inline constexpr std::size_t max_nesting_depth = 64;
+inline constexpr std::size_t max_nesting_depth = qsfpd::max_json_depth;
 inline constexpr std::size_t max_batch_size = 1000;
 
 // Turns request lines into response lines against one database. Transport-free, so the

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "device_handler_client.hpp"
+#include "json_parse.hpp"
 #include "msg_log.hpp"
 #include "system_path.hpp"
 
@@ -379,11 +380,11 @@ void qsfp_device_handler::set_eeprom_page(unsigned page) {
 
 void qsfp_device_handler::set_eeprom_bank_and_page(const std::string& json_document) {
     rapidjson::Document doc;
-    doc.Parse(json_document.c_str(), json_document.size());
+    const auto parsed = qsfpd::parse_json(json_document.c_str(), json_document.size(), doc);
     auto refuse = [] {
         return dh_error(dh::errc::invalid, "Expected {\"bank\": <0-255>, \"page\": <0-255>}");
     };
-    if (doc.HasParseError() || !doc.IsObject()) throw refuse();
+    if (!parsed || !doc.IsObject()) throw refuse();
     auto member = [&](const char* name) -> std::optional<unsigned> {
         const auto it = doc.FindMember(name);
         if (it == doc.MemberEnd()) return std::nullopt;

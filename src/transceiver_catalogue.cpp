@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <tuple>
 
+#include "json_parse.hpp"
 #include "msg_log.hpp"
 
 namespace qsfpd {
@@ -65,9 +66,10 @@ probe_map load_probe_map(const std::string& file_path,
     }
     rapidjson::IStreamWrapper stream(in);
     rapidjson::Document document;
-    document.ParseStream(stream);
-    if (document.HasParseError()) {
-        MSG_LOG(msg_log::error, log_tag) << static_cast<int>(document.GetParseError());
+    // Parsed without recursion and with bounded nesting: a hostile file is a parse error, not a
+    // stack overflow at start.
+    if (const auto parsed = qsfpd::parse_json(stream, document); !parsed) {
+        MSG_LOG(msg_log::error, log_tag) << static_cast<int>(parsed.code);
         return map;
     }
     if (!document.IsObject()) fatal_catalogue_error(log_tag, "the root is not a JSON object");
