@@ -73,14 +73,14 @@ bool marker_exists(const char* marker) {
 }  // namespace
 
 qsfp_device::qsfp_device(std::string path)
-    : name_(std::move(path)), transport_(transport_for(name_)) {}
+    : name_(path), path_(std::move(path)), transport_(transport_for(path_)) {}
 
 qsfp_device::qsfp_device(std::string name, std::shared_ptr<qsfp_transport> transport)
-    : name_(std::move(name)), transport_(std::move(transport)) {
+    : name_(name), path_(std::move(name)), transport_(std::move(transport)) {
     if (!transport_) throw std::invalid_argument("qsfp_device " + name_ + ": no transport");
 }
 
-std::unique_ptr<qsfp_device> qsfp_device::take_over(qsfp_device& old) {
+std::unique_ptr<qsfp_device> qsfp_device::take_over(qsfp_device& old, std::string name) {
     std::shared_ptr<qsfp_transport> transport;
     {
         lock held(old.mutex_);
@@ -90,7 +90,9 @@ std::unique_ptr<qsfp_device> qsfp_device::take_over(qsfp_device& old) {
         old.family_.reset();
     }
     if (!transport) fail(ENODEV, old.name_ + ": transport already taken over");
-    return std::make_unique<qsfp_device>(old.name_, std::move(transport));
+    auto fresh = std::make_unique<qsfp_device>(std::move(name), std::move(transport));
+    fresh->path_ = old.path_;
+    return fresh;
 }
 
 void qsfp_device::set_transport_factory(transport_factory factory) {

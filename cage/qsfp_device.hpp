@@ -54,14 +54,18 @@ class qsfp_device {
     qsfp_device(const qsfp_device&) = delete;
     qsfp_device& operator=(const qsfp_device&) = delete;
 
-    // A fresh device over the transport of `old`, with no cached state; `old` is left without a
-    // transport and fails every access with ENODEV, so a stale holder cannot use the bus.
-    static std::unique_ptr<qsfp_device> take_over(qsfp_device& old);
+    // A fresh device named `name` over the transport of `old` (same device path), with no cached
+    // state; `old` is left without a transport and fails every access with ENODEV, so a stale
+    // holder cannot use the bus.
+    static std::unique_ptr<qsfp_device> take_over(qsfp_device& old,
+                                                  std::string name = "qsfp device");
 
     // Installs (or, with an empty function, removes) the transport used for emulator sockets.
     static void set_transport_factory(transport_factory factory);
 
     const std::string& name() const { return name_; }
+    // The device file (or emulator socket) the cage is driven through; kept by take_over.
+    const std::string& path() const { return path_; }
 
     // Paged module memory. A read or write crossing a 128-byte page boundary is split; the page
     // (byte 127) and, for CMIS banked pages, the bank (byte 126) are selected as needed.
@@ -130,6 +134,7 @@ class qsfp_device {
     void require_converter() const;
 
     std::string name_;
+    std::string path_;
     std::shared_ptr<qsfp_transport> transport_;
     std::mutex mutex_;
     std::optional<std::uint8_t> page_;

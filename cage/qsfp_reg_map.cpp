@@ -268,7 +268,7 @@ unsigned qsfp_reg_map::get_banks_supported() {
     if (read_flag(cmis_only(fields::cm("flat_mem")))) return 1;
     const std::uint8_t code = read_bits(fields::cm("banks_supported"));
     if (code == 3) {
-        MSG_LOG(msg_log::warning, device_.name())
+        MSG_LOG(msg_log::warning, device_.path())
             << "reserved BanksSupported code 3, using bank 0 only";
         return 1;
     }

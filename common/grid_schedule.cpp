@@ -11,10 +11,12 @@ grid_schedule::grid_schedule(const clock& clk, clock::duration period, unsigned 
                              unsigned num_units)
     : period_(period) {
     using namespace std::chrono;
-    const auto wall = clk.wall_now();
-    const auto since_second = wall.time_since_epoch() % seconds(1);
-    const auto to_next_second = duration_cast<clock::duration>(seconds(1) - since_second);
-    next_ = clk.now() + to_next_second + slot_offset(unit, num_units);
+    // The steady clock, not the wall clock: the cages' processes share it, and a wall clock
+    // stepped by NTP must not move one cage's slot onto another's.
+    const auto now = clk.now();
+    const auto since_second = now.time_since_epoch() % seconds(1);
+    next_ = now + (duration_cast<clock::duration>(seconds(1)) - since_second) +
+            slot_offset(unit, num_units);
 }
 
 clock::time_point grid_schedule::advance(clock::time_point now) {

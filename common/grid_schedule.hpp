@@ -5,8 +5,9 @@
 namespace qsfpd {
 
 // Cages sharing one bus take turns on a 100 ms grid: the first instant is the next whole second
-// plus unit * 100 / num_units ms (no offset when num_units is 0). A pass that overruns skips the
-// missed instants instead of running late ones back to back, so the grid keeps its phase.
+// of the steady clock plus unit * 100 / num_units ms (no offset when num_units is 0). A pass that
+// overruns skips the missed instants instead of running late ones back to back, so the grid keeps
+// its phase.
 class grid_schedule {
   public:
     grid_schedule(const clock& clk, clock::duration period, unsigned unit, unsigned num_units);

@@ -25,8 +25,12 @@ thread_local thread_exit_hook exit_hook;
 
 }  // namespace
 
-virtual_clock::virtual_clock(std::chrono::system_clock::time_point wall_start)
-    : wall_start_(wall_start) {
+virtual_clock::virtual_clock(std::chrono::system_clock::time_point wall_start,
+                             std::optional<time_point> steady_start)
+    : now_(steady_start.value_or(
+          time_point{} + std::chrono::duration_cast<duration>(wall_start.time_since_epoch()))),
+      steady_start_(now_),
+      wall_start_(wall_start) {
     std::lock_guard lock(live_mutex);
     live_clocks.insert(this);
 }
@@ -55,7 +59,7 @@ clock::time_point virtual_clock::now() const {
 std::chrono::system_clock::time_point virtual_clock::wall_now() const {
     std::lock_guard lock(mutex_);
     return wall_start_ +
-           std::chrono::duration_cast<std::chrono::system_clock::duration>(now_.time_since_epoch());
+           std::chrono::duration_cast<std::chrono::system_clock::duration>(now_ - steady_start_);
 }
 
 bool virtual_clock::sleep_until(time_point deadline, std::stop_token stop) {

@@ -3,6 +3,7 @@
 #include <condition_variable>
 #include <list>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <thread>
 
@@ -15,9 +16,12 @@ namespace qsfpd {
 // until the threads under test have gone back to sleep before it moves time again.
 class virtual_clock final : public clock {
   public:
+    // The steady time starts at the same count as the wall time unless `steady_start` sets the
+    // two apart (as on a machine whose wall clock was stepped).
     explicit virtual_clock(
         std::chrono::system_clock::time_point wall_start = std::chrono::system_clock::time_point{} +
-                                                           std::chrono::hours(24 * 365 * 50));
+                                                           std::chrono::hours(24 * 365 * 50),
+        std::optional<time_point> steady_start = std::nullopt);
 
     time_point now() const override;
     std::chrono::system_clock::time_point wall_now() const override;
@@ -46,6 +50,7 @@ class virtual_clock final : public clock {
     mutable std::mutex mutex_;
     std::condition_variable_any changed_;
     time_point now_{};
+    time_point steady_start_{};
     std::chrono::system_clock::time_point wall_start_;
     std::list<time_point> deadlines_;
     std::set<std::thread::id> busy_;  // woken and not asleep again yet

@@ -111,6 +111,7 @@ qsfp_device_handler::qsfp_device_handler(
     : db_(db),
       device_(std::move(device)),
       root_(std::move(root_path)),
+      module_name_(device_->path()),
       reg_map_(std::move(reg_map)),
       vendor_(std::move(vendor)),
       part_number_(std::move(part_number)),
@@ -150,7 +151,7 @@ qsfp_device_handler::qsfp_device_handler(
 qsfp_device_handler::~qsfp_device_handler() = default;
 
 void qsfp_device_handler::link_platform() {
-    const std::string tag = root_ + "/init";
+    const std::string tag = init_tag();
     if (qsfpd::cage::qsfp_device::is_qsfp_zelt20()) {
         gearbox_client_ =
             std::make_shared<device_handler_client>(qsfpd::system_path(gearbox_server));
@@ -163,16 +164,17 @@ void qsfp_device_handler::link_platform() {
                 // The gearbox handler is not serving yet: keep waiting.
             }
             if (polls % gearbox_wait_log_every == 0)
-                MSG_LOG(msg_log::info, tag) << "Waiting for bcm_gb handler to come up, " << root_;
+                MSG_LOG(msg_log::info, tag)
+                    << "Waiting for bcm_gb handler to come up, " << module_name();
         }
-        MSG_LOG(msg_log::info, tag) << "QSFP ZELT-20 detected " << root_;
-        MSG_LOG(msg_log::info, tag) << "QSFP: Gearbox handler is up for " << root_;
+        MSG_LOG(msg_log::info, tag) << "QSFP ZELT-20 detected " << module_name();
+        MSG_LOG(msg_log::info, tag) << "QSFP: Gearbox handler is up for " << module_name();
     } else if (qsfpd::cage::qsfp_device::is_qsfp_zelt30()) {
-        MSG_LOG(msg_log::info, tag) << "QSFP ZELT-30 detected, " << root_;
+        MSG_LOG(msg_log::info, tag) << "QSFP ZELT-30 detected, " << module_name();
     } else if (qsfpd::cage::qsfp_device::is_qsfp_zelt40()) {
-        MSG_LOG(msg_log::info, tag) << "QSFP ZELT-40 detected, " << root_;
+        MSG_LOG(msg_log::info, tag) << "QSFP ZELT-40 detected, " << module_name();
     } else if (qsfpd::cage::qsfp_device::is_qsfp_zelt50()) {
-        MSG_LOG(msg_log::info, tag) << "QSFP ZELT-50 detected, " << root_;
+        MSG_LOG(msg_log::info, tag) << "QSFP ZELT-50 detected, " << module_name();
     }
 }
 
@@ -279,7 +281,7 @@ bool qsfp_device_handler::get_dh_ready() {
 
 void qsfp_device_handler::set_dh_ready(bool ready) {
     auto lock = lock_handler();
-    MSG_LOG(msg_log::info, root_ + "/init") << "Setting dh ready";
+    MSG_LOG(msg_log::info, init_tag()) << "Setting dh ready";
     dh_ready_node_->update(ready);
     // The configuration node shows the readiness however it was set.
     if (dh_ready_config_node_) dh_ready_config_node_->set_value(ready);
@@ -303,7 +305,7 @@ std::string qsfp_device_handler::get_capability() const {
 
 void qsfp_device_handler::set_port_admin_status(std::string status) {
     auto lock = lock_handler();
-    const std::string tag = root_ + "/config";
+    const std::string tag = config_tag();
     if (status != "up" && status != "down") {
         const std::string text = "Illegal parameter admin status: " + status + " ";
         MSG_LOG(msg_log::warning, tag) << text;
@@ -313,10 +315,10 @@ void qsfp_device_handler::set_port_admin_status(std::string status) {
     if (admin_applied_ && admin_up_ == up) {
         MSG_LOG(msg_log::info, tag)
             << "Setting adminstatus " << status << " but adminstatus is already " << status
-            << ", do nothing. " << root_;
+            << ", do nothing. " << module_name();
         return;
     }
-    MSG_LOG(msg_log::info, tag) << "Setting adminstatus " << status << " " << root_;
+    MSG_LOG(msg_log::info, tag) << "Setting adminstatus " << status << " " << module_name();
     _set_port_admin_status(up);
     admin_up_ = up;
     admin_applied_ = true;
@@ -368,8 +370,24 @@ unsigned qsfp_device_handler::get_reg_rd_data() {
     return value;
 }
 
+void qsfp_device_handler::_check_bank(unsigned bank) {
+    // A bank the module lacks would make every later dump fail; refuse it when it is chosen.
+    const unsigned banks = module_access([&] { return _banks_supported(); });
+    if (bank < banks) return;
+    throw dh_error(
+        dh::errc::invalid,
+        banks == 1
+            ? fmt::format("Bank {} not supported: the module has bank 0 only", bank)
+            : fmt::format("Bank {} not supported: the module has banks 0 to {}", bank, banks - 1));
+}
+
+unsigned qsfp_device_handler::_banks_supported() {
+    return reg_map_->is_cmis() ? reg_map_->get_banks_supported() : 1;
+}
+
 void qsfp_device_handler::set_eeprom_bank(unsigned bank) {
     auto lock = lock_handler();
+    _check_bank(bank);
     eeprom_bank_ = bank;
 }
 
@@ -394,6 +412,7 @@ void qsfp_device_handler::set_eeprom_bank_and_page(const std::string& json_docum
     const auto bank = member("bank");
     const auto page = member("page");
     auto lock = lock_handler();
+    if (bank) _check_bank(*bank);
     if (bank) eeprom_bank_ = *bank;
     if (page) eeprom_page_ = *page;
     // Keep the published selection in step with the one the dump uses.
@@ -526,7 +545,7 @@ std::string qsfp_device_handler::get_eeprom_page_list() {
 
 void qsfp_device_handler::log_module_failure(const std::exception& e, bool unplugged) const {
     if (unplugged)
-        MSG_LOG(msg_log::error, root_) << "Module unplugged " << root_;
+        MSG_LOG(msg_log::error, module_name()) << "Module unplugged " << module_name();
     else
-        MSG_LOG(msg_log::error, root_) << "Exception " << e.what() << " " << root_;
+        MSG_LOG(msg_log::error, module_name()) << "Exception " << e.what() << " " << module_name();
 }

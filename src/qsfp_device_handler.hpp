@@ -104,6 +104,9 @@ class qsfp_device_handler : public std::enable_shared_from_this<qsfp_device_hand
 
     std::string get_type_of_module_in_slot();
     bool dh_needs_restart() const { return false; }
+    // Whether start() found the module configured and carrying traffic (an earlier run set it
+    // up); such a module is taken down only by a status a client gives.
+    virtual bool is_warm_started() const { return false; }
     std::string get_capability() const;
     std::string get_part_name() const { return part_name_; }
 
@@ -135,18 +138,29 @@ class qsfp_device_handler : public std::enable_shared_from_this<qsfp_device_hand
     std::string get_eeprom_page_list();
 
     const std::string& root_path() const { return root_; }
-    // The cage device's name: what the handler's messages name the module by.
-    const std::string& module_name() const { return device_->name(); }
+    // What the handler's messages and log channels name the module by: the cage's device path,
+    // so that every record in a syslog shared by the cages' daemons can be traced to its cage.
+    const std::string& module_name() const { return module_name_; }
     // The gearbox handler's client on ZELT-20, else empty.
     std::shared_ptr<device_handler_client> get_gearbox_client() const { return gearbox_client_; }
 
   protected:
+    std::string init_tag() const { return module_name_ + "/init"; }
+    std::string config_tag() const { return module_name_ + "/config"; }
+    std::string info_tag() const { return module_name_ + "/info"; }
+
     using handler_lock = std::unique_lock<std::recursive_mutex>;
     handler_lock lock_handler() const { return handler_lock(handler_mutex_); }
 
     // Brings the port up or down once the base has accepted a changed admin status; runs with
     // the handler mutex held. The base has nothing to switch.
     virtual void _set_port_admin_status(bool /*up*/) {}
+
+    // Records the admin status the module is found in, without switching anything (warm start).
+    void _adopt_port_admin_status(bool up) {
+        admin_up_ = up;
+        admin_applied_ = true;
+    }
 
     // Lower-page bytes a client read through the debugging nodes. Latched flags clear on read:
     // a handler that watches them takes over what the client's read consumed.
@@ -155,6 +169,10 @@ class qsfp_device_handler : public std::enable_shared_from_this<qsfp_device_hand
     // Replaces the advertised pages (subclasses whose module has other pages).
     void clear_page_advertisement();
     void add_page_advertisement(unsigned page, unsigned bank, std::string description);
+    // Banks of banked pages the module has (SFF-8636 modules have none beyond bank 0).
+    virtual unsigned _banks_supported();
+    // Refuses a page-dump bank the module does not have.
+    void _check_bank(unsigned bank);
     // Whether the module says it has the upper page; the base knows SFF-8636 Options (byte 195)
     // and the flat-memory bit.
     virtual bool _page_implemented(unsigned page, unsigned bank);
@@ -191,6 +209,7 @@ class qsfp_device_handler : public std::enable_shared_from_this<qsfp_device_hand
     dh_db& db_;
     std::shared_ptr<qsfpd::cage::qsfp_device> device_;
     std::string root_;
+    std::string module_name_;
     std::shared_ptr<qsfpd::cage::qsfp_reg_map> reg_map_;
     std::string vendor_;
     std::string part_number_;

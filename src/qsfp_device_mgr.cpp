@@ -287,11 +287,19 @@ void qsfp_device_mgr::poll_func(std::stop_token stop) {
 }
 
 void qsfp_device_mgr::poll_once(std::stop_token stop) {
-    const bool present = device()->module_present();
     bool handled;
     {
         std::lock_guard lock(mutex_);
         handled = module_handled_;
+    }
+    bool present = false;
+    try {
+        present = device()->module_present();
+    } catch (const std::exception&) {
+        if (!handled) throw;
+        // A cage gone from under an identified module is a module that stopped answering.
+        monitoring_failed();
+        return;
     }
     if (restart_requested_ && !handled) {
         MSG_LOG(msg_log::info, device_path_) << "Restart request ignored - No module inserted";
@@ -319,16 +327,25 @@ void qsfp_device_mgr::run_handler_cycle() {
     if (!handler || !handler->get_dh_ready()) return;
     try {
         handler->run_periodic_tasks();
-        if (failed_cycles_ != 0)
-            MSG_LOG(msg_log::info, hotplug_tag_)
-                << "QSFP mgr, " << device_path_ << " monitoring resumed after " << failed_cycles_
-                << " failed cycles";
-        failed_cycles_ = 0;
     } catch (const std::exception&) {
-        // The first failure of a streak is reported as any failed pass is; the rest of the
-        // streak (ten a second while a module hangs) would only bury it.
-        if (failed_cycles_++ == 0) throw;
+        monitoring_failed();
+        return;
     }
+    count_read(true);
+    if (failed_cycles_ != 0)
+        MSG_LOG(msg_log::info, hotplug_tag_)
+            << "QSFP mgr, " << device_path_ << " monitoring resumed after " << failed_cycles_
+            << " failed cycles";
+    failed_cycles_ = 0;
+}
+
+void qsfp_device_mgr::monitoring_failed() {
+    // A module that goes silent after identification raises the communication alarm like one
+    // that never answered: each cycle counts as one read, with the same thresholds.
+    count_read(false);
+    // The first failure of a streak is reported as any failed pass is; the rest of the streak
+    // (ten a second while a module hangs) would only bury it.
+    if (failed_cycles_++ == 0) throw;
 }
 
 void qsfp_device_mgr::insert_module(std::stop_token stop) {
@@ -431,15 +448,16 @@ void qsfp_device_mgr::hand_over_admin_status() {
     std::optional<bool> admin_up;
     {
         std::lock_guard lock(mutex_);
-        // Only a status a client gave is handed over. The parameter's initial "down" is not an
-        // order: handing it to a handler that found its module running (a warm start after a
-        // daemon restart) would cut the traffic before management replays its configuration.
-        if (!handler_ || admin_handed_over_ || !admin_up_) return;
+        if (!handler_ || admin_handed_over_) return;
         handler = handler_;
         admin_up = admin_up_;
     }
     if (!handler->get_dh_ready()) return;
-    handler->set_port_admin_status(*admin_up ? "up" : "down");
+    // A cold-started module gets the stored status, the parameter's initial "down" included. A
+    // warm-started one carries traffic an earlier run set up: the initial value is no order to
+    // cut it before management replays its configuration; only a status a client gave is.
+    if (!admin_up && handler->is_warm_started()) return;
+    handler->set_port_admin_status(admin_up.value_or(false) ? "up" : "down");
     std::lock_guard lock(mutex_);
     admin_handed_over_ = true;
 }

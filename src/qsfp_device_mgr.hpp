@@ -104,8 +104,11 @@ class qsfp_device_mgr : public std::enable_shared_from_this<qsfp_device_mgr> {
     void hand_over_admin_status();
     // One monitoring cycle of a ready handler, in this cage's bus slot.
     void run_handler_cycle();
-    // Counts one identification read toward the communication-failure alarm.
+    // Counts one identification read or monitoring cycle toward the communication-failure alarm.
     void count_read(bool ok);
+    // Counts a failed monitoring cycle; rethrows the exception being handled when it starts a
+    // streak, so that the pass reports it once.
+    void monitoring_failed();
     bool set_line(unsigned line, bool on);
     bool get_line(unsigned line);
 

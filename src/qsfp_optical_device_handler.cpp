@@ -90,6 +90,8 @@ void qsfp_optical_device_handler::warm_or_cold_start() {
         // of the daemon: reprogramming it would interrupt traffic.
         if (reg_map_->get_power_override() && !reg_map_->get_power_set()) {
             warm_started_ = true;
+            // The port is up as far as the module is concerned: say so until told otherwise.
+            _adopt_port_admin_status(true);
             MSG_LOG(msg_log::info, init_tag())
                 << "QSFP optical device handler warm started successfully for " << module_name();
             oper_status_node_->update("up");
@@ -121,7 +123,7 @@ void qsfp_optical_device_handler::start() {
         ->set_value(fake_temperature_);
     group_node(
         hysteresis_filtered_value<polled_volatile_value_impl<&self_type::get_trx_temperature>>::
-            create(db_, path("data/temperature"), self, 0.5, 1));
+            create(db_, path("data/temperature"), self, 0.5, 0.1));
     group_node(volatile_value<&self_type::get_trx_temperature_margin>::create(
         db_, path("data/temperatureMargin"), self));
     const bool tx_enabled = get_tx_enable();
@@ -237,8 +239,9 @@ const sff8636_monitors& qsfp_optical_device_handler::cycle_monitors() {
 void qsfp_optical_device_handler::run_periodic_tasks() {
     auto lock = lock_handler();
     // One transaction for the whole cycle: the latched flags (read exactly once, the read
-    // clears them) and the monitors that the polled values of this cycle reuse.
-    auto [flags, monitors] = module_access([&] { return reg_map_->get_flags_and_monitors(); });
+    // clears them) and the monitors that the polled values of this cycle reuse. A failure is not
+    // logged here: the manager counts it toward the communication alarm and reports the streak.
+    auto [flags, monitors] = reg_map_->get_flags_and_monitors();
     for (std::size_t i = 0; i < flags.bytes.size(); ++i)
         flags.bytes[i] |= std::exchange(pending_flags_[i], 0);
     snapshot_ = {monitors, clock_->now(), true};
@@ -499,7 +502,7 @@ void qsfp_optical_device_handler::set_tx_enable(bool enable) {
 
 bool qsfp_optical_device_handler::set_tx_enable_command(bool enable) {
     auto lock = lock_handler();
-    const std::string tag = root_ + "/config";
+    const std::string tag = config_tag();
     // Nothing to do only when every lane already is as asked: a disable with one lane off
     // must still switch the others off.
     if (enable ? get_tx_enabled() : get_tx_disabled()) {
@@ -515,7 +518,7 @@ bool qsfp_optical_device_handler::set_tx_enable_command(bool enable) {
 
 bool qsfp_optical_device_handler::set_lane_tx_enable(unsigned lane, bool enable) {
     auto lock = lock_handler();
-    const std::string tag = root_ + "/config";
+    const std::string tag = config_tag();
     if (lane >= lane_count_) {
         const auto text = fmt::format("TX lane {} not available {}", lane, module_name());
         MSG_LOG(msg_log::warning, tag) << text;

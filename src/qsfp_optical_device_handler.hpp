@@ -42,7 +42,7 @@ class qsfp_optical_device_handler : public qsfp_device_handler {
     std::string get_port_admin_status() override;
 
     unsigned lane_count() const { return lane_count_; }
-    bool is_warm_started() const { return warm_started_; }
+    bool is_warm_started() const override { return warm_started_; }
 
     // Temperature.
     int get_fake_temperature();
@@ -124,9 +124,6 @@ class qsfp_optical_device_handler : public qsfp_device_handler {
     // The monitors of this cycle, or fresh ones if the cycle's snapshot is stale.
     const qsfpd::cage::sff8636_monitors& cycle_monitors();
 
-    std::string info_tag() const { return root_ + "/info"; }
-    std::string init_tag() const { return root_ + "/init"; }
-
   private:
     void warm_or_cold_start();
     void process_flags(const qsfpd::cage::sff8636_int_flags& flags, double total_rx_power);
@@ -201,12 +198,12 @@ decltype(auto) qsfp_optical_device_handler::read_for(const char* getter, F&& rea
             // A cage we cannot ask is as good as empty here.
         }
         if (!present) {
-            MSG_LOG(msg_log::error, root_) << "Module unplugged " << module_name();
+            MSG_LOG(msg_log::error, module_name()) << "Module unplugged " << module_name();
             throw dh_error(dh::errc::io_error, "Module unplugged " + module_name());
         }
         const std::string text =
             std::string("Exception [") + e.what() + "] " + getter + " " + module_name();
-        MSG_LOG(msg_log::error, root_) << text;
+        MSG_LOG(msg_log::error, module_name()) << text;
         throw dh_error(dh::errc::io_error, text);
     }
 }

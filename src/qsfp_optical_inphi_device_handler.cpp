@@ -143,7 +143,7 @@ void qsfp_optical_inphi_device_handler::set_rate(unsigned rate) {
     if (rate != 40 && rate != 100) {
         const std::string text =
             fmt::format("Illegal rate [{}] Gbit/s selected for {}", rate, module_name());
-        MSG_LOG(msg_log::warning, root_ + "/config") << text;
+        MSG_LOG(msg_log::warning, config_tag()) << text;
         throw dh_error(dh::errc::invalid, text);
     }
     const unsigned lane_mbps = rate * mbps_per_gbps / lane_count();

@@ -292,7 +292,8 @@ TEST_F(qsfp_device_test, take_over_moves_the_transport_and_leaves_no_cache) {
     std::array<std::uint8_t, 1> out{};
     device.i2c_read(flat(0x03, 128), out);
     auto fresh = qsfp_device::take_over(device);
-    EXPECT_EQ(fresh->name(), "cage0");
+    EXPECT_EQ(fresh->name(), "qsfp device");
+    EXPECT_EQ(fresh->path(), "cage0");
     EXPECT_EQ(error_of([&] { device.read_byte(0); }), ENODEV);
     EXPECT_EQ(error_of([&] { (void)qsfp_device::take_over(device); }), ENODEV);
     bus->clear_log();

@@ -95,7 +95,7 @@ TEST_F(Platform, Zelt30LogsItsLine) {
     auto handler = make_handler();
     const auto lines = logs.find("QSFP ZELT-30 detected, qsfp");
     ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].tag, "qsfp/init");
+    EXPECT_EQ(lines[0].tag, "qsfp3/init");
     EXPECT_EQ(platform_lines(), 1u);
     EXPECT_EQ(handler->get_gearbox_client(), nullptr);
 }
@@ -146,10 +146,10 @@ TEST_F(Platform, Zelt20WithTheGearboxUpWaitsOneSecond) {
     EXPECT_EQ(logs.count("Waiting for bcm_gb handler to come up, "), 0u);
     const auto detected = logs.find("QSFP ZELT-20 detected qsfp");
     ASSERT_EQ(detected.size(), 1u);
-    EXPECT_EQ(detected[0].tag, "qsfp/init");
+    EXPECT_EQ(detected[0].tag, "qsfp3/init");
     const auto up = logs.find("QSFP: Gearbox handler is up for qsfp");
     ASSERT_EQ(up.size(), 1u);
-    EXPECT_EQ(up[0].tag, "qsfp/init");
+    EXPECT_EQ(up[0].tag, "qsfp3/init");
     ASSERT_NE(handler->get_gearbox_client(), nullptr);
     EXPECT_EQ(handler->get_gearbox_client()->target(), gearbox_name());
     // The client stays usable for the handlers that read lanes from the gearbox.

@@ -181,7 +181,7 @@ TEST_F(Optical, TxFaultHoldsNotDetectedForThreeSeconds) {
     cycle_with(*h, tx_fault_byte, 0x08);
     expect_logged("TX_FAULT", {"TX_FAULT detected " + name, "TX_FAULT not detected " + name,
                                "TX_FAULT detected " + name});
-    EXPECT_EQ(logs.find("TX_FAULT detected ").back().tag, "qsfp/info");
+    EXPECT_EQ(logs.find("TX_FAULT detected ").back().tag, "qsfp3/info");
 }
 
 // LOS and LOL share the flap suppression; each has its own byte, alarm and texts.

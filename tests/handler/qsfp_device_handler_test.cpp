@@ -200,7 +200,7 @@ TEST_F(Handler, ReadinessIsLoggedAndPublished) {
     EXPECT_TRUE(read_json("qsfp/config/dhReady").GetBool());
     const auto records = logs.find("Setting dh ready");
     ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].tag, "qsfp/init");
+    EXPECT_EQ(records[0].tag, "qsfp3/init");
     EXPECT_EQ(records[0].severity, ::msg_log::info);
 
     db.lookup("qsfp/config/dhReady")->set("qsfp/config/dhReady", dh::json_value(false));
@@ -248,7 +248,7 @@ TEST_F(Handler, AdminStatusUpTwiceSecondIsLoggedAndTouchesNoRegister) {
     EXPECT_EQ(handler->get_port_admin_status(), "up");
     const auto first = logs.find("Setting adminstatus up qsfp");
     ASSERT_EQ(first.size(), 1u);
-    EXPECT_EQ(first[0].tag, "qsfp/config");
+    EXPECT_EQ(first[0].tag, "qsfp3/config");
 
     const auto before_second = transactions();
     handler->set_port_admin_status("up");

@@ -30,6 +30,8 @@ class plain_handler : public qsfp_device_handler {
         activate_value_group();
         set_dh_ready(true);
     }
+    bool warm = false;
+    bool is_warm_started() const override { return warm; }
     std::vector<std::string> admin_calls;
     void set_port_admin_status(std::string status) override {
         admin_calls.push_back(status);
@@ -37,7 +39,7 @@ class plain_handler : public qsfp_device_handler {
     }
 };
 
-// Records when the manager looked at the presence line, in virtual wall time.
+// Records when the manager looked at the presence line, in virtual steady time.
 class timed_cage : public cage::qsfp_transport {
   public:
     timed_cage(std::shared_ptr<emu::cage_emulator> inner, std::shared_ptr<virtual_clock> clock)
@@ -52,14 +54,14 @@ class timed_cage : public cage::qsfp_transport {
     void pin_set(unsigned l, bool v) override { inner_->pin_set(l, v); }
     bool module_present() override {
         std::lock_guard lock(mutex);
-        polls.push_back(clock_->wall_now());
+        polls.push_back(clock_->now());
         return inner_->module_present();
     }
     bool sfp_signal_get(cage::sfp_signal s) override { return inner_->sfp_signal_get(s); }
     void sfp_signal_set(cage::sfp_signal s, bool v) override { inner_->sfp_signal_set(s, v); }
 
     std::mutex mutex;
-    std::vector<std::chrono::system_clock::time_point> polls;
+    std::vector<qsfpd::clock::time_point> polls;
 
   private:
     std::shared_ptr<emu::cage_emulator> inner_;
@@ -103,6 +105,7 @@ class Manager : public ::testing::Test {
                 auto h = std::make_shared<test::plain_handler>(
                     db, mgr.device(), "", mgr.new_reg_map(), vendor, pn, part_name, description,
                     flags, "test", 3, 8, clock);
+                h->warm = next_warm;
                 h->start();
                 created.push_back(h);
                 return h;
@@ -119,6 +122,7 @@ class Manager : public ::testing::Test {
     }
 
     std::filesystem::path root;
+    bool next_warm = false;
     std::shared_ptr<virtual_clock> clock =
         std::make_shared<virtual_clock>(std::chrono::system_clock::time_point{} + 1000s + 500ms);
     std::shared_ptr<emu::emu_bus> bus = std::make_shared<emu::emu_bus>(clock);
@@ -147,13 +151,18 @@ TEST_F(Manager, InsertIdentifyServeRemove) {
     ASSERT_EQ(inserted.size(), 1u);
     EXPECT_NE(inserted[0].text.find(" ms (vendor: DELL, part number: 3MFXG)."), std::string::npos);
     EXPECT_EQ(inserted[0].tag, "/dev/qsfp3/hotplug");
-    // No client gave an admin status: the handler keeps the module as it found it.
-    EXPECT_TRUE(handler->admin_calls.empty());
+    // Every record of the handler names the cage in its channel.
+    const auto ready = log.find("Setting dh ready");
+    ASSERT_EQ(ready.size(), 1u);
+    EXPECT_EQ(ready[0].tag, "/dev/qsfp3/init");
 
     handler.reset();
     cage->remove();
     clock->run_for(300ms);
     EXPECT_TRUE(created[0].expired());
+    // A fresh device on the same cage: nothing of the removed module's state survives.
+    EXPECT_EQ(manager->device()->name(), "qsfp device");
+    EXPECT_EQ(manager->device()->path(), "/dev/qsfp3");
     EXPECT_EQ(db.find("inventory/vendor"), nullptr);
     EXPECT_EQ(log.count("QSFP /dev/qsfp3 removed"), 1u);
     EXPECT_EQ(alarm("alarms/transceiverMissing/severity"), 1);
@@ -190,14 +199,48 @@ TEST_F(Manager, CommunicationFailureAlarmWithItsAsymmetricThresholds) {
     EXPECT_EQ(log.count("Communication error."), 1u);  // raised once
     EXPECT_TRUE(created.empty());
 
+    // Three good identification reads take the counter from 3 to 0; the module's monitoring
+    // cycles then count too, and the fifth good read in a row (the second cycle) clears it.
     cage->clear_faults();
-    clock->run_for(3500ms);  // three good reads: 3 -> 0, the module is handled, still raised
+    for (int pass = 0; pass < 60 && created.empty(); ++pass)
+        clock->run_for(100ms);
     ASSERT_EQ(created.size(), 1u);
+    EXPECT_GE(manager->communication_failures(), -1);  // at most one cycle ran yet
     EXPECT_EQ(alarm("alarms/communicationFailure/severity"), 1);
-    cage->remove();
     clock->run_for(300ms);
+    EXPECT_EQ(alarm("alarms/communicationFailure/severity"), 0);
+    EXPECT_EQ(log.count("Communication OK."), 1u);
+}
+
+// A module that stops answering after it was identified raises the alarm from its monitoring
+// cycles, keeps its handler and its other alarms, and clears it when it answers again.
+TEST_F(Manager, AModuleSilentAfterIdentificationRaisesAndClearsTheCommunicationAlarm) {
+    auto device = std::make_shared<cage::qsfp_device>("/dev/qsfp3", cage);
+    manager = std::make_shared<qsfp_device_mgr>("/dev/qsfp3", db, 3, 8, device, clock);
+    manager->start();
+    ASSERT_TRUE(clock->wait_for_sleepers(2));
     cage->insert(emu::module_profile::load_named("qsfp28_100g_lr4"));
-    clock->run_for(5s);  // two more good reads clear it
+    clock->run_for(5s);
+    ASSERT_EQ(alarm("alarms/lossOfSignal/severity"), 0);
+    cage->module()->flap(emu::lane_flag::rx_los, 0, "1", emu::flap_step::per_poll);
+    clock->run_for(500ms);
+    ASSERT_EQ(alarm("alarms/lossOfSignal/severity"), 1);
+
+    cage->fail_next(1000000, ENXIO);  // every transfer NACKed
+    clock->run_for(300ms);
+    EXPECT_EQ(alarm("alarms/communicationFailure/severity"), 0);
+    clock->run_for(10s);
+    EXPECT_EQ(alarm("alarms/communicationFailure/severity"), 1);
+    EXPECT_EQ(log.count("Communication error."), 1u);
+    EXPECT_EQ(alarm("alarms/lossOfSignal/severity"), 1);  // the last known state, not a guess
+    EXPECT_NE(db.find("inventory/vendor"), nullptr);      // still the same module
+    EXPECT_EQ(log.count("QSFP mgr, /dev/qsfp3 exception ["), 1u);  // one line for the streak
+
+    cage->clear_faults();
+    cage->module()->stop_flaps();
+    clock->run_for(400ms);  // four good cycles: 3 -> -1
+    EXPECT_EQ(alarm("alarms/communicationFailure/severity"), 1);
+    clock->run_for(100ms);  // the fifth
     EXPECT_EQ(alarm("alarms/communicationFailure/severity"), 0);
     EXPECT_EQ(log.count("Communication OK."), 1u);
 }
@@ -221,10 +264,16 @@ TEST_F(Manager, RestartWhileAbsentIsDroppedAndRestartWithAModuleReinserts) {
     EXPECT_EQ(log.count("Restart request ignored"), 1u);
 }
 
-TEST_F(Manager, PollsInTheCagesSlotOfTheGrid) {
+TEST_F(Manager, PollsInTheCagesSlotOfTheSteadyClocksGrid) {
+    // The wall clock's second starts 500 ms away from the steady clock's: the slots follow the
+    // steady clock, which the cages' processes share and NTP does not step.
+    clock = std::make_shared<virtual_clock>(std::chrono::system_clock::time_point{} + 1000s + 500ms,
+                                            qsfpd::clock::time_point{} + 7000s + 250ms);
+    bus = std::make_shared<emu::emu_bus>(clock);
+    cage = std::make_shared<emu::cage_emulator>(clock, bus, "qsfp3");
     make_manager(3, 8);
-    clock->run_for(1s);
-    std::vector<std::chrono::system_clock::time_point> polls;
+    clock->run_for(2s);
+    std::vector<qsfpd::clock::time_point> polls;
     {
         std::lock_guard lock(timed->mutex);
         polls = timed->polls;
@@ -306,6 +355,34 @@ TEST_F(Manager, DefaultFactoriesBuildTheOpticalHandlers) {
         EXPECT_EQ(db.find("dataModel"), nullptr);
     }
     EXPECT_EQ(log.count("no handler available"), 0u);
+}
+
+TEST_F(Manager, TheStoredAdminStatusGoesToAColdStartedModuleButNotToAWarmStartedOne) {
+    struct row {
+        bool warm;
+        std::optional<const char*> given;  // by a client, before the insertion
+        std::vector<std::string> handed_over;
+    };
+    for (const auto& r : {row{false, std::nullopt, {"down"}}, row{true, std::nullopt, {}},
+                          row{true, "down", {"down"}}, row{false, "up", {"up"}}}) {
+        SCOPED_TRACE(::testing::Message()
+                     << "warm " << r.warm << ", given " << r.given.value_or("-"));
+        manager.reset();
+        created.clear();
+        next_warm = r.warm;
+        make_manager();
+        if (r.given)
+            db.find("config/adminStatus")
+                ->set("config/adminStatus", dh::json_value(rapidjson::StringRef(*r.given)));
+        cage->insert(emu::module_profile::load_named("qsfp28_100g_lr4"));
+        clock->run_for(5s);
+        ASSERT_EQ(created.size(), 1u);
+        auto handler = created[0].lock();
+        ASSERT_TRUE(handler);
+        EXPECT_EQ(handler->admin_calls, r.handed_over);
+        cage->remove();
+        clock->run_for(300ms);
+    }
 }
 
 TEST_F(Manager, AdminStatusGivenBeforeReadinessIsHandedOverOnce) {
