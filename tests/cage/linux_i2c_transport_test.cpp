@@ -143,25 +143,15 @@ class fake_io final : public linux_io {
     std::map<int, handle> handles_;
 };
 
-constexpr const char* board_json = R"({
-  "cages": {
-    "/dev/qsfp3": {
-      "i2c": "/dev/i2c-5",
-      "gpiochip": "/dev/gpiochip2",
-      "lines": {"lpmode": 12, "reset": 13, "present": 14,
-                "led_tx_yellow": 20, "led_tx_green": 21, "led_rx_yellow": 22, "led_rx_green": 23},
-      "active_low": ["reset", "present"],
-      "sfp": {"gpiochip": "/dev/gpiochip3",
-              "lines": {"tx_fault": 1, "tx_disable": 2, "los": 3, "rate_select": 4},
-              "active_low": ["los"]}
-    },
-    "/dev/qsfp4": {
-      "i2c": "/dev/i2c-5",
-      "gpiochip": "/dev/gpiochip2",
-      "lines": {"lpmode": 30, "reset": 31, "present": 32}
-    }
-  }
-})";
+constexpr const char* board_json = R"({"cages": {
+  "/dev/qsfp3": {"i2c": "/dev/i2c-5", "gpiochip": "/dev/gpiochip2",
+    "lines": {"lpmode": 12, "reset": 13, "present": 14, "led_tx_yellow": 20, "led_tx_green": 21,
+              "led_rx_yellow": 22, "led_rx_green": 23},
+    "active_low": ["reset", "present"],
+    "sfp": {"gpiochip": "/dev/gpiochip3", "active_low": ["los"],
+            "lines": {"tx_fault": 1, "tx_disable": 2, "los": 3, "rate_select": 4}}},
+  "/dev/qsfp4": {"i2c": "/dev/i2c-5", "gpiochip": "/dev/gpiochip2",
+                 "lines": {"lpmode": 30, "reset": 31, "present": 32}}}})";
 
 class linux_transport_test : public ::testing::Test {
   protected:

@@ -102,17 +102,6 @@ TEST_F(qsfp_device_test, page_selects_are_written_only_when_the_page_changes) {
     EXPECT_EQ(trace(*bus), "r22#1 w127:03 r130#4 r200#4 w127:01 r128#4 w127:03 r128#4");
 }
 
-TEST_F(qsfp_device_test, reads_crossing_a_page_boundary_are_split) {
-    std::vector<std::uint8_t> out(8);
-    device.i2c_read(flat(0x00, 252), out);  // 252..255 of page 00h, then 128..131 of page 01h
-    EXPECT_EQ(out, (std::vector<std::uint8_t>{0x0C, 0x0D, 0x0E, 0x0F, 0x10, 0x11, 0x12, 0x13}));
-    device.invalidate_cache();
-    device.i2c_read(126, std::span(out).first(4));  // from the lower page into upper page 00h
-    EXPECT_EQ(out[2], 0x00);
-    EXPECT_EQ(out[3], 0x01);
-    EXPECT_EQ(trace(*bus), "w127:00 r252#4 w127:01 r128#4 r126#2 w127:00 r128#2");
-}
-
 TEST_F(qsfp_device_test, writes_land_in_their_page) {
     device.i2c_write(flat(0x02, 250), std::array<std::uint8_t, 2>{0xAA, 0xBB});
     device.write_byte(flat(0x00, 93), 0x05);
