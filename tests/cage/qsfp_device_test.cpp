@@ -76,11 +76,7 @@ class qsfp_device_test : public ::testing::Test {
     qsfp_device device{"cage0", bus};
 };
 
-TEST(flat_address, pages_banks_and_families) {
-    EXPECT_EQ(flat(0x03, 5), 5u);  // the lower page is the same on every page
-    EXPECT_EQ(flat(0x00, 255), 255u);
-    EXPECT_EQ(flat(0x01, 128), 256u);
-    EXPECT_EQ(flat(0x11, 154), 0x91Au);
+TEST(memory_map, banked_pages_and_families) {
     for (unsigned page : {0x10, 0x9E, 0xB0, 0xFF})
         EXPECT_TRUE(is_cmis_banked_page(page)) << page;
     for (unsigned page : {0x00, 0x0F, 0x9F, 0xAF})  // 9Fh-AFh: the CDB pages
@@ -235,18 +231,11 @@ class converter_test : public ::testing::Test {
     qsfp_device device{"qsa", bus};
 };
 
-TEST_F(converter_test, sfp_access_needs_the_converter_flag) {
-    std::array<std::uint8_t, 1> out{};
+TEST_F(converter_test, sfp_space_needs_the_converter_flag_and_spans_a0_and_a2_unpaged) {
+    std::vector<std::uint8_t> out(4);
     EXPECT_EQ(error_of([&] { device.sfp_read(0, out); }), ENOTSUP);
     EXPECT_EQ(error_of([&] { (void)device.sfp_tx_fault(); }), ENOTSUP);
     device.set_converter_flag(true);
-    device.sfp_read(20, out);
-    EXPECT_EQ(out[0], 20);
-}
-
-TEST_F(converter_test, sfp_linear_space_spans_a0_and_a2_without_paging) {
-    device.set_converter_flag(true);
-    std::vector<std::uint8_t> out(4);
     device.sfp_read(254, out);  // A0h 254, 255, then A2h 0, 1
     EXPECT_EQ(out, (std::vector<std::uint8_t>{254, 255, 0xFF, 0xFE}));
     device.sfp_write(256 + 110, std::array<std::uint8_t, 1>{0x40});  // A2h byte 110

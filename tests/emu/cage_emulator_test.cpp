@@ -11,13 +11,18 @@
 namespace qsfpd::emu::test {
 namespace {
 
-TEST_F(emu_test, EmptyCageHasNoModuleAndNacks) {
+using CagePresence = emu_test;
+using CageFaults = emu_test;
+using CagePaging = emu_test;
+using CageThreads = emu_test;
+
+TEST_F(CagePresence, EmptyCageHasNoModuleAndNacks) {
     EXPECT_FALSE(cage.module_present());
     EXPECT_EQ(read_errno(0), ENXIO);
     EXPECT_EQ(bus->counters(cage.bus_index()).nacks, 1u);
 }
 
-TEST_F(emu_test, BusIsNotReadyUntilTheWindowAfterInsertionPasses) {
+TEST_F(CagePresence, BusIsNotReadyUntilTheWindowAfterInsertionPasses) {
     cage.insert(module_profile::load_named("qsfp28_100g_lr4"));  // 2000 ms window
     EXPECT_TRUE(cage.module_present());
     EXPECT_EQ(read_errno(0), ENXIO);
@@ -28,7 +33,7 @@ TEST_F(emu_test, BusIsNotReadyUntilTheWindowAfterInsertionPasses) {
     EXPECT_EQ(read1(0), 0x11);
 }
 
-TEST_F(emu_test, ResetHeldKeepsTheModuleSilent) {
+TEST_F(CagePresence, ResetHeldKeepsTheModuleSilent) {
     insert("qsfp28_100g_lr4");
     cage.pin_set(cage::line::reset, true);
     EXPECT_TRUE(cage.pin_get(cage::line::reset));
@@ -38,7 +43,7 @@ TEST_F(emu_test, ResetHeldKeepsTheModuleSilent) {
     EXPECT_EQ(error_of([&] { (void)cage.sfp_signal_get(cage::sfp_signal::los); }), ENOTSUP);
 }
 
-TEST_F(emu_test, InjectedFailuresForTheNextTransfers) {
+TEST_F(CageFaults, NackOrChosenErrnoForTheNextTransfers) {
     insert("qsfp28_100g_lr4");
     cage.fail_next(3);
     for (int i = 0; i < 3; ++i)
@@ -53,7 +58,7 @@ TEST_F(emu_test, InjectedFailuresForTheNextTransfers) {
     EXPECT_EQ(c.transactions, 6u);
 }
 
-TEST_F(emu_test, InjectedFailuresAtAnAddressRange) {
+TEST_F(CageFaults, FailAtAnAddressRange) {
     insert("qsfp28_100g_lr4");
     cage.fail_at(0x50, 22, 23, EAGAIN);
     EXPECT_EQ(read_errno(22, 2), EAGAIN);
@@ -70,7 +75,7 @@ TEST_F(emu_test, InjectedFailuresAtAnAddressRange) {
 
 // --- paging on the real images ----------------------------------------------------------------
 
-TEST_F(emu_test, Sff8636PagesThroughTheCage) {
+TEST_F(CagePaging, Sff8636PagesThroughTheCage) {
     insert("qsfp28_100g_lr4");
     write1(127, 0x03);
     EXPECT_EQ(read16(128), 75 * 256);  // temperature high alarm threshold, 1/256 degC
@@ -80,7 +85,7 @@ TEST_F(emu_test, Sff8636PagesThroughTheCage) {
     EXPECT_EQ(read(186, 2), (bytes{0x66, 0x58}));  // 1310 nm
 }
 
-TEST_F(emu_test, CmisBanksAndPagesThroughTheCage) {
+TEST_F(CagePaging, CmisBanksAndPagesThroughTheCage) {
     insert("qsfpdd_400zr");
     select(0x12);
     EXPECT_EQ(read1(128), 0x70);  // 75 GHz grid
@@ -227,7 +232,7 @@ TEST(CageBus, SnapshotAsJson) {
 
 // A daemon thread polls while the test thread injects faults and moves time: every transfer
 // either succeeds or fails with an injected errno, and the bus counts every one.
-TEST_F(emu_test, PollingWhileInjectingIsSafe) {
+TEST_F(CageThreads, PollingWhileInjectingIsSafe) {
     auto& m = insert("qsfpdd_400g_fr4");
     std::atomic<int> ok{0};
     std::atomic<int> failed{0};

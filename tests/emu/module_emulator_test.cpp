@@ -8,6 +8,13 @@
 namespace qsfpd::emu::test {
 namespace {
 
+using ModuleReset = emu_test;
+using ModuleMonitors = emu_test;
+using ModuleFaults = emu_test;
+using ModuleAlarms = emu_test;
+using ModuleHooks = emu_test;
+using DspPages = emu_test;
+
 // --- CMIS module state machine (QSFP-DD 400G-FR4: power up 800 ms, power down 80 ms) ----------
 
 class CmisStates : public emu_test {
@@ -179,7 +186,7 @@ TEST_F(Sff8636Power, TwoLaneModuleMonitorsTwoLanesWithinItsThresholds) {
 
 // --- reset and re-insertion restore the profile image ------------------------------------------
 
-TEST_F(emu_test, ResetPinAndReinsertionRestoreTheImage) {
+TEST_F(ModuleReset, ResetPinAndReinsertionRestoreTheImage) {
     insert("qsfp28_100g_lr4");
     const auto pristine = read(128, 64);
     write1(86, 0x0f);
@@ -208,7 +215,7 @@ TEST_F(emu_test, ResetPinAndReinsertionRestoreTheImage) {
 
 // --- monitors ---------------------------------------------------------------------------------
 
-TEST_F(emu_test, MonitorRegistersShowTheSeededValueInTheStandardsUnits) {
+TEST_F(ModuleMonitors, RegistersShowTheSeededValueInTheStandardsUnits) {
     auto& m = insert("qsfp28_100g_lr4");
     write1(93, 0x04);
     using s = module_emulator::sensor;
@@ -226,7 +233,7 @@ TEST_F(emu_test, MonitorRegistersShowTheSeededValueInTheStandardsUnits) {
     }
 }
 
-TEST_F(emu_test, MonitorNoiseStaysWithinItsAmplitudeAndMoves) {
+TEST_F(ModuleMonitors, NoiseStaysWithinItsAmplitudeAndMoves) {
     const auto& p = insert("qsfp28_100g_lr4").profile();
     std::set<std::uint16_t> seen;
     for (int i = 0; i < 200; ++i) {
@@ -256,12 +263,12 @@ std::vector<std::uint16_t> temperature_trace(std::uint64_t seed) {
     return out;
 }
 
-TEST(ModuleMonitors, DeterministicPerSeedAndClock) {
+TEST_F(ModuleMonitors, DeterministicPerSeedAndClock) {
     EXPECT_EQ(temperature_trace(7), temperature_trace(7));
     EXPECT_NE(temperature_trace(7), temperature_trace(8));
 }
 
-TEST_F(emu_test, CmisLaneMonitorsUseTheBiasMultiplier) {
+TEST_F(ModuleMonitors, CmisLaneMonitorsUseTheBiasMultiplier) {
     auto& m = insert("qsfpdd_400zr");  // page 01h byte 160 multiplier code 2: x4
     clock->advance(1500ms);
     select(0x11);
@@ -271,7 +278,7 @@ TEST_F(emu_test, CmisLaneMonitorsUseTheBiasMultiplier) {
     EXPECT_EQ(read16(154), std::lround(m.monitor_value(s::tx_power, 0, tick) * 10000));
 }
 
-TEST_F(emu_test, PassiveCopperHasNoLaneMonitors) {
+TEST_F(ModuleMonitors, PassiveCopperHasNoLaneMonitors) {
     insert("qsfpplus_dac_passive");
     write1(93, 0x04);
     clock->advance(1s);
@@ -281,7 +288,7 @@ TEST_F(emu_test, PassiveCopperHasNoLaneMonitors) {
 
 // --- fault injection in the module -------------------------------------------------------------
 
-TEST_F(emu_test, LosFlapsOneStepPerPoll) {
+TEST_F(ModuleFaults, LosFlapsOneStepPerPoll) {
     auto& m = insert("qsfp28_100g_lr4");
     m.flap(lane_flag::rx_los, 2, "0110", flap_step::per_poll);
     // Latched LOS (byte 3 bit 2) as the host polls it; live state as the step left it. A
@@ -298,7 +305,7 @@ TEST_F(emu_test, LosFlapsOneStepPerPoll) {
     EXPECT_EQ(read1(3) & ~0x04, 0);  // other lanes untouched
 }
 
-TEST_F(emu_test, TxFaultFlapsPerPeriodOnACmisLane) {
+TEST_F(ModuleFaults, TxFaultFlapsPerPeriodOnACmisLane) {
     auto& m = insert("qsfpdd_400g_fr4");
     select(0x11);
     m.flap(lane_flag::tx_fault, 1, "1100", flap_step::per_period, 1s, false);
@@ -314,7 +321,7 @@ TEST_F(emu_test, TxFaultFlapsPerPeriodOnACmisLane) {
     EXPECT_EQ(read1(135), 0x00);
 }
 
-TEST_F(emu_test, ATransientBetweenPollsStillLatches) {
+TEST_F(ModuleFaults, ATransientBetweenPollsStillLatches) {
     insert("qsfpdd_400g_fr4")
         .flap(lane_flag::rx_lol, 0, "0001000", flap_step::per_period, 100ms, false);
     select(0x11);
@@ -324,14 +331,14 @@ TEST_F(emu_test, ATransientBetweenPollsStillLatches) {
     EXPECT_EQ(read1(148), 0x00);
 }
 
-TEST_F(emu_test, BadFlapRequestsAreRefused) {
+TEST_F(ModuleFaults, BadFlapRequestsAreRefused) {
     auto& m = insert("qsfp28_100g_lr4");
     EXPECT_THROW(m.flap(lane_flag::rx_los, 0, "01x", flap_step::per_poll), std::invalid_argument);
     EXPECT_THROW(m.flap(lane_flag::rx_los, 4, "01", flap_step::per_poll), std::invalid_argument);
     EXPECT_THROW(m.flap(lane_flag::rx_los, 0, "01", flap_step::per_period), std::invalid_argument);
 }
 
-TEST_F(emu_test, LatchedFlagsAssertTheInterrupt) {
+TEST_F(ModuleFaults, LatchedFlagsAssertTheInterrupt) {
     auto& m = insert("qsfp28_100g_lr4");
     EXPECT_EQ(read1(2) & 0x02, 0x02);  // IntL deasserted
     EXPECT_FALSE(m.interrupt_asserted());
@@ -344,7 +351,7 @@ TEST_F(emu_test, LatchedFlagsAssertTheInterrupt) {
     EXPECT_FALSE(m.interrupt_asserted());
 }
 
-TEST_F(emu_test, AStuckTemperatureDoesNotMoveAndRaisesTheHighAlarmAndWarning) {
+TEST_F(ModuleAlarms, AStuckTemperatureDoesNotMoveAndRaisesTheHighAlarmAndWarning) {
     auto& m = insert("qsfp28_100g_lr4");
     EXPECT_EQ(read1(6) & 0xf0, 0x00);
     m.stick({}, 22, {0x7f, 0x00});  // 127 degC; thresholds 75 / 70 degC
@@ -360,7 +367,7 @@ TEST_F(emu_test, AStuckTemperatureDoesNotMoveAndRaisesTheHighAlarmAndWarning) {
     EXPECT_EQ(read1(6) & 0xf0, 0x00);
 }
 
-TEST_F(emu_test, CmisLaneRxPowerLowAlarm) {
+TEST_F(ModuleAlarms, CmisLaneRxPowerLowAlarm) {
     auto& m = insert("qsfpdd_400g_fr4");
     select(0x11);
     EXPECT_EQ(read(149, 4), bytes(4, 0));
@@ -369,7 +376,7 @@ TEST_F(emu_test, CmisLaneRxPowerLowAlarm) {
     EXPECT_EQ(read(149, 4), (bytes{0, 0x04, 0, 0x04}));
 }
 
-TEST_F(emu_test, SfpFlagsAreLive) {
+TEST_F(ModuleAlarms, SfpFlagsAreLive) {
     auto& m = insert("qsa_sfpplus_10g_sr");
     clock->advance(300ms);
     EXPECT_EQ(read1(112, 0x51), 0x00);
@@ -380,7 +387,7 @@ TEST_F(emu_test, SfpFlagsAreLive) {
     EXPECT_EQ(read1(112, 0x51), 0x00);
 }
 
-TEST_F(emu_test, BehaviourHooksSurviveAReset) {
+TEST_F(ModuleHooks, BehaviourHooksSurviveAReset) {
     auto& m = insert("qsfpdd_400zr");
     // A stand-in for tuning: a write of the channel (page 12h 136-137) updates the current
     // frequency (168-171) the host reads back.
@@ -407,7 +414,7 @@ TEST_F(emu_test, BehaviourHooksSurviveAReset) {
 
 // --- PAM4 DSP page 20h -------------------------------------------------------------------------
 
-TEST_F(emu_test, DspBerClearZeroesTheStatisticsAndSelfClears) {
+TEST_F(DspPages, BerClearZeroesTheStatisticsAndSelfClears) {
     insert("qsfp28_100g_fr1_pam4");
     select(0x20);
     const auto pristine = read(128, 65);
@@ -430,7 +437,7 @@ TEST_F(emu_test, DspBerClearZeroesTheStatisticsAndSelfClears) {
     EXPECT_EQ(read(172, 21), bytes(21, 0));
 }
 
-TEST_F(emu_test, DspPagesOnlyTheClearBitIsHostWritable) {
+TEST_F(DspPages, OnlyTheClearBitIsHostWritable) {
     insert("qsfp28_100g_sr2_pam4");
     select(0x20);
     const auto snr = read16(132);
@@ -445,7 +452,7 @@ TEST_F(emu_test, DspPagesOnlyTheClearBitIsHostWritable) {
     EXPECT_EQ(read16(128), snr_high_alarm);
 }
 
-TEST_F(emu_test, DspPagesModulesWithoutThemRefuseThePage) {
+TEST_F(DspPages, ModulesWithoutThemRefuseThePage) {
     insert("qsfp28_100g_dwdm4");
     select(0x20);
     EXPECT_EQ(read1(127), 0x00);
