@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "../support/errno_of.hpp"
 #include "cage_emulator.hpp"
 #include "emu_bus.hpp"
 #include "module_profile.hpp"
@@ -16,6 +17,8 @@
 namespace qsfpd::emu::test {
 
 using namespace std::chrono_literals;
+using bytes = std::vector<std::uint8_t>;
+using qsfpd::test::error_of;
 
 // One cage on its own bus, in virtual time.
 struct cage_fixture {
@@ -31,39 +34,38 @@ struct cage_fixture {
         clock->advance(window);
         return *cage.module();
     }
+    // A pulse on the reset line, then the wait until the module answers again.
+    void reset() {
+        cage.pin_set(cage::line::reset, true);
+        cage.pin_set(cage::line::reset, false);
+        clock->advance(cage.module()->profile().i2c_not_ready);
+    }
 
-    std::uint8_t read1(std::uint8_t offset, std::uint8_t device = 0x50) {
-        std::array<std::uint8_t, 1> b{};
-        cage.i2c_read(device, offset, b);
-        return b[0];
-    }
-    std::uint16_t read16(std::uint8_t offset, std::uint8_t device = 0x50) {
-        std::array<std::uint8_t, 2> b{};
-        cage.i2c_read(device, offset, b);
-        return static_cast<std::uint16_t>(b[0] << 8 | b[1]);
-    }
-    std::vector<std::uint8_t> read(std::uint8_t offset, std::size_t n, std::uint8_t device = 0x50) {
-        std::vector<std::uint8_t> b(n);
+    bytes read(std::uint8_t offset, std::size_t n, std::uint8_t device = 0x50) {
+        bytes b(n);
         cage.i2c_read(device, offset, b);
         return b;
     }
+    std::uint8_t read1(std::uint8_t offset, std::uint8_t device = 0x50) {
+        return read(offset, 1, device)[0];
+    }
+    std::uint16_t read16(std::uint8_t offset, std::uint8_t device = 0x50) {
+        const auto b = read(offset, 2, device);
+        return static_cast<std::uint16_t>(b[0] << 8 | b[1]);
+    }
+    void write(std::uint8_t offset, bytes data, std::uint8_t device = 0x50) {
+        cage.i2c_write(device, offset, data);
+    }
     void write1(std::uint8_t offset, std::uint8_t value, std::uint8_t device = 0x50) {
-        const std::array<std::uint8_t, 1> b{value};
-        cage.i2c_write(device, offset, b);
+        write(offset, {value}, device);
     }
-    void select(std::uint8_t page, std::uint8_t bank = 0) {
-        const std::array<std::uint8_t, 2> b{bank, page};
-        cage.i2c_write(0x50, 126, b);
-    }
-    // errno of a transfer that throws, or 0.
+    void select(std::uint8_t page, std::uint8_t bank = 0) { write(126, {bank, page}); }
+    // errno of a read that throws, or 0.
     int read_errno(std::uint8_t offset, std::size_t n = 1, std::uint8_t device = 0x50) {
-        try {
-            read(offset, n, device);
-        } catch (const std::system_error& e) {
-            return e.code().value();
-        }
-        return 0;
+        return error_of([&] { read(offset, n, device); });
     }
 };
+
+struct emu_test : ::testing::Test, cage_fixture {};
 
 }  // namespace qsfpd::emu::test

@@ -5,11 +5,14 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "module_profile.hpp"
 
 namespace qsfpd::emu {
 namespace {
+
+using bytes = std::vector<std::uint8_t>;
 
 unsigned sum(const memory_image& img, bool lower, unsigned first, unsigned last) {
     unsigned s = 0;
@@ -50,34 +53,6 @@ TEST_P(EveryProfile, LoadsAndItsChecksumsVerify) {
 INSTANTIATE_TEST_SUITE_P(Profiles, EveryProfile, ::testing::ValuesIn(module_profile::all_files()),
                          [](const auto& info) { return info.param.stem().string(); });
 
-TEST(ProfileContents, TheSetIsComplete) {
-    EXPECT_EQ(module_profile::all_files().size(), 10u);
-}
-
-TEST(ProfileContents, Sff8636ModulesCarryTheirIdentity) {
-    const auto lr4 = module_profile::load_named("qsfp28_100g_lr4");
-    EXPECT_EQ(lr4.family, module_family::sff8636);
-    EXPECT_EQ(lr4.lanes, 4u);
-    EXPECT_EQ(lr4.image().lower[0], 0x11);  // QSFP28
-    // Page 00h 186-187 nominal wavelength in 0.05 nm: 1310 nm.
-    EXPECT_EQ((upper(lr4, {}, 186) << 8 | upper(lr4, {}, 187)) * 5, 131000);
-    EXPECT_EQ(upper(lr4, {}, 192), 0x03);  // 100GBASE-LR4
-
-    EXPECT_EQ(upper(module_profile::load_named("qsfp28_100g_cwdm4"), {}, 192), 0x06);
-
-    const auto dac = module_profile::load_named("qsfpplus_dac_passive");
-    EXPECT_EQ(dac.image().lower[0], 0x0d);
-    EXPECT_EQ(upper(dac, {}, 147), 0xa0);  // copper cable, unequalized
-
-    const auto fr1 = module_profile::load_named("qsfp28_100g_fr1_pam4");
-    EXPECT_EQ(fr1.lanes, 1u);
-    EXPECT_EQ(upper(fr1, {}, 195) & 0x01, 0x01);  // pages 20h-21h implemented
-    EXPECT_TRUE(fr1.image().pages.contains(page_id{0, 0x20}));
-    EXPECT_TRUE(fr1.image().pages.contains(page_id{0, 0x21}));
-    EXPECT_EQ(upper(fr1, {}, 192), 0x26);  // 100G-FR / 100GBASE-FR1
-    EXPECT_EQ(upper(fr1, {}, 139), 0x08);  // PAM4
-}
-
 std::uint16_t upper16(const module_profile& p, page_id page, unsigned offset) {
     return static_cast<std::uint16_t>(upper(p, page, offset) << 8 | upper(p, page, offset + 1));
 }
@@ -87,25 +62,35 @@ double ber(std::uint16_t word) {
     return (word & 0x7ff) * std::pow(10.0, static_cast<int>(word >> 11) - 24);
 }
 
-TEST(ProfileContents, OpticalHandlersFindWhatTheyProgram) {
-    // Rate select power-on values (87 RX, 88 TX) and whether rate select is advertised (195
-    // bit 5); wavelength in 0.05 nm (186-187).
+TEST(ProfileContents, TheSetIsComplete) {
+    EXPECT_EQ(module_profile::all_files().size(), 10u);
+}
+
+TEST(ProfileContents, Sff8636ModulesCarryWhatTheHandlersRead) {
+    // Identifier, rate select power-on values (87 RX, 88 TX) and whether rate select is advertised
+    // (195 bit 5), DSP pages 20h-21h (195 bit 0), wavelength in 0.05 nm (186-187), compliance
+    // (192), transmitter technology (147) and encoding (139).
     struct expect {
         const char* stem;
+        std::uint8_t identifier;
         unsigned lanes;
         std::uint8_t rate_select;
-        bool rate_select_impl;
-        bool dsp_pages;
+        bool rate_select_impl, dsp_pages;
         std::uint16_t wavelength;
-        std::uint8_t compliance;
+        std::uint8_t compliance, technology, encoding;
     };
-    for (const auto& e : {expect{"qsfp28_100g_lr4", 4, 0x00, false, false, 26200, 0x03},
-                          expect{"qsfp28_100g_cwdm4", 4, 0xaa, true, false, 26220, 0x06},
-                          expect{"qsfp28_100g_fr1_pam4", 1, 0xaa, false, true, 26220, 0x26},
-                          expect{"qsfp28_100g_sr2_pam4", 2, 0xaa, false, true, 17000, 0x41},
-                          expect{"qsfp28_100g_dwdm4", 4, 0x00, true, false, 31067, 0x1b}}) {
+    for (const auto& e :
+         {expect{"qsfp28_100g_lr4", 0x11, 4, 0x00, false, false, 26200, 0x03, 0x64, 0x03},
+          expect{"qsfp28_100g_cwdm4", 0x11, 4, 0xaa, true, false, 26220, 0x06, 0x60, 0x07},
+          expect{"qsfp28_100g_fr1_pam4", 0x11, 1, 0xaa, false, true, 26220, 0x26, 0x60, 0x08},
+          expect{"qsfp28_100g_sr2_pam4", 0x11, 2, 0xaa, false, true, 17000, 0x41, 0x00, 0x08},
+          expect{"qsfp28_100g_dwdm4", 0x11, 4, 0x00, true, false, 31067, 0x1b, 0x7e, 0x03},
+          // copper cable, unequalized
+          expect{"qsfpplus_dac_passive", 0x0d, 4, 0x00, false, false, 1544, 0x0b, 0xa0, 0x00}}) {
         SCOPED_TRACE(e.stem);
         const auto p = module_profile::load_named(e.stem);
+        EXPECT_EQ(p.family, module_family::sff8636);
+        EXPECT_EQ(p.image().lower[0], e.identifier);
         EXPECT_EQ(p.lanes, e.lanes);
         EXPECT_EQ(p.image().lower[87], e.rate_select);
         EXPECT_EQ(p.image().lower[88], e.rate_select);
@@ -116,46 +101,45 @@ TEST(ProfileContents, OpticalHandlersFindWhatTheyProgram) {
         EXPECT_EQ(upper(p, {}, 221) & 0x04, 0);  // no legacy application select table
         EXPECT_EQ(upper16(p, {}, 186), e.wavelength);
         EXPECT_EQ(upper(p, {}, 192), e.compliance);
+        EXPECT_EQ(upper(p, {}, 147), e.technology);
+        EXPECT_EQ(upper(p, {}, 139), e.encoding);
     }
-    const auto sr2 = module_profile::load_named("qsfp28_100g_sr2_pam4");
-    EXPECT_EQ(upper(sr2, {}, 139), 0x08);  // PAM4
-    EXPECT_EQ(upper(sr2, {}, 147), 0x00);  // 850 nm VCSEL
-    const auto dwdm = module_profile::load_named("qsfp28_100g_dwdm4");
-    EXPECT_EQ(upper(dwdm, {}, 147) >> 4, 0x7);  // 1550 nm EML
 }
 
 TEST(ProfileContents, DspPagesHoldAHealthyLink) {
-    const page_id p20{0, 0x20};
-    const page_id p21{0, 0x21};
     for (const char* stem : {"qsfp28_100g_fr1_pam4", "qsfp28_100g_sr2_pam4"}) {
         SCOPED_TRACE(stem);
         const auto p = module_profile::load_named(stem);
+        auto p20 = [&](unsigned at) { return upper16(p, {0, 0x20}, at); };
+        auto p21 = [&](unsigned at) { return upper16(p, {0, 0x21}, at); };
         for (unsigned lane = 0; lane < 4; ++lane) {
-            const double snr = upper16(p, p20, 132 + 2 * lane) / 256.0;
-            const double temp_diff =
-                static_cast<std::int16_t>(upper16(p, p20, 164 + 2 * lane)) / 256.0;
-            if (lane < p.lanes) {
-                EXPECT_GE(snr, 21.0);
-                EXPECT_LE(snr, 24.0);
-                EXPECT_LT(std::abs(temp_diff), 1.0);
-            } else {
-                EXPECT_EQ(snr, 0.0) << "lane " << lane << " does not exist";
+            SCOPED_TRACE(lane);
+            const double snr = p20(132 + 2 * lane) / 256.0;
+            if (lane >= p.lanes) {
+                EXPECT_EQ(snr, 0.0) << "no such lane";
+                continue;
             }
+            EXPECT_GE(snr, 21.0);
+            EXPECT_LE(snr, 24.0);
+            EXPECT_LT(std::abs(static_cast<std::int16_t>(p20(164 + 2 * lane)) / 256.0), 1.0);
+            EXPECT_GT(p20(132 + 2 * lane), p21(128 + 6));  // SNR above its low warning
         }
+        // Pre-FEC BER current, average, prior period, min, max; no uncorrected errors.
         for (unsigned at = 172; at <= 180; at += 2) {
-            EXPECT_GE(ber(upper16(p, p20, at)), 1e-6) << at;
-            EXPECT_LE(ber(upper16(p, p20, at)), 1e-5) << at;
+            EXPECT_GE(ber(p20(at)), 1e-6) << at;
+            EXPECT_LE(ber(p20(at)), 1e-5) << at;
         }
-        EXPECT_LE(ber(upper16(p, p20, 178)), ber(upper16(p, p20, 174)));  // min <= average
-        EXPECT_GE(ber(upper16(p, p20, 180)), ber(upper16(p, p20, 174)));  // max >= average
+        EXPECT_LE(ber(p20(178)), ber(p20(174)));      // min <= average
+        EXPECT_GE(ber(p20(180)), ber(p20(174)));      // max >= average
+        EXPECT_GT(ber(p21(152 + 4)), ber(p20(174)));  // average below its warning
         for (unsigned at = 182; at <= 192; ++at)
-            EXPECT_EQ(upper(p, p20, at), 0) << "uncorrected errors or clear bit at " << at;
+            EXPECT_EQ(upper(p, {0, 0x20}, at), 0) << "uncorrected errors or clear bit at " << at;
         // Thresholds: high alarm > high warning > low warning >= low alarm, signed where the
         // value is.
         for (unsigned group = 128; group <= 168; group += 8) {
             const bool is_signed = group == 136 || group == 160 || group == 168;
             auto t = [&](unsigned i) -> double {
-                const auto raw = upper16(p, p21, group + 2 * i);
+                const auto raw = p21(group + 2 * i);
                 if (group == 152) return ber(raw);
                 return is_signed ? static_cast<std::int16_t>(raw) : raw;
             };
@@ -163,62 +147,29 @@ TEST(ProfileContents, DspPagesHoldAHealthyLink) {
             EXPECT_GT(t(2), t(3)) << group;
             EXPECT_GE(t(3), t(1)) << group;
         }
-        EXPECT_GT(ber(upper16(p, p21, 152 + 4)), ber(upper16(p, p20, 174)));  // below warning
-        EXPECT_GT(upper16(p, p20, 132), upper16(p, p21, 128 + 6));  // SNR above its low warning
     }
 }
 
 TEST(ProfileContents, CmisModulesAdvertiseTheirApplications) {
+    // Identifier, revision, application 1 (host interface, media interface, lane counts), end of
+    // list.
     const auto fr4 = module_profile::load_named("qsfpdd_400g_fr4");
-    EXPECT_EQ(fr4.image().lower[0], 0x18);
-    EXPECT_EQ(fr4.image().lower[1], 0x40);
-    // Application 1: 400GAUI-8 host, 400G-FR4 media, 8 host / 4 media lanes; then end of list.
-    EXPECT_EQ(fr4.image().lower[86], 0x11);
-    EXPECT_EQ(fr4.image().lower[87], 0x1d);
-    EXPECT_EQ(fr4.image().lower[88], 0x84);
-    EXPECT_EQ(fr4.image().lower[90], 0xff);
-
+    const auto& lo = fr4.image().lower;
+    // 400GAUI-8 host, 400G-FR4 media, 8 host / 4 media lanes; then end of list.
+    EXPECT_EQ((bytes{lo[0], lo[1], lo[86], lo[87], lo[88], lo[90]}),
+              (bytes{0x18, 0x40, 0x11, 0x1d, 0x84, 0xff}));
     const auto zr = module_profile::load_named("qsfpdd_400zr");
     EXPECT_EQ(zr.image().lower[1], 0x40);
     EXPECT_EQ(zr.image().lower[87], 0x3e);  // 400ZR, DWDM, amplified
     EXPECT_EQ(zr.image().lower[88], 0x81);
     EXPECT_EQ(upper(zr, {0, 0x04}, 128) & 0x80, 0x80);  // 75 GHz grid supported
     EXPECT_EQ(upper(zr, {0, 0x12}, 128) >> 4, 7);       // 75 GHz grid selected
-    EXPECT_TRUE(zr.image().pages.contains(page_id{0, 0x12}));
-
     const auto zrp = module_profile::load_named("qsfpdd_400zr_plus");
     EXPECT_EQ(zrp.image().lower[1], 0x50);
     EXPECT_EQ(zrp.image().lower[87], 0x46);  // ZR400-OFEC-16QAM
 }
 
-TEST(ProfileContents, ConverterHoldsAnSfpAtA0AndA2) {
-    const auto qsa = module_profile::load_named("qsa_sfpplus_10g_sr");
-    EXPECT_EQ(qsa.family, module_family::sff8472_converter);
-    EXPECT_EQ(qsa.image(0x50).lower[0], 0x03);
-    EXPECT_TRUE(qsa.memories.contains(0x51));
-}
-
-// A minimal valid SFF-8636 profile text with the given page 00h hex.
-std::string sff8636_json(const std::string& lower, const std::string& page00) {
-    return R"({"name": "t", "family": "sff8636", "lanes": 4, "pages": {"lower": ")" + lower +
-           R"(", "00": ")" + page00 + R"("}})";
-}
-
-std::string valid_page00() {
-    // Identifier 11h, every other byte 0: both checksums 0 except CC_BASE = 11h.
-    std::string hex(256, '0');
-    hex.replace(0, 2, "11");
-    hex.replace(2 * 63, 2, "11");  // byte 191
-    return hex;
-}
-
-std::string valid_lower() {
-    std::string hex(256, '0');
-    hex.replace(0, 2, "11");
-    return hex;
-}
-
-std::string error_of(const std::string& json) {
+std::string profile_error_of(const std::string& json) {
     try {
         module_profile::parse(json, "bad.json");
     } catch (const profile_error& e) {
@@ -227,39 +178,31 @@ std::string error_of(const std::string& json) {
     return "";
 }
 
-TEST(ProfileValidation, AMinimalProfileLoads) {
-    const auto p = module_profile::parse(sff8636_json(valid_lower(), valid_page00()), "ok.json");
-    EXPECT_EQ(p.lanes, 4u);
+std::string sff8636_json(const std::string& lower, const std::string& page00) {
+    return R"({"name": "t", "family": "sff8636", "lanes": 4, "pages": {"lower": ")" + lower +
+           R"(", "00": ")" + page00 + R"("}})";
 }
 
 TEST(ProfileValidation, BadProfilesAreRefusedNamingFileAndField) {
-    auto bad_sum = valid_page00();
-    bad_sum.replace(2 * 63, 2, "12");
-    auto err = error_of(sff8636_json(valid_lower(), bad_sum));
-    EXPECT_NE(err.find("bad.json"), std::string::npos) << err;
-    EXPECT_NE(err.find("byte 191 (CC_BASE)"), std::string::npos) << err;
-
-    err = error_of(sff8636_json(valid_lower(), valid_page00().substr(2)));
-    EXPECT_NE(err.find("pages.00"), std::string::npos) << err;
-    EXPECT_NE(err.find("254"), std::string::npos) << err;
-
-    auto not_hex = valid_page00();
-    not_hex[10] = 'g';
-    EXPECT_NE(error_of(sff8636_json(valid_lower(), not_hex)).find("not a hex digit"),
-              std::string::npos);
-
-    EXPECT_NE(
-        error_of(R"({"name": "t", "family": "xfp", "lanes": 1, "pages": {}})").find("'family'"),
-        std::string::npos);
-    EXPECT_NE(
-        error_of(R"({"name": "t", "family": "cmis", "lanes": 0, "pages": {}})").find("'lanes'"),
-        std::string::npos);
-    EXPECT_NE(error_of("{ not json").find("JSON error"), std::string::npos);
-
-    auto cmis_lower = valid_lower();
-    cmis_lower.replace(0, 2, "18");
-    EXPECT_NE(error_of(sff8636_json(cmis_lower, valid_page00())).find("identifier"),
-              std::string::npos);
+    // Identifier 11h, every other byte 0: both checksums 0 except CC_BASE (byte 191) = 11h.
+    const std::string lower = "11" + std::string(254, '0');
+    const std::string page00 = "11" + std::string(124, '0') + "11" + std::string(128, '0');
+    EXPECT_EQ(profile_error_of(sff8636_json(lower, page00)), "");
+    auto with = [](std::string s, std::size_t at, const char* hex) {
+        return s.replace(at, 2, hex);
+    };
+    for (const auto& [json, fragment] : std::vector<std::pair<std::string, std::string>>{
+             {sff8636_json(lower, with(page00, 126, "12")), "bad.json: field 'byte 191 (CC_BASE)'"},
+             {sff8636_json(lower, page00.substr(2)),
+              "'pages.00': expected 256 hex digits (128 bytes), found 254"},
+             {sff8636_json(lower, with(page00, 10, "g0")), "not a hex digit"},
+             {sff8636_json(with(lower, 0, "18"), page00), "identifier"},
+             {R"({"name": "t", "family": "xfp", "lanes": 1, "pages": {}})", "'family'"},
+             {R"({"name": "t", "family": "cmis", "lanes": 0, "pages": {}})", "'lanes'"},
+             {"{ not json", "JSON error"}}) {
+        const auto err = profile_error_of(json);
+        EXPECT_NE(err.find(fragment), std::string::npos) << fragment << " in: " << err;
+    }
 }
 
 TEST(ProfileValidation, LoadingAMissingFileNamesIt) {

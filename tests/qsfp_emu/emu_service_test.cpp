@@ -5,6 +5,7 @@
 #include <sstream>
 #include <thread>
 
+#include "../support/errno_of.hpp"
 #include "emu_ctl.hpp"
 #include "hex_bytes.hpp"
 #include "qsfp_device.hpp"
@@ -14,13 +15,15 @@
 
 namespace {
 using namespace qsfpd;
+using namespace std::chrono_literals;
+using qsfpd::test::error_of;
+using bytes = std::vector<std::uint8_t>;
 
-// The emulator process's service, run in-process on its real sockets.
+// The emulator process's service, run in-process on its real sockets; a daemon reaches its cages
+// through the remote cage transport.
 class EmuService : public ::testing::Test {
   protected:
     void SetUp() override {
-        dir = std::filesystem::temp_directory_path() /
-              ("qsfp-emu-test-" + std::to_string(::getpid()));
         emu::emu_service::options options;
         options.dir = dir;
         options.cages = 4;
@@ -42,41 +45,35 @@ class EmuService : public ::testing::Test {
         if (err) *err = e.str();
         return status;
     }
-    std::string read_text(remote::remote_cage_transport& cage, std::uint8_t page,
-                          std::uint8_t offset, std::size_t length) {
-        const std::uint8_t select[] = {page};
-        cage.i2c_write(0x50, 127, select);
-        std::vector<std::uint8_t> bytes(length);
-        cage.i2c_read(0x50, offset, bytes);
-        return std::string(bytes.begin(), bytes.end());
+    remote::remote_cage_transport open_cage(unsigned index) {
+        return remote::remote_cage_transport((dir / ("qsfp" + std::to_string(index))).string());
+    }
+    static std::string read_text(remote::remote_cage_transport& cage, std::uint8_t offset) {
+        bytes b(16);
+        cage.i2c_read(0x50, offset, b);
+        return std::string(b.begin(), b.end());
     }
 
     std::shared_ptr<virtual_clock> clock = std::make_shared<virtual_clock>();
-    std::filesystem::path dir;
+    std::filesystem::path dir =
+        std::filesystem::temp_directory_path() / ("qsfp-emu-test-" + std::to_string(::getpid()));
     std::unique_ptr<emu::emu_service> service;
     std::thread thread;
 };
 
 TEST_F(EmuService, ADaemonInAnotherProcessReadsTheInsertedModule) {
-    remote::remote_cage_transport cage((dir / "qsfp3").string());
-    EXPECT_FALSE(cage.module_present());
+    auto qsfp3 = open_cage(3);
+    EXPECT_FALSE(qsfp3.module_present());
     EXPECT_EQ(ctl({"insert", "3", "qsfp28_100g_lr4"}), 0);
-    EXPECT_TRUE(cage.module_present());
-    cage.pin_set(cage::line::reset, false);
-    std::array<std::uint8_t, 1> id{};
+    EXPECT_TRUE(qsfp3.module_present());
+    bytes id(1);
     // Not answering during the window after insertion, then answering.
-    try {
-        cage.i2c_read(0x50, 0, id);
-        ADD_FAILURE() << "answered at once after insertion";
-    } catch (const std::system_error& e) {
-        EXPECT_EQ(e.code().value(), ENXIO);
-    }
-    clock->advance(std::chrono::seconds(10));
-    cage.i2c_read(0x50, 0, id);
+    EXPECT_EQ(error_of([&] { qsfp3.i2c_read(0x50, 0, id); }), ENXIO);
+    clock->advance(10s);
+    qsfp3.i2c_read(0x50, 0, id);
     EXPECT_EQ(id[0], 0x11);  // QSFP28
-    EXPECT_EQ(read_text(cage, 0, 148, 16), "DELL            ");
-    EXPECT_EQ(read_text(cage, 0, 168, 16), "3MFXG           ");
-
+    EXPECT_EQ(read_text(qsfp3, 148), "DELL            ");
+    EXPECT_EQ(read_text(qsfp3, 168), "3MFXG           ");
     std::string out;
     EXPECT_EQ(ctl({"peek", "3", "148", "4"}, &out), 0);
     EXPECT_EQ(out, "\"44 45 4c 4c\"\n");
@@ -85,33 +82,39 @@ TEST_F(EmuService, ADaemonInAnotherProcessReadsTheInsertedModule) {
     EXPECT_EQ(out.find(R"("name":"qsfp3","transactions":0,)"), std::string::npos);
     // Every access so far happened at the virtual clock's whole seconds.
     EXPECT_NE(out.find(R"("recent_access_ms_in_second":[0,0,)"), std::string::npos) << out;
-
     EXPECT_EQ(ctl({"remove", "3"}), 0);
-    EXPECT_FALSE(cage.module_present());
+    EXPECT_FALSE(qsfp3.module_present());
+    EXPECT_EQ(error_of([&] { (void)open_cage(9).pin_get(0); }), ECONNREFUSED);  // no such cage
 }
 
-TEST_F(EmuService, FaultsPinsAndPokes) {
+TEST_F(EmuService, WritesPinsSignalsPokesAndFaultsCrossTheSockets) {
     ASSERT_EQ(ctl({"insert", "1", "qsfp28_100g_lr4"}), 0);
-    remote::remote_cage_transport cage((dir / "qsfp1").string());
+    auto qsfp1 = open_cage(1);
+    clock->advance(10s);
     std::string out;
-    cage.pin_set(cage::line::lpmode, true);
+    qsfp1.pin_set(cage::line::lpmode, true);
+    EXPECT_TRUE(qsfp1.pin_get(cage::line::lpmode));
     EXPECT_EQ(ctl({"pins", "1"}, &out), 0);
     EXPECT_NE(out.find(R"("present":true,"lpmode":true,"reset":false)"), std::string::npos) << out;
-
-    EXPECT_EQ(ctl({"poke", "1", "86", "0f"}), 0);
+    qsfp1.i2c_write(0x50, 86, bytes{0x0f});
     EXPECT_EQ(ctl({"peek", "1", "86", "1"}, &out), 0);
     EXPECT_EQ(out, "\"0f\"\n");
+    EXPECT_EQ(ctl({"poke", "1", "88", "5a"}), 0);
+    bytes b(1);
+    qsfp1.i2c_read(0x50, 88, b);
+    EXPECT_EQ(b[0], 0x5a);
+    EXPECT_EQ(error_of([&] { (void)qsfp1.sfp_signal_get(cage::sfp_signal::los); }), ENOTSUP);
 
     EXPECT_EQ(ctl({"fault", R"({"cage":1,"kind":"errno","errno":5,"count":2})"}), 0);
-    std::array<std::uint8_t, 1> byte{};
-    for (int i = 0; i < 2; ++i) {
-        try {
-            cage.i2c_read(0x50, 0, byte);
-            ADD_FAILURE() << "transfer " << i << " did not fail";
-        } catch (const std::system_error& e) {
-            EXPECT_EQ(e.code().value(), EIO);
-        }
-    }
+    EXPECT_EQ(error_of([&] { qsfp1.i2c_read(0x50, 0, b); }), EIO);
+    EXPECT_EQ(error_of([&] { qsfp1.i2c_write(0x50, 0, b); }), EIO);
+    EXPECT_EQ(error_of([&] { qsfp1.i2c_read(0x50, 0, b); }), 0);
+
+    ASSERT_EQ(ctl({"insert", "2", "qsa_sfpplus_10g_sr"}), 0);
+    auto qsfp2 = open_cage(2);
+    qsfp2.sfp_signal_set(cage::sfp_signal::tx_disable, true);
+    EXPECT_TRUE(qsfp2.sfp_signal_get(cage::sfp_signal::tx_disable));
+    EXPECT_TRUE(service->cage(2).sfp_signal_get(cage::sfp_signal::tx_disable));
 }
 
 TEST_F(EmuService, QsfpDeviceDrivesACageOfTheRunningEmulator) {
@@ -123,7 +126,7 @@ TEST_F(EmuService, QsfpDeviceDrivesACageOfTheRunningEmulator) {
     EXPECT_TRUE(device->module_present());
     device->pin_set(cage::line::reset, false);
     EXPECT_FALSE(device->i2c_is_ready());
-    clock->advance(std::chrono::seconds(10));
+    clock->advance(10s);
     EXPECT_TRUE(device->i2c_is_ready());
     cage::qsfp_reg_map map(*device);
     EXPECT_EQ(map.get_identifier(), 0x18);
@@ -131,11 +134,10 @@ TEST_F(EmuService, QsfpDeviceDrivesACageOfTheRunningEmulator) {
     EXPECT_TRUE(map.is_coherent_transceiver());
     EXPECT_FALSE(map.get_vendor_name().empty());
     // Upper pages through page select, seen by the emulator as ordinary transfers.
-    std::string before;
+    std::string before, after;
     ASSERT_EQ(ctl({"counters"}, &before), 0);
     std::array<std::uint8_t, 8> page1{};
     device->i2c_read(0x01 * 128 + 128, page1);
-    std::string after;
     ASSERT_EQ(ctl({"counters"}, &after), 0);
     EXPECT_NE(before, after);
     cage::qsfp_device::set_transport_factory({});
@@ -154,6 +156,14 @@ TEST_F(EmuService, BadControlRequestsAreRefusedClearly) {
     EXPECT_EQ(ctl({"pins", "0", "extra"}, &out, &err), 2);
     EXPECT_EQ(emu::run_ctl({"--dir", (dir / "nowhere").string(), "counters"}, std::cout, std::cerr),
               3);
+}
+
+TEST(HexBytes, RoundTripAndRefusals) {
+    EXPECT_EQ(from_hex("0a FF\n10"), (bytes{0x0a, 0xff, 0x10}));
+    EXPECT_EQ(from_hex("0aff10"), (bytes{0x0a, 0xff, 0x10}));
+    EXPECT_THROW(from_hex("0a f"), std::invalid_argument);
+    EXPECT_THROW(from_hex("zz"), std::invalid_argument);
+    EXPECT_EQ(to_hex(bytes{0, 1, 0xab}), "00 01 ab");
 }
 
 }  // namespace
