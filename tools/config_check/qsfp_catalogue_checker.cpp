@@ -170,9 +170,9 @@ void qsfp_catalogue_checker::check_match_text(const json_node& value, std::strin
                      quote(text) + " (" + std::string(module_text) +
                          " is trimmed before matching: this entry never matches)");
     if (std::ranges::any_of(text, [](char c) { return c >= 'a' && c <= 'z'; }))
-        out_.warning(
-            value.begin, "an upper-case " + std::string(what),
-            quote(text) + " (modules' are upper-cased before matching: this never matches)");
+        out_.warning(value.begin, "an upper-case " + std::string(what),
+                     quote(text) + " (" + std::string(module_text) +
+                         " is upper-cased before matching: this entry never matches)");
 }
 
 std::string qsfp_catalogue_checker::position_text(std::size_t offset) const {
