@@ -2,6 +2,7 @@
 
 #include <rapidjson/document.h>
 #include <rapidjson/istreamwrapper.h>
+#include <rapidjson/memorystream.h>
 
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/trim.hpp>
@@ -28,43 +29,32 @@ std::string entry_position(std::string_view list_key, rapidjson::SizeType index)
     return "list " + std::string(list_key) + ", entry " + std::to_string(index);
 }
 
-std::string required_string(const rapidjson::Value& entry, const char* key,
+std::string required_string(const rapidjson::Value& entry, std::string_view key,
                             std::string_view list_key, rapidjson::SizeType index,
                             const std::string& log_tag) {
-    const auto member = entry.FindMember(key);
+    const auto member = entry.FindMember(rapidjson::StringRef(key.data(), key.size()));
     if (member == entry.MemberEnd() || !member->value.IsString())
-        fatal_catalogue_error(log_tag, entry_position(list_key, index) + ", key \"" + key +
-                                           "\": missing or not a string");
+        fatal_catalogue_error(log_tag, entry_position(list_key, index) + ", key \"" +
+                                           std::string(key) + "\": missing or not a string");
     return {member->value.GetString(), member->value.GetStringLength()};
 }
 
-void optional_flag(const rapidjson::Value& entry, const char* key, bool& flag,
+void optional_flag(const rapidjson::Value& entry, std::string_view key, bool& flag,
                    std::string_view list_key, rapidjson::SizeType index,
                    const std::string& log_tag) {
-    const auto member = entry.FindMember(key);
+    const auto member = entry.FindMember(rapidjson::StringRef(key.data(), key.size()));
     if (member == entry.MemberEnd()) return;
     if (!member->value.IsBool())
-        fatal_catalogue_error(
-            log_tag, entry_position(list_key, index) + ", key \"" + key + "\": not a boolean");
+        fatal_catalogue_error(log_tag, entry_position(list_key, index) + ", key \"" +
+                                           std::string(key) + "\": not a boolean");
     flag = member->value.GetBool();
 }
 
-}  // namespace
-
-bool probe_id_less::operator()(const probe_id& a, const probe_id& b) const {
-    return std::tie(a.vendor, a.part_number) < std::tie(b.vendor, b.part_number);
-}
-
-probe_map load_probe_map(const std::string& file_path,
-                         const std::function<probe_factory(catalogue_list)>& factory_for,
-                         const std::string& log_tag) {
+template <typename Stream>
+probe_map load_from_stream(Stream& stream,
+                           const std::function<probe_factory(catalogue_list)>& factory_for,
+                           const std::string& log_tag) {
     probe_map map;
-    std::ifstream in(file_path);
-    if (!in.is_open()) {
-        MSG_LOG(msg_log::error, log_tag) << "Could not open transceiver info file for reading";
-        return map;
-    }
-    rapidjson::IStreamWrapper stream(in);
     rapidjson::Document document;
     // Parsed without recursion and with bounded nesting: a hostile file is a parse error, not a
     // stack overflow at start.
@@ -74,9 +64,9 @@ probe_map load_probe_map(const std::string& file_path,
     }
     if (!document.IsObject()) fatal_catalogue_error(log_tag, "the root is not a JSON object");
 
-    // Entries that leave out "isAutoNeg" inherit it from the entry read before them, across lists
-    // too; existing catalogue files rely on that, so it lives outside both loops.
-    bool auto_neg = false;
+    // The flags that carry over live outside both loops: they pass from entry to entry and from
+    // list to list.
+    qsfp_flags_s carried;
     for (const auto& list : catalogue_lists) {
         const auto member =
             document.FindMember(rapidjson::StringRef(list.key.data(), list.key.size()));
@@ -90,14 +80,16 @@ probe_map load_probe_map(const std::string& file_path,
             if (!entry.IsObject())
                 fatal_catalogue_error(log_tag, entry_position(list.key, index) + ": not an object");
             probe_id id;
-            id.part_number = required_string(entry, "partNumber", list.key, index, log_tag);
-            id.description = required_string(entry, "description", list.key, index, log_tag);
-            id.vendor = required_string(entry, "vendor", list.key, index, log_tag);
-            optional_flag(entry, "isAutoNeg", auto_neg, list.key, index, log_tag);
-            id.flags.isAutoNeg = auto_neg;
-            optional_flag(entry, "isFec", id.flags.isFec, list.key, index, log_tag);
-            optional_flag(entry, "isTxTuning", id.flags.isTxTuning, list.key, index, log_tag);
-            optional_flag(entry, "isCertified", id.flags.isCertified, list.key, index, log_tag);
+            for (const auto& field : catalogue_entry_fields) {
+                if (field.type == catalogue_value::text) {
+                    id.*field.text = required_string(entry, field.key, list.key, index, log_tag);
+                } else if (field.carries_over) {
+                    optional_flag(entry, field.key, carried.*field.flag, list.key, index, log_tag);
+                    id.flags.*field.flag = carried.*field.flag;
+                } else {
+                    optional_flag(entry, field.key, id.flags.*field.flag, list.key, index, log_tag);
+                }
+            }
 
             // A module listed again in a later list is driven by that list's handler, but keeps
             // the description and flags of its first entry.
@@ -106,6 +98,32 @@ probe_map load_probe_map(const std::string& file_path,
         }
     }
     return map;
+}
+
+}  // namespace
+
+bool probe_id_less::operator()(const probe_id& a, const probe_id& b) const {
+    return std::tie(a.vendor, a.part_number) < std::tie(b.vendor, b.part_number);
+}
+
+probe_map load_probe_map(const std::string& file_path,
+                         const std::function<probe_factory(catalogue_list)>& factory_for,
+                         const std::string& log_tag) {
+    std::ifstream in(file_path);
+    if (!in.is_open()) {
+        MSG_LOG(msg_log::error, log_tag) << "Could not open transceiver info file for reading";
+        return {};
+    }
+    rapidjson::IStreamWrapper stream(in);
+    return load_from_stream(stream, factory_for, log_tag);
+}
+
+probe_map load_probe_map_from_text(std::string_view json,
+                                   const std::function<probe_factory(catalogue_list)>& factory_for,
+                                   const std::string& log_tag) {
+    // A plain byte stream like the file's: no byte-order mark is skipped, a NUL ends the text.
+    rapidjson::MemoryStream stream(json.data(), json.size());
+    return load_from_stream(stream, factory_for, log_tag);
 }
 
 probe_map::const_iterator find_in_map(const probe_map& map, const std::string& vendor,

@@ -61,6 +61,34 @@ struct probe_id {
     qsfp_flags_s flags;
 };
 
+// What an entry may hold. Text fields are required, flags optional. The loader and
+// qsfp-config-check both walk this table, so the tool accepts exactly what the daemon accepts.
+enum class catalogue_value { text, flag };
+
+struct catalogue_entry_field {
+    std::string_view key;
+    catalogue_value type;
+    std::string probe_id::*text;  // the field a text fills (flags: nullptr)
+    bool qsfp_flags_s::*flag;     // the flag a boolean sets (texts: nullptr)
+    // Left out of an entry, the flag keeps the value of the entry read before it, across lists
+    // too; existing catalogue files rely on that for "isAutoNeg".
+    bool carries_over;
+
+    constexpr bool required() const { return type == catalogue_value::text; }
+};
+
+// In the order the loader reads them: with two faults in one entry, the first one here is the
+// one logged.
+inline constexpr std::array<catalogue_entry_field, 7> catalogue_entry_fields{{
+    {"partNumber", catalogue_value::text, &probe_id::part_number, nullptr, false},
+    {"description", catalogue_value::text, &probe_id::description, nullptr, false},
+    {"vendor", catalogue_value::text, &probe_id::vendor, nullptr, false},
+    {"isAutoNeg", catalogue_value::flag, nullptr, &qsfp_flags_s::isAutoNeg, true},
+    {"isFec", catalogue_value::flag, nullptr, &qsfp_flags_s::isFec, false},
+    {"isTxTuning", catalogue_value::flag, nullptr, &qsfp_flags_s::isTxTuning, false},
+    {"isCertified", catalogue_value::flag, nullptr, &qsfp_flags_s::isCertified, false},
+}};
+
 // Vendor first, then part-number pattern, both byte-wise.
 struct probe_id_less {
     bool operator()(const probe_id& a, const probe_id& b) const;
@@ -79,6 +107,11 @@ using probe_map = std::map<probe_id, probe_factory, probe_id_less>;
 probe_map load_probe_map(const std::string& file_path,
                          const std::function<probe_factory(catalogue_list)>& factory_for,
                          const std::string& log_tag);
+
+// The same for a catalogue text already in memory: parsed exactly as the file would be.
+probe_map load_probe_map_from_text(std::string_view json,
+                                   const std::function<probe_factory(catalogue_list)>& factory_for,
+                                   const std::string& log_tag);
 
 // The first entry, in key order, whose vendor equals `vendor` and whose pattern matches
 // `part_number` (same length, '*' or the same character at every position). Both arguments are
