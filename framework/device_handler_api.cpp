@@ -33,8 +33,13 @@ struct device_handler_api::impl {
          bool signals)
         : workers(config.worker_threads),
           context(std::make_shared<dh::server::server_context>(
-              io, workers, db, config.max_line_bytes, config.max_output_bytes, name)),
+              io, workers, db,
+              dh::server::input_limits{config.max_line_bytes, config.max_pending_input_bytes,
+                                       config.small_line_bytes, config.partial_line_timeout},
+              config.max_output_bytes, config.clock ? config.clock : qsfpd::clock::system(), name)),
           max_connections(config.max_connections),
+          stall_check_period(config.stall_check_period),
+          stall_timer(io),
           handle_signals(signals),
           signal_set(io) {
         raise_descriptor_limit(config.max_connections + 64);
@@ -101,12 +106,25 @@ struct device_handler_api::impl {
         });
     }
 
+    // Closes connections whose unfinished line has waited too long.
+    void check_stalled_lines() {
+        stall_timer.expires_after(stall_check_period);
+        stall_timer.async_wait([this](boost::system::error_code ec) {
+            if (ec || stopping) return;
+            const auto now = context->clock->now();
+            for (auto& weak : context->open_connections)
+                if (auto c = weak.lock()) c->close_if_stalled(now);
+            check_stalled_lines();
+        });
+    }
+
     void shutdown() {
         stopping = true;
         boost::system::error_code ignored;
         if (tcp_acceptor) tcp_acceptor->close(ignored);
         if (local_acceptor) local_acceptor->close(ignored);
         signal_set.cancel(ignored);
+        stall_timer.cancel();
         // Clients learn at once that the server is gone.
         for (auto& weak : context->open_connections)
             if (auto c = weak.lock()) c->close();
@@ -118,6 +136,8 @@ struct device_handler_api::impl {
     asio::thread_pool workers;
     std::shared_ptr<dh::server::server_context> context;
     std::size_t max_connections;
+    std::chrono::milliseconds stall_check_period;
+    asio::steady_timer stall_timer;
     bool handle_signals;
     std::atomic<bool> stopping{false};
     asio::signal_set signal_set;
@@ -144,6 +164,10 @@ std::size_t device_handler_api::connection_count() const {
     return impl_->context->connections.load();
 }
 
+std::size_t device_handler_api::pending_input_bytes() const {
+    return impl_->context->pending_input_bytes.load();
+}
+
 void device_handler_api::add_method(
     std::string name, std::function<std::string(const rapidjson::Value* params)> handler) {
     impl_->context->processor.add_method(std::move(name), std::move(handler));
@@ -154,6 +178,7 @@ void device_handler_api::start() {
     if (impl_->tcp_acceptor) impl_->accept<tcp::acceptor, tcp::socket>(*impl_->tcp_acceptor);
     if (impl_->local_acceptor)
         impl_->accept<unix_stream::acceptor, unix_stream::socket>(*impl_->local_acceptor);
+    impl_->check_stalled_lines();
     if (impl_->handle_signals) {
         impl_->signal_set.add(SIGINT);
         impl_->signal_set.add(SIGTERM);

@@ -3,39 +3,65 @@
 #include <boost/asio.hpp>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "clock.hpp"
+
+#include "dh_json.hpp"
 #include "dh_session.hpp"
 #include "msg_log.hpp"
 #include "rpc_processor.hpp"
 
 namespace dh::server {
 
-// What the server needs of a connection to end it when the server stops.
+// What the server needs of a connection: to end it when the server stops, and to end it when
+// it has left a line unfinished for too long.
 class closable {
   public:
     virtual ~closable() = default;
     virtual void close() = 0;
+    virtual void close_if_stalled(qsfpd::clock::time_point now) = 0;
+};
+
+// Bounds on what clients can make the server hold.
+struct input_limits {
+    std::size_t max_line_bytes;
+    // Unfinished lines of all connections together: many clients each holding a long partial
+    // line must not exhaust the board's memory.
+    std::size_t max_pending_bytes;
+    // An unfinished line smaller than this is never refused for the total's sake: ordinary
+    // requests are far shorter, so well-behaved clients are not punished for a flood.
+    std::size_t small_line_bytes;
+    // How long a line may stay unfinished before its connection is closed.
+    std::chrono::milliseconds partial_line_timeout;
 };
 
 // What all connections of one server share.
 // Connections hold it shared, so one that outlives the server's run touches nothing freed.
 struct server_context {
     server_context(boost::asio::io_context& io_context, boost::asio::thread_pool& pool, dh_db& db,
-                   std::size_t line_limit, std::size_t output_limit, std::string tag)
+                   input_limits input_bounds, std::size_t output_limit,
+                   std::shared_ptr<qsfpd::clock> time_source, std::string tag)
         : io(io_context),
           workers(pool),
           processor(db),
-          max_line_bytes(line_limit),
+          input(input_bounds),
+          max_line_bytes(input_bounds.max_line_bytes),
           max_output_bytes(output_limit),
+          clock(std::move(time_source)),
           log_tag(std::move(tag)) {}
 
     boost::asio::io_context& io;
     boost::asio::thread_pool& workers;
     rpc::request_processor processor;
+    input_limits input;
     std::size_t max_line_bytes;
     std::size_t max_output_bytes;
+    std::shared_ptr<qsfpd::clock> clock;
     std::string log_tag;
+    // Unfinished input of all connections; written on the network thread only.
+    std::atomic<std::size_t> pending_input_bytes{0};
     std::atomic<std::size_t> connections{0};
     // Live connections, touched on the network thread only.
     std::vector<std::weak_ptr<closable>> open_connections;
@@ -69,6 +95,7 @@ class connection : public closable, public std::enable_shared_from_this<connecti
     }
     ~connection() {
         --context_.connections;
+        context_.pending_input_bytes -= pending_accounted_;
         if (session_) session_->close();
     }
 
@@ -138,11 +165,51 @@ class connection : public closable, public std::enable_shared_from_this<connecti
             refuse_long_line();
             return;
         }
+        if (!account_pending_input()) {
+            flush();
+            return;
+        }
         flush();
         read();
     }
 
+    // Tracks this connection's unfinished line in the server's total and refuses it when the
+    // total is exhausted; false when the connection is being closed.
+    bool account_pending_input() {
+        if (closing_) return false;
+        const std::size_t pending = job_running_ ? 0 : input_.size() - consumed_;
+        if (pending == 0) {
+            partial_since_.reset();
+            // A long line once sent must not keep its buffer for the connection's life.
+            if (input_.capacity() > retained_input_bytes) std::string().swap(input_);
+        } else if (!partial_since_) {
+            partial_since_ = context_.clock->now();
+        }
+        context_.pending_input_bytes += pending;
+        context_.pending_input_bytes -= pending_accounted_;
+        pending_accounted_ = pending;
+        if (context_.pending_input_bytes <= context_.input.max_pending_bytes ||
+            pending < context_.input.small_line_bytes)
+            return true;
+        send(rpc::request_processor::error_line(nullptr, rpc::internal_error,
+                                                "Server input buffer full"));
+        MSG_LOG(msg_log::warning, context_.log_tag)
+            << "Closing a client whose unfinished line does not fit the server's input buffer";
+        release_pending_input();
+        close_after_write();
+        return false;
+    }
+
+    void release_pending_input() {
+        context_.pending_input_bytes -= pending_accounted_;
+        pending_accounted_ = 0;
+        std::string().swap(input_);
+        consumed_ = 0;
+        partial_since_.reset();
+    }
+
     void refuse_long_line() {
+        release_pending_input();
         send(rpc::request_processor::error_line(
             nullptr, rpc::invalid_request,
             "Request line longer than " + std::to_string(context_.max_line_bytes) + " bytes"));
@@ -168,7 +235,9 @@ class connection : public closable, public std::enable_shared_from_this<connecti
             return;
         }
         if (!context_.processor.may_block(request)) {
+            const std::size_t before = output_.size();
             context_.processor.execute(request, session_, output_);
+            dh::repair_utf8(output_, before);
             check_output();
             return;
         }
@@ -191,7 +260,7 @@ class connection : public closable, public std::enable_shared_from_this<connecti
         job_running_ = false;
         send(result);
         for (auto& line : held_notifications_)
-            output_ += *line;
+            dh::append_valid_utf8(output_, *line);
         held_notifications_.clear();
         check_output();
         process_lines();
@@ -203,13 +272,15 @@ class connection : public closable, public std::enable_shared_from_this<connecti
             held_notifications_.push_back(line);
             return;
         }
-        output_ += *line;
+        dh::append_valid_utf8(output_, *line);
         check_output();
         flush();
     }
 
+    // Everything a client receives passes through here or is repaired like it: texts from files
+    // and module memory may hold any bytes, the wire carries only valid UTF-8.
     void send(const std::string& text) {
-        output_ += text;
+        dh::append_valid_utf8(output_, text);
         check_output();
     }
 
@@ -267,7 +338,25 @@ class connection : public closable, public std::enable_shared_from_this<connecti
     }
 
   public:
+    void close_if_stalled(qsfpd::clock::time_point now) override {
+        if (closing_ || !partial_since_ ||
+            now - *partial_since_ < context_.input.partial_line_timeout)
+            return;
+        send(rpc::request_processor::error_line(
+            nullptr, rpc::invalid_request,
+            "Request line not finished within " +
+                std::to_string(context_.input.partial_line_timeout.count()) + " ms"));
+        MSG_LOG(msg_log::warning, context_.log_tag)
+            << "Closing a client that left a request line unfinished";
+        release_pending_input();
+        close_after_write();
+    }
+
     void close() override {
+        // Only the accounting: close() may run while a line is still parsed in place.
+        context_.pending_input_bytes -= pending_accounted_;
+        pending_accounted_ = 0;
+        partial_since_.reset();
         closing_ = true;
         if (session_) session_->close();
         boost::system::error_code ignored;
@@ -286,8 +375,11 @@ class connection : public closable, public std::enable_shared_from_this<connecti
     std::array<char, 1024> stack_buffer_{};
     rapidjson::MemoryPoolAllocator<> value_pool_{value_buffer_.data(), value_buffer_.size(), 4096};
     rapidjson::MemoryPoolAllocator<> stack_pool_{stack_buffer_.data(), stack_buffer_.size(), 4096};
+    static constexpr std::size_t retained_input_bytes = 64 * 1024;
     std::string input_;
     std::size_t consumed_ = 0;
+    std::size_t pending_accounted_ = 0;  // this connection's share of the server's total
+    std::optional<qsfpd::clock::time_point> partial_since_;
     std::string output_;
     std::string writing_;
     std::vector<std::shared_ptr<const std::string>> held_notifications_;

@@ -8,6 +8,7 @@
 #include "../support/test_owner.hpp"
 #include "device_handler_api.hpp"
 #include "device_handler_client.hpp"
+#include "virtual_clock.hpp"
 
 namespace qsfpd::test {
 // A command whose setter waits until the test lets it go: a tuning that takes seconds.
@@ -67,6 +68,15 @@ class Server : public ::testing::Test {
     static std::string get_request(const char* path, int id = 1) {
         return std::string(R"({"jsonrpc":"2.0","id":)") + std::to_string(id) +
                R"(,"method":"get","params":{"path":")" + path + R"("}})";
+    }
+
+    // Waits (bounded) until the clients' unfinished lines add up to `n` bytes.
+    bool pending_input_becomes(std::size_t n) {
+        for (int i = 0; i < 5000; ++i) {
+            if (server->pending_input_bytes() == n) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return false;
     }
 
     static inline int counter = 0;
@@ -320,6 +330,82 @@ TEST(Client, ReachesAServerThatComesUpLate) {
     server->stop();
     serving.join();
     std::filesystem::remove_all(dir);
+}
+
+// Texts from files and module memory may hold any bytes; clients get valid UTF-8.
+TEST_F(Server, EveryTextSentIsValidUtf8) {
+    start();
+    auto& db = server->get_db();
+    const std::shared_ptr<test_owner> none;
+    auto description =
+        const_value<std::string>::create(db, "inventory/description", none, "100G \xFF\xFE LR4");
+    auto vendor = status_value<std::string>::create(db, "inventory/vendor", none, "OK");
+    auto client = line_socket::tcp(server->tcp_port());
+    EXPECT_EQ(client.request(get_request("inventory/description")),
+              "{\"jsonrpc\":\"2.0\",\"id\":1,\"result\":\"100G \xEF\xBF\xBD\xEF\xBF\xBD LR4\"}");
+    EXPECT_EQ(
+        client.request(
+            R"({"jsonrpc":"2.0","id":2,"method":"subscribe","params":{"path":"inventory/vendor"}})"),
+        R"({"jsonrpc":"2.0","id":2,"result":"OK"})");
+    vendor->update("FINISAR\xC3(\xE2\x82 \xED\xA0\x80\xF4\x90\x80\x80 \xC3\xA9");
+    EXPECT_EQ(client.read_line(),
+              "{\"jsonrpc\":\"2.0\",\"method\":\"changed\",\"params\":{\"path\":"
+              "\"inventory/vendor\",\"value\":\"FINISAR\xEF\xBF\xBD(\xEF\xBF\xBD "
+              "\xEF\xBF\xBD\xEF\xBF\xBD \xC3\xA9\"}}");
+}
+
+TEST_F(Server, UnfinishedLinesOfAllClientsTogetherAreBounded) {
+    device_handler_api::limits limits;
+    limits.max_pending_input_bytes = 64 * 1024;
+    limits.small_line_bytes = 1024;
+    start(limits);
+    auto first = line_socket::tcp(server->tcp_port());
+    auto second = line_socket::tcp(server->tcp_port());
+    auto third = line_socket::tcp(server->tcp_port());
+    auto small = line_socket::tcp(server->tcp_port());
+    const std::string part(30 * 1024, ' ');
+    first.send(part);
+    ASSERT_TRUE(pending_input_becomes(part.size()));
+    second.send(part);
+    ASSERT_TRUE(pending_input_becomes(2 * part.size()));
+    third.send(part);  // beyond the total
+    EXPECT_EQ(
+        third.read_line(),
+        R"({"jsonrpc":"2.0","id":null,"error":{"code":-32603,"message":"Server input buffer full"}})");
+    EXPECT_TRUE(third.closed_by_peer());
+    EXPECT_TRUE(pending_input_becomes(2 * part.size()));
+    // A short request still fits, and the first clients keep their connections.
+    small.send(R"({"jsonrpc":"2.0","id":7,)");
+    small.send(R"("method":"get","params":{"path":"data/temperature"}})"
+               "\n");
+    EXPECT_EQ(small.read_line(), R"({"jsonrpc":"2.0","id":7,"result":21.5})");
+    first.send(get_request("data/temperature") + "\n");
+    EXPECT_EQ(first.read_line(), R"({"jsonrpc":"2.0","id":1,"result":21.5})");
+    EXPECT_TRUE(pending_input_becomes(part.size()));
+}
+
+TEST_F(Server, ALineLeftUnfinishedTooLongClosesItsConnection) {
+    auto clock = std::make_shared<qsfpd::virtual_clock>();
+    device_handler_api::limits limits;
+    limits.clock = clock;
+    limits.partial_line_timeout = std::chrono::seconds(30);
+    limits.stall_check_period = std::chrono::milliseconds(2);
+    start(limits);
+    auto slow_client = line_socket::tcp(server->tcp_port());
+    slow_client.send(R"({"jsonrpc":"2.0","id":1,)");
+    ASSERT_TRUE(pending_input_becomes(24));
+    clock->advance(std::chrono::seconds(29));
+    slow_client.send(R"("method":"get","params":{"path":"data/temperature"}})"
+                     "\n");
+    EXPECT_EQ(slow_client.read_line(), R"({"jsonrpc":"2.0","id":1,"result":21.5})");
+    slow_client.send(R"({"jsonrpc")");  // a new line: its own 30 s from now
+    ASSERT_TRUE(pending_input_becomes(10));
+    clock->advance(std::chrono::seconds(30));
+    EXPECT_EQ(
+        slow_client.read_line(),
+        R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Request line not finished within 30000 ms"}})");
+    EXPECT_TRUE(slow_client.closed_by_peer());
+    EXPECT_TRUE(pending_input_becomes(0));
 }
 
 }  // namespace
