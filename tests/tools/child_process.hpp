@@ -48,9 +48,9 @@ class child_process {
     child_process(const child_process&) = delete;
     child_process& operator=(const child_process&) = delete;
 
-    // The next line of output, without "\n"; nothing on time-out or end.
-    std::optional<std::string> read_line(std::chrono::seconds timeout = std::chrono::seconds(10)) {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
+    // The next line of output, without "\n"; nothing after 10 s or at the end.
+    std::optional<std::string> read_line() {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         std::size_t nl;
         while ((nl = output_.find('\n')) == std::string::npos)
             if (!read_some(deadline)) return std::nullopt;
@@ -62,9 +62,9 @@ class child_process {
     void send_signal(int signal) { ::kill(pid_, signal); }
 
     // Collects the rest of the output and the exit status (128 + N for a death by signal N);
-    // nothing if the child does not finish in time.
-    std::optional<int> wait_exit(std::chrono::seconds timeout = std::chrono::seconds(10)) {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
+    // nothing if the child does not finish within 10 s.
+    std::optional<int> wait_exit() {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         while (read_some(deadline)) {
         }
         int status = 0;

@@ -148,7 +148,6 @@ class QsfpctlTest : public ::testing::Test {
             volatile_value<&test_owner::get_runtime_failure>::create(db, "data/txBias", owner_),
             const_value<std::string>::create(db, "inventory/vendor", owner_, "Acme Optics"),
             command<&test_owner::restart>::create(db, "commands/restart", owner_),
-            command<&test_owner::clear_counters>::create(db, "commands/clearCounters", owner_),
         };
         thread_ = std::thread([api = api_.get()] { api->start(); });
     }
@@ -210,7 +209,6 @@ TEST_F(QsfpctlTest, GetAndRunPrintTheResultOrTheDaemonsTextAndCodeOnStderr) {
         {{"get", "status/moduleReady"},
          {1, "", "qsfpctl: status/moduleReady: Value has not been set (error -61)\n"}},
         {{"run", "commands/restart", "true"}, {0, "\"restarted hard\"\n", ""}},
-        {{"run", "commands/clearCounters"}, {0, "null\n", ""}},
         // No argument is sent as null, which a command taking a bool refuses.
         {{"run", "commands/restart"},
          {1, "", "qsfpctl: commands/restart: Expected a boolean value (error -22)\n"}},
@@ -239,9 +237,6 @@ TEST_F(QsfpctlTest, InfoLsAndTreePrintAlignedColumnsAndFailOnUnreadableNodes) {
     const std::string vendor_info =
         R"~({"path":"inventory/vendor","description":"const value (read)","valueType":"unknown",)~"
         R"("capabilities":{"read":true},"type":"const value"})";
-    const std::string commands =
-        "commands/clearCounters  <not readable: command>\n"
-        "commands/restart        <not readable: command>\n";
     expect_all({
         // Text is the pretty form of what --json shows as it comes.
         {{"info", "inventory/vendor"}, {0, pretty_json(parse_cli_value(vendor_info)) + "\n", ""}},
@@ -249,29 +244,29 @@ TEST_F(QsfpctlTest, InfoLsAndTreePrintAlignedColumnsAndFailOnUnreadableNodes) {
         {{"info", "nosuch"}, {1, "", "qsfpctl: nosuch: No such node: nosuch (error -2)\n"}},
         {{"ls"},
          {0,
-          "commands/clearCounters  command\n"
-          "commands/restart        command\n"
-          "config/adminStatus      config param\n"
-          "config/level            config param\n"
-          "data/temperature        volatile value\n"
-          "data/txBias             volatile value\n"
-          "inventory/vendor        const value\n"
-          "status/counter          status value\n"
-          "status/moduleReady      status value\n",
+          "commands/restart    command\n"
+          "config/adminStatus  config param\n"
+          "config/level        config param\n"
+          "data/temperature    volatile value\n"
+          "data/txBias         volatile value\n"
+          "inventory/vendor    const value\n"
+          "status/counter      status value\n"
+          "status/moduleReady  status value\n",
           ""}},
         {{"ls", "nosuch"}, {1, "", "qsfpctl: no node at or below 'nosuch'\n"}},
         {{"tree"},
          {1,
-          commands + "config/adminStatus      \"down\"\n"
-                     "config/level            3\n"
-                     "data/temperature        21.5\n"
-                     "data/txBias             <error -5: Runtime error (bus gone)>\n"
-                     "inventory/vendor        \"Acme Optics\"\n"
-                     "status/counter          0\n"
-                     "status/moduleReady      <error -61: Value has not been set>\n",
-          "qsfpctl: 2 of 9 nodes could not be read\n"}},
+          "commands/restart    <not readable: command>\n"
+          "config/adminStatus  \"down\"\n"
+          "config/level        3\n"
+          "data/temperature    21.5\n"
+          "data/txBias         <error -5: Runtime error (bus gone)>\n"
+          "inventory/vendor    \"Acme Optics\"\n"
+          "status/counter      0\n"
+          "status/moduleReady  <error -61: Value has not been set>\n",
+          "qsfpctl: 2 of 8 nodes could not be read\n"}},
         // Commands have no value to read, which is no failure.
-        {{"tree", "commands"}, {0, commands, ""}},
+        {{"tree", "commands"}, {0, "commands/restart  <not readable: command>\n", ""}},
         {{"tree", "config"}, {0, "config/adminStatus  \"down\"\nconfig/level        3\n", ""}},
         {{"tree", "nosuch"}, {1, "", "qsfpctl: no node at or below 'nosuch'\n"}},
     });
@@ -374,20 +369,16 @@ TEST_F(QsfpctlTest, WatchInJsonPrintsOneObjectPerLineWithUtcTimes) {
 }
 
 TEST_F(QsfpctlTest, WatchRefusesPathsThatCannotBeSubscribedBeforePrintingAnything) {
-    const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
-        {{"watch", "data/temperature"},
-         "qsfpctl: data/temperature: Operation 'subscribe' is not supported by volatile value "
-         "(error -95)\n"},
-        {{"watch", "status/counter", "nosuch"},
-         "qsfpctl: nosuch: No such node: nosuch (error -2)\n"},
-    };
-    for (const auto& [args, err] : cases) {
-        bool subscribed = false;
-        auto controls = bounded(1);
-        controls.on_subscribed = [&] { subscribed = true; };
-        EXPECT_EQ(ctl(args, controls), (ctl_result{1, "", err}));
-        EXPECT_FALSE(subscribed);
-    }
+    bool subscribed = false;
+    auto controls = bounded(1);
+    controls.on_subscribed = [&] { subscribed = true; };
+    EXPECT_EQ(ctl({"watch", "data/temperature"}, controls),
+              (ctl_result{1, "",
+                          "qsfpctl: data/temperature: Operation 'subscribe' is not supported by "
+                          "volatile value (error -95)\n"}));
+    EXPECT_EQ(ctl({"watch", "status/counter", "nosuch"}, controls),
+              (ctl_result{1, "", "qsfpctl: nosuch: No such node: nosuch (error -2)\n"}));
+    EXPECT_FALSE(subscribed);
 }
 
 TEST_F(QsfpctlTest, WatchReportsALostConnectionWithStatusThree) {
