@@ -39,7 +39,6 @@ class tick_recorder : public dh_db_leaf_node {
 };
 
 TEST(GridSchedule, SlotOffsets) {
-    EXPECT_EQ(qsfpd::grid_schedule::slot_offset(3, 8), 37ms);
     EXPECT_EQ(qsfpd::grid_schedule::slot_offset(7, 8), 87ms);
     EXPECT_EQ(qsfpd::grid_schedule::slot_offset(5, 0), 0ms);
 }
