@@ -12,70 +12,46 @@
 #include "qsfpd_options.hpp"
 
 namespace {
+using qsfpd::test::child_process;
 
-std::optional<qsfpd::daemon_options> parse(std::vector<const char*> args,
-                                           std::string* printed = nullptr) {
+// "device server port units unit", or what was printed when the words were refused.
+std::string parsed(std::vector<const char*> args) {
     args.insert(args.begin(), "qsfpd");
     std::ostringstream out;
-    auto result = qsfpd::parse_command_line(static_cast<int>(args.size()), args.data(), out);
-    if (printed) *printed = out.str();
-    return result;
+    const auto o = qsfpd::parse_command_line(static_cast<int>(args.size()), args.data(), out);
+    if (!o) return out.str();
+    return o->device_path + " " + o->server_name + " " + std::to_string(o->port) + " " +
+           std::to_string(o->num_units) + " " + std::to_string(o->unit);
 }
 
 TEST(QsfpdOptions, DefaultsAndTheUnitAppendedWithoutSeparator) {
-    struct row {
-        std::vector<const char*> args;
-        const char* device;
-        const char* server;
-        unsigned port;
-    };
-    const row rows[] = {
-        {{}, "/dev/qsfp", "/tmp/device_handlers/qsfp", 2500},
-        {{"-u", "0"}, "/dev/qsfp0", "/tmp/device_handlers/qsfp/0", 2500},
+    const std::pair<std::vector<const char*>, std::string> rows[] = {
+        {{}, "/dev/qsfp /tmp/device_handlers/qsfp 2500 0 99"},
+        {{"-u", "0"}, "/dev/qsfp0 /tmp/device_handlers/qsfp/0 2500 0 0"},
         {{"--unit", "3", "-n", "8", "-p", "2503"},
-         "/dev/qsfp3",
-         "/tmp/device_handlers/qsfp/3",
-         2503},
-        {{"-u", "99"}, "/dev/qsfp", "/tmp/device_handlers/qsfp", 2500},
-        {{"-d", "/dev/x", "-u", "2"}, "/dev/x2", "/tmp/device_handlers/qsfp/2", 2500},
+         "/dev/qsfp3 /tmp/device_handlers/qsfp/3 2503 8 3"},
+        {{"-u", "99"}, "/dev/qsfp /tmp/device_handlers/qsfp 2500 0 99"},
+        {{"-d", "/dev/x", "-u", "2"}, "/dev/x2 /tmp/device_handlers/qsfp/2 2500 0 2"},
         {{"--device_path=/tmp/qsfp-emu/qsfp", "--unit=7"},
-         "/tmp/qsfp-emu/qsfp7",
-         "/tmp/device_handlers/qsfp/7",
-         2500},
+         "/tmp/qsfp-emu/qsfp7 /tmp/device_handlers/qsfp/7 2500 0 7"},
     };
-    for (const auto& r : rows) {
-        auto o = parse(r.args);
-        ASSERT_TRUE(o) << r.device;
-        EXPECT_EQ(o->device_path, r.device);
-        EXPECT_EQ(o->server_name, r.server);
-        EXPECT_EQ(o->port, r.port);
-    }
-    EXPECT_EQ(parse({})->num_units, 0u);
-    EXPECT_EQ(parse({})->unit, 99u);
+    for (const auto& [args, expected] : rows)
+        EXPECT_EQ(parsed(args), expected);
 }
 
 TEST(QsfpdOptions, HelpAndBadInputPrintTheDescription) {
-    std::string help;
-    EXPECT_FALSE(parse({"--help", "-u", "3"}, &help));
+    const std::string help = parsed({"--help", "-u", "3"});
     EXPECT_EQ(help.rfind("Available options:\n", 0), 0u);
-    EXPECT_NE(help.find("  --help                                Print help message\n"),
+    EXPECT_NE(help.find("\n  -d [ --device_path ] arg (=/dev/qsfp) path to qsfp device file"),
               std::string::npos);
-    EXPECT_NE(help.find("-d [ --device_path ] arg (=/dev/qsfp) path to qsfp device file"),
-              std::string::npos);
-    EXPECT_EQ(help.back(), '\n');
     for (std::vector<const char*> bad : {std::vector<const char*>{"--bogus"},
                                          {"-u", "three"},
                                          {"-p", "-1"},
                                          {"-u"},
                                          {"extra"},
-                                         {"-p", "70000"}}) {
-        std::string printed;
-        EXPECT_FALSE(parse(bad, &printed));
-        EXPECT_EQ(printed, help);
-    }
+                                         {"-p", "70000"}})
+        EXPECT_EQ(parsed(bad), help);
 }
-
-using qsfpd::test::child_process;
 
 // Runs the real daemon binary with its fixed paths under a private root.
 class QsfpdProcess : public ::testing::Test {
@@ -114,12 +90,9 @@ TEST_F(QsfpdProcess, ServesUnderItsServerNameAndExitsZeroOnSigterm) {
         if (!connected) ::usleep(10000);
     }
     ASSERT_TRUE(connected);
-    EXPECT_TRUE(client.list().IsArray());
-    // The manager's own nodes, for a cage with nothing in it.
-    EXPECT_EQ(std::string(client.get("config/adminStatus").GetString()), "down");
+    // The manager watches the emulated cage, which is empty; its own tests cover its nodes.
     EXPECT_FALSE(client.get("data/modulePresentPin").GetBool());
     EXPECT_EQ(client.get("alarms/transceiverMissing/severity").GetInt(), 1);
-    EXPECT_EQ(client.get("alarms/communicationFailure/severity").GetInt(), 0);
     daemon.send_signal(SIGTERM);
     EXPECT_EQ(daemon.wait_exit(), 0);
     EXPECT_NE(daemon.output().find("<6> [" + device + "3/init] Device handler initialized for " +
