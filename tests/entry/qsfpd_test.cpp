@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <sstream>
 #include <thread>
 
@@ -78,7 +79,10 @@ TEST_F(QsfpdProcess, ServesUnderItsServerNameAndExitsZeroOnSigterm) {
     emu_options.dir = root / "emu";
     emu_options.cages = 8;
     qsfpd::emu::emu_service emulator(emu_options);
-    std::thread emulating([&] { emulator.run(); });
+    std::jthread emulating([&] { emulator.run(); });
+    // Stops the emulator first on every way out, so that its thread can be joined.
+    const std::unique_ptr<qsfpd::emu::emu_service, void (*)(qsfpd::emu::emu_service*)> stopping(
+        &emulator, [](qsfpd::emu::emu_service* e) { e->stop(); });
     const std::string device = (root / "emu" / "qsfp").string();
 
     child_process daemon({QSFPD_BINARY, "-d", device, "-u", "3", "-n", "8", "-p", "0"});
@@ -99,8 +103,6 @@ TEST_F(QsfpdProcess, ServesUnderItsServerNameAndExitsZeroOnSigterm) {
                                    device + "3. Listening on port 0. (main.cpp:"),
               std::string::npos)
         << daemon.output();
-    emulator.stop();
-    emulating.join();
 }
 
 }  // namespace
