@@ -1,0 +1,108 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <sstream>
+#include <thread>
+
+#include "../tools/child_process.hpp"
+#include "device_handler_client.hpp"
+#include "emu_service.hpp"
+#include "qsfpd_options.hpp"
+
+namespace {
+using qsfpd::test::child_process;
+
+// "device server port units unit", or what was printed when the words were refused.
+std::string parsed(std::vector<const char*> args) {
+    args.insert(args.begin(), "qsfpd");
+    std::ostringstream out;
+    const auto o = qsfpd::parse_command_line(static_cast<int>(args.size()), args.data(), out);
+    if (!o) return out.str();
+    return o->device_path + " " + o->server_name + " " + std::to_string(o->port) + " " +
+           std::to_string(o->num_units) + " " + std::to_string(o->unit);
+}
+
+TEST(QsfpdOptions, DefaultsAndTheUnitAppendedWithoutSeparator) {
+    const std::pair<std::vector<const char*>, std::string> rows[] = {
+        {{}, "/dev/qsfp /tmp/device_handlers/qsfp 2500 0 99"},
+        {{"-u", "0"}, "/dev/qsfp0 /tmp/device_handlers/qsfp/0 2500 0 0"},
+        {{"--unit", "3", "-n", "8", "-p", "2503"},
+         "/dev/qsfp3 /tmp/device_handlers/qsfp/3 2503 8 3"},
+        {{"-u", "99"}, "/dev/qsfp /tmp/device_handlers/qsfp 2500 0 99"},
+        {{"-d", "/dev/x", "-u", "2"}, "/dev/x2 /tmp/device_handlers/qsfp/2 2500 0 2"},
+        {{"--device_path=/tmp/qsfp-emu/qsfp", "--unit=7"},
+         "/tmp/qsfp-emu/qsfp7 /tmp/device_handlers/qsfp/7 2500 0 7"},
+    };
+    for (const auto& [args, expected] : rows)
+        EXPECT_EQ(parsed(args), expected);
+}
+
+TEST(QsfpdOptions, HelpAndBadInputPrintTheDescription) {
+    const std::string help = parsed({"--help", "-u", "3"});
+    EXPECT_EQ(help.rfind("Available options:\n", 0), 0u);
+    EXPECT_NE(help.find("\n  -d [ --device_path ] arg (=/dev/qsfp) path to qsfp device file"),
+              std::string::npos);
+    for (std::vector<const char*> bad : {std::vector<const char*>{"--bogus"},
+                                         {"-u", "three"},
+                                         {"-p", "-1"},
+                                         {"-u"},
+                                         {"extra"},
+                                         {"-p", "70000"}})
+        EXPECT_EQ(parsed(bad), help);
+}
+
+// Runs the real daemon binary with its fixed paths under a private root.
+class QsfpdProcess : public ::testing::Test {
+  protected:
+    QsfpdProcess() { ::setenv("QSFPD_ROOT", root.c_str(), 1); }
+    ~QsfpdProcess() override {
+        ::unsetenv("QSFPD_ROOT");
+        std::filesystem::remove_all(root);
+    }
+
+    const std::filesystem::path root =
+        std::filesystem::temp_directory_path() / ("qsfpd-process-" + std::to_string(::getpid()));
+};
+
+TEST_F(QsfpdProcess, HelpExitsWithStatusOne) {
+    child_process daemon({QSFPD_BINARY, "--help", "-u", "3"});
+    EXPECT_EQ(daemon.wait_exit(), 1);
+    EXPECT_EQ(daemon.output().rfind("Available options:\n", 0), 0u);
+}
+
+TEST_F(QsfpdProcess, ServesUnderItsServerNameAndExitsZeroOnSigterm) {
+    // An emulated bus of eight empty cages for the daemon to manage.
+    qsfpd::emu::emu_service::options emu_options;
+    emu_options.dir = root / "emu";
+    emu_options.cages = 8;
+    qsfpd::emu::emu_service emulator(emu_options);
+    std::jthread emulating([&] { emulator.run(); });
+    // Stops the emulator first on every way out, so that its thread can be joined.
+    const std::unique_ptr<qsfpd::emu::emu_service, void (*)(qsfpd::emu::emu_service*)> stopping(
+        &emulator, [](qsfpd::emu::emu_service* e) { e->stop(); });
+    const std::string device = (root / "emu" / "qsfp").string();
+
+    child_process daemon({QSFPD_BINARY, "-d", device, "-u", "3", "-n", "8", "-p", "0"});
+    const auto socket = root / "tmp" / "device_handlers" / "qsfp" / "3";
+    device_handler_client client(socket.string(), std::chrono::milliseconds(2000));
+    bool connected = false;
+    for (int i = 0; i < 500 && !connected; ++i) {  // the daemon starts in the background
+        connected = client.connect();
+        if (!connected) ::usleep(10000);
+    }
+    ASSERT_TRUE(connected);
+    // The manager watches the emulated cage, which is empty; its own tests cover its nodes.
+    EXPECT_FALSE(client.get("data/modulePresentPin").GetBool());
+    EXPECT_EQ(client.get("alarms/transceiverMissing/severity").GetInt(), 1);
+    daemon.send_signal(SIGTERM);
+    EXPECT_EQ(daemon.wait_exit(), 0);
+    EXPECT_NE(daemon.output().find("<6> [" + device + "3/init] Device handler initialized for " +
+                                   device + "3. Listening on port 0. (main.cpp:"),
+              std::string::npos)
+        << daemon.output();
+}
+
+}  // namespace
