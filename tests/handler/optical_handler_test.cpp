@@ -1,10 +1,9 @@
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cmath>
+#include <tuple>
 #include <vector>
 
-#include "optical_test_support.hpp"
+#include "handler_test_support.hpp"
 #include "qsfp_optical_1lane_device_handler.hpp"
 #include "qsfp_optical_4lane_device_handler.hpp"
 
@@ -13,7 +12,7 @@ namespace {
 
 using optical = qsfp_optical_device_handler;
 
-class Optical : public optical_fixture {
+class Optical : public handler_fixture {
   protected:
     std::shared_ptr<qsfp_optical_4lane_device_handler> lr4() {
         insert("qsfp28_100g_lr4");
@@ -22,15 +21,13 @@ class Optical : public optical_fixture {
     // Freezes every lane's RX power register at `raw` (0.1 uW).
     void stick_rx_power(std::uint16_t raw, unsigned lanes = 4) {
         std::vector<std::uint8_t> bytes;
-        for (unsigned lane = 0; lane < lanes; ++lane) {
-            bytes.push_back(static_cast<std::uint8_t>(raw >> 8));
-            bytes.push_back(static_cast<std::uint8_t>(raw & 0xFF));
-        }
+        for (unsigned lane = 0; lane < lanes; ++lane)
+            bytes.insert(bytes.end(), {std::uint8_t(raw >> 8), std::uint8_t(raw & 0xFF)});
         module().stick({}, rx_power_byte, bytes);
     }
 };
 
-TEST(OpticalConversions, RegisterFormsAndRounding) {
+TEST(OpticalConversions, RegisterFormsRoundingAndTotalPower) {
     EXPECT_DOUBLE_EQ(optical::temperature_celsius(0x2680), 38.5);
     EXPECT_DOUBLE_EQ(optical::temperature_celsius(static_cast<std::int16_t>(0xF600)), -10.0);
     EXPECT_DOUBLE_EQ(optical::temperature_celsius(0x1A1A), 26.1);  // 26.1016
@@ -43,9 +40,6 @@ TEST(OpticalConversions, RegisterFormsAndRounding) {
     EXPECT_DOUBLE_EQ(optical::power_dbm(500), -13.0);
     EXPECT_DOUBLE_EQ(optical::power_dbm(1), -40.0);
     EXPECT_DOUBLE_EQ(optical::power_dbm(0), -99.0);
-}
-
-TEST(OpticalConversions, TotalPowerRules) {
     using lanes = std::vector<std::uint16_t>;
     EXPECT_DOUBLE_EQ(optical::total_power_dbm(lanes{8000, 8000, 8000, 8000}), 5.1);  // 3.2 mW
     EXPECT_DOUBLE_EQ(optical::total_power_dbm(lanes{10000, 0, 10000, 10000}), -99.0);
@@ -54,50 +48,32 @@ TEST(OpticalConversions, TotalPowerRules) {
     EXPECT_DOUBLE_EQ(optical::total_power_dbm(lanes{1, 1}), -37.0);
 }
 
-TEST_F(Optical, ColdStartProgramsPowerAndTransmitters) {
-    insert("qsfp28_100g_lr4");
-    poke_lower(tx_disable_byte, 0x0F);
-    poke_lower(power_control_byte, 0x02);  // low power requested, no override
-    auto h = make_variant<qsfp_optical_4lane_device_handler>();
-    EXPECT_EQ(lower(tx_disable_byte), 0x00);
-    EXPECT_EQ(lower(power_control_byte), 0x05);  // override, high power, class 5-7 enabled
-    EXPECT_FALSE(h->is_warm_started());
-    EXPECT_FALSE(read_bool("qsfp/data/debug/isWarmStarted"));
-    expect_logged("QSFP optical device handler",
-                  {"QSFP optical device handler cold started successfully for " + name});
-    EXPECT_EQ(read_string("qsfp/data/operStatus"), "up");
-    EXPECT_EQ(read_json("qsfp/data/nominalBitrate").GetUint(), regs->get_nom_bit_rate());
-    EXPECT_EQ(read_json("qsfp/data/numberOfLanes").GetUint(), 4u);
-    EXPECT_EQ(read_string("qsfp/dataModel"), "optical");
-}
-
-TEST_F(Optical, WarmStartWritesNothing) {
-    insert("qsfp28_100g_lr4");
-    poke_lower(tx_disable_byte, 0x05);
-    poke_lower(power_control_byte, 0x01);  // override on, power set clear: set up by an earlier run
-    const auto control = cage_bytes(0, false);
-    auto h = make_variant<qsfp_optical_4lane_device_handler>();
-    const auto after = cage_bytes(0, false);
-    // Control bytes 86..126 as they were (bytes below are status and flags).
-    EXPECT_TRUE(std::equal(control.begin() + 86, control.begin() + 127, after.begin() + 86));
-    EXPECT_EQ(lower(tx_disable_byte), 0x05);
-    EXPECT_EQ(lower(power_control_byte), 0x01);
-    EXPECT_TRUE(h->is_warm_started());
-    EXPECT_TRUE(read_bool("qsfp/data/debug/isWarmStarted"));
-    expect_logged("QSFP optical device handler",
-                  {"QSFP optical device handler warm started successfully for " + name});
-    EXPECT_EQ(read_string("qsfp/data/operStatus"), "up");
-}
-
-TEST_F(Optical, OnlyOverrideWithoutPowerSetIsAWarmStart) {
-    const std::array<std::pair<std::uint8_t, bool>, 4> cases = {
-        {{0x00, false}, {0x01, true}, {0x03, false}, {0x05, true}}};
-    for (const auto& [control, warm] : cases) {
+TEST_F(Optical, OnlyOverrideWithoutPowerSetIsAWarmStartWhichWritesNothing) {
+    // Byte 93 left by an earlier run: override on and power set clear means the module is set up.
+    for (const auto& [control, warm] : std::vector<std::pair<std::uint8_t, bool>>{
+             {0x00, false}, {0x01, true}, {0x02, false}, {0x03, false}, {0x05, true}}) {
+        SCOPED_TRACE(int(control));
+        logs.clear();
         insert("qsfp28_100g_lr4");
+        poke_lower(tx_disable_byte, 0x05);
         poke_lower(power_control_byte, control);
+        const auto before = cage_bytes(0, false);
         auto h = make_variant<qsfp_optical_4lane_device_handler>();
-        EXPECT_EQ(h->is_warm_started(), warm) << int(control);
-        EXPECT_EQ(lower(power_control_byte), warm ? control : 0x05) << int(control);
+        const auto after = cage_bytes(0, false);
+        EXPECT_EQ(h->is_warm_started(), warm);
+        EXPECT_EQ(read_bool("qsfp/data/debug/isWarmStarted"), warm);
+        if (warm) {
+            // Control bytes 86..126 as they were (bytes below are status and flags).
+            EXPECT_TRUE(std::equal(before.begin() + 86, before.begin() + 127, after.begin() + 86));
+        } else {
+            EXPECT_EQ(lower(tx_disable_byte), 0x00);
+            EXPECT_EQ(lower(power_control_byte), 0x05);  // override, high power, class 5-7 enabled
+        }
+        expect_logged("QSFP optical device handler",
+                      {"QSFP optical device handler " + std::string(warm ? "warm" : "cold") +
+                       " started successfully for " + name});
+        EXPECT_EQ(read_string("qsfp/data/operStatus"), "up");
+        EXPECT_EQ(read_uint("qsfp/data/nominalBitrate"), regs->get_nom_bit_rate());
     }
 }
 
@@ -106,22 +82,22 @@ TEST_F(Optical, TemperatureMarginAndFakeTemperature) {
     module().stick({}, 22, {0x26, 0x80});  // 38.5 degC
     clock->run_for(1s);
     EXPECT_DOUBLE_EQ(h->get_trx_temperature(), 38.5);
-    EXPECT_DOUBLE_EQ(read_double("qsfp/data/temperatureMargin"), 31.5);  // byte 190 = 70
-    poke_upper(0, 190, 85);
-    EXPECT_DOUBLE_EQ(read_double("qsfp/data/temperatureMargin"), 46.5);
-    poke_upper(0, 190, 0);  // no limit given: 70 degC
-    EXPECT_DOUBLE_EQ(read_double("qsfp/data/temperatureMargin"), 31.5);
-
+    // The margin is to page 00h byte 190, or to 70 degC when the module gives no limit.
+    for (const auto& [limit, margin] :
+         std::vector<std::pair<std::uint8_t, double>>{{70, 31.5}, {85, 46.5}, {0, 31.5}}) {
+        poke_upper(0, 190, limit);
+        EXPECT_DOUBLE_EQ(read_double("qsfp/data/temperatureMargin"), margin) << int(limit);
+    }
     module().stick({}, 22, {0xF6, 0x00});  // -10 degC
     clock->run_for(1s);
     EXPECT_DOUBLE_EQ(h->get_trx_temperature(), -10.0);
     EXPECT_DOUBLE_EQ(read_double("qsfp/data/temperatureMargin"), 80.0);
 
-    set_uint("qsfp/config/debug/fakeTemperature", 65);
+    write("qsfp/config/debug/fakeTemperature", 65);
     EXPECT_EQ(read_json("qsfp/data/debug/fakeTemperature").GetInt(), 65);
     EXPECT_DOUBLE_EQ(h->get_trx_temperature(), 65.0);
     EXPECT_DOUBLE_EQ(read_double("qsfp/data/temperatureMargin"), 5.0);
-    set_uint("qsfp/config/debug/fakeTemperature", 0);
+    write("qsfp/config/debug/fakeTemperature", 0);
     EXPECT_DOUBLE_EQ(h->get_trx_temperature(), -10.0);
 }
 
@@ -149,12 +125,12 @@ TEST_F(Optical, TotalPowerThroughTheRegisters) {
 TEST_F(Optical, TotalPowerAtTheFloorIsNoLightOnOneLane) {
     insert("qsfp28_100g_fr1_pam4");
     auto h = make_variant<qsfp_optical_1lane_device_handler>();
-    stick_rx_power(1, 1);
-    clock->run_for(1s);
-    EXPECT_DOUBLE_EQ(h->get_total_rx_power(), -99.0);
-    stick_rx_power(2, 1);
-    clock->run_for(1s);
-    EXPECT_DOUBLE_EQ(h->get_total_rx_power(), -37.0);
+    for (const auto& [raw, dbm] :
+         std::vector<std::pair<std::uint16_t, double>>{{1, -99.0}, {2, -37.0}}) {
+        stick_rx_power(raw, 1);
+        clock->run_for(1s);
+        EXPECT_DOUBLE_EQ(h->get_total_rx_power(), dbm) << raw;
+    }
 }
 
 TEST_F(Optical, TxFaultHoldsNotDetectedForThreeSeconds) {
@@ -185,62 +161,54 @@ TEST_F(Optical, TxFaultHoldsNotDetectedForThreeSeconds) {
 }
 
 // LOS and LOL share the flap suppression; each has its own byte, alarm and texts.
-struct suppressed_event {
-    std::uint8_t byte;
-    const char* alarm;
-    std::string event;
-    friend void PrintTo(const suppressed_event& e, std::ostream* os) { *os << e.event; }
-};
+TEST_F(Optical, SuppressionEntersAtTheEleventhTransitionAndExitsAfterTenQuietBuckets) {
+    for (const auto& [byte, alarm, event] :
+         {std::tuple{rx_los_byte, "lossOfSignal", std::string("LOS")},
+          std::tuple{rx_lol_byte, "lossOfLock", std::string("LOL")}}) {
+        SCOPED_TRACE(event);
+        logs.clear();
+        auto h = lr4();
+        texts expected;
+        // Cycles 1..10 toggle and are reported one by one.
+        for (unsigned n = 1; n <= 10; ++n) {
+            const bool on = n % 2 == 1;
+            if (on)
+                cycle_with(*h, byte, 0x01);
+            else
+                cycle(*h);
+            expected.push_back(event + (on ? " detected " : " not detected ") + name);
+            EXPECT_EQ(severity(alarm), on ? 1 : 0) << "cycle " << n;
+        }
+        expect_logged(event + " ", expected);
+        cycle_with(*h, byte, 0x02);  // cycle 11: the 11th transition
+        expected.push_back(event + " event suppression mode entered, " + event + " detected " +
+                           name);
+        expect_logged(event + " ", expected);
+        EXPECT_EQ(severity(alarm), 1);
 
-class Suppression : public Optical, public ::testing::WithParamInterface<suppressed_event> {};
-
-TEST_P(Suppression, EntersAtTheEleventhTransitionAndExitsAfterTenQuietBuckets) {
-    const auto& [byte, alarm, event] = GetParam();
-    auto h = lr4();
-    std::vector<std::string> expected;
-    // Cycles 1..10 toggle and are reported one by one.
-    for (unsigned n = 1; n <= 10; ++n) {
-        const bool on = n % 2 == 1;
-        if (on)
-            cycle_with(*h, byte, 0x01);
-        else
+        // Flapping on, then quiet and clear from cycle 14 on: nothing pushed, nothing logged.
+        cycle(*h);                   // 12
+        cycle_with(*h, byte, 0x01);  // 13
+        for (unsigned n = 14; n < 110; ++n) {
             cycle(*h);
-        expected.push_back(event + (on ? " detected " : " not detected ") + name);
-        EXPECT_EQ(severity(alarm), on ? 1 : 0) << "cycle " << n;
-    }
-    expect_logged(event + " ", expected);
-    cycle_with(*h, byte, 0x02);  // cycle 11: the 11th transition
-    expected.push_back(event + " event suppression mode entered, " + event + " detected " + name);
-    expect_logged(event + " ", expected);
-    EXPECT_EQ(severity(alarm), 1);
-
-    // Flapping on, then quiet and clear from cycle 14 on: nothing pushed, nothing logged.
-    cycle(*h);                   // 12
-    cycle_with(*h, byte, 0x01);  // 13
-    for (unsigned n = 14; n < 110; ++n) {
+            ASSERT_EQ(severity(alarm), 1) << "cycle " << n;
+        }
+        expect_logged(event + " ", expected);
+        // The last transition (cycle 14) went into the bucket opened at cycle 10; ten shifts later,
+        // at cycle 110, the history is empty.
         cycle(*h);
-        ASSERT_EQ(severity(alarm), 1) << "cycle " << n;
+        expected.push_back(event + " event suppression mode exited, " + event + " not detected " +
+                           name);
+        expect_logged(event + " ", expected);
+        EXPECT_EQ(severity(alarm), 0);
+
+        // Back to reporting every change.
+        cycle_with(*h, byte, 0x01);
+        EXPECT_EQ(severity(alarm), 1);
+        expected.push_back(event + " detected " + name);
+        expect_logged(event + " ", expected);
     }
-    expect_logged(event + " ", expected);
-    // The last transition (cycle 14) went into the bucket opened at cycle 10; ten shifts later,
-    // at cycle 110, the history is empty.
-    cycle(*h);
-    expected.push_back(event + " event suppression mode exited, " + event + " not detected " +
-                       name);
-    expect_logged(event + " ", expected);
-    EXPECT_EQ(severity(alarm), 0);
-
-    // Back to reporting every change.
-    cycle_with(*h, byte, 0x01);
-    EXPECT_EQ(severity(alarm), 1);
-    expected.push_back(event + " detected " + name);
-    expect_logged(event + " ", expected);
 }
-
-INSTANTIATE_TEST_SUITE_P(Optical, Suppression,
-                         ::testing::Values(suppressed_event{rx_los_byte, "lossOfSignal", "LOS"},
-                                           suppressed_event{rx_lol_byte, "lossOfLock", "LOL"}),
-                         [](const auto& info) { return info.param.event; });
 
 TEST_F(Optical, LosFromRxPowerBelowTheLowAlarmThreshold) {
     auto h = lr4();       // RX power low alarm 500 = -13.0 dBm
@@ -281,9 +249,8 @@ TEST_F(Optical, LolIsMaskedUnderLos) {
 
 TEST_F(Optical, TemperatureSeverityFollowsTheHighFlagsEveryCycle) {
     auto h = lr4();
-    const std::array<std::pair<std::uint8_t, int>, 6> cases = {
-        {{0x80, 2}, {0x00, 0}, {0x20, 1}, {0xA0, 2}, {0x50, 0}, {0x20, 1}}};
-    for (const auto& [flags, expected] : cases) {
+    for (const auto& [flags, expected] : std::vector<std::pair<std::uint8_t, int>>{
+             {0x80, 2}, {0x00, 0}, {0x20, 1}, {0xA0, 2}, {0x50, 0}, {0x20, 1}}) {
         cycle_with(*h, temp_flags_byte, flags);
         EXPECT_EQ(severity("temperature"), expected) << "flags " << int(flags);
     }
@@ -293,9 +260,9 @@ TEST_F(Optical, TxEnableWholeModuleAndPerLane) {
     auto h = lr4();
     EXPECT_TRUE(read_bool("qsfp/settings/txEnable"));
     auto before = writes();
-    set_bool("qsfp/settings/txEnable", true);
+    write("qsfp/settings/txEnable", true);
     EXPECT_EQ(writes(), before);
-    set_bool("qsfp/settings/txEnable", false);
+    write("qsfp/settings/txEnable", false);
     EXPECT_EQ(lower(tx_disable_byte), 0x0F);
     EXPECT_TRUE(read_bool("qsfp/data/txDisabledCompletely"));
     EXPECT_FALSE(read_bool("qsfp/data/txEnabledCompletely"));
@@ -335,21 +302,8 @@ TEST_F(Optical, AdminStatusDrivesPowerSet) {
     auto h = lr4();
     h->set_port_admin_status("down");
     EXPECT_EQ(lower(power_control_byte) & 0x02, 0x02);
-    EXPECT_EQ(logs.count("Setting adminstatus down "), 1u);
-    auto before = writes();
-    h->set_port_admin_status("down");
-    EXPECT_EQ(writes(), before);
-    EXPECT_EQ(logs.count("Setting adminstatus down but adminstatus is already down, do nothing. "),
-              1u);
     h->set_port_admin_status("up");
     EXPECT_EQ(lower(power_control_byte), 0x05);
-    before = writes();
-    h->set_port_admin_status("up");
-    EXPECT_EQ(writes(), before);
-    const auto e = error_of([&] { h->set_port_admin_status("off"); });
-    EXPECT_EQ(e.code(), -22);
-    EXPECT_EQ(e.text().rfind("Illegal parameter admin status: off", 0), 0u);
-    EXPECT_EQ(writes(), before);
 }
 
 TEST_F(Optical, WavelengthAndChannel) {
@@ -370,13 +324,12 @@ TEST_F(Optical, WavelengthAndChannel) {
 TEST_F(Optical, LaneFlagGettersRefuseLanesTheModuleLacks) {
     insert("qsfp28_100g_fr1_pam4");
     auto h = make_variant<qsfp_optical_1lane_device_handler>();
-    const std::array<std::pair<std::function<void()>, std::string>, 3> cases = {{
-        {[&] { h->get_channel_tx_fault(1); }, "Illegal channel index while getting TX fault"},
-        {[&] { h->get_channel_los(1); }, "Illegal channel index while getting LOS"},
-        {[&] { h->get_channel_lol(1); }, "Illegal channel index while getting LOL"},
-    }};
-    for (const auto& [op, text] : cases)
-        EXPECT_EQ(error_of(op).text(), text);
+    EXPECT_EQ(error_of([&] { h->get_channel_tx_fault(1); }).text(),
+              "Illegal channel index while getting TX fault");
+    EXPECT_EQ(error_of([&] { h->get_channel_los(1); }).text(),
+              "Illegal channel index while getting LOS");
+    EXPECT_EQ(error_of([&] { h->get_channel_lol(1); }).text(),
+              "Illegal channel index while getting LOL");
     EXPECT_FALSE(h->get_channel_lol(0));
 }
 
