@@ -3,7 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <rapidjson/error/error.h>
+#include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -17,7 +20,6 @@ namespace qsfpd {
 namespace {
 
 using test::factory_recorder;
-using test::temp_dir;
 
 constexpr const char* tag = "/dev/qsfp3";
 
@@ -25,10 +27,15 @@ class Catalogue : public ::testing::Test {
   protected:
     void SetUp() override {
         msg_log::init({.max_severity = msg_log::debug, .to_stderr = false, .to_syslog = false});
+        std::filesystem::create_directories(dir);
+    }
+    void TearDown() override { std::filesystem::remove_all(dir); }
+    std::string write(const std::string& file_name, std::string_view content) {
+        std::ofstream(dir / file_name, std::ios::binary) << content;
+        return (dir / file_name).string();
     }
     probe_map load(std::string_view json) {
-        return load_probe_map(dir.write("transceiver_qsfp.json", json), recorder.factory_for(),
-                              tag);
+        return load_probe_map(write("transceiver_qsfp.json", json), recorder.factory_for(), tag);
     }
     // The one record logged, an error of this module starting with `text`.
     void expect_one_error(const std::string& text) {
@@ -39,7 +46,8 @@ class Catalogue : public ::testing::Test {
         EXPECT_THAT(records[0].text, ::testing::StartsWith(text));
     }
 
-    temp_dir dir{"catalogue"};
+    const std::filesystem::path dir =
+        std::filesystem::temp_directory_path() / ("qsfpd-catalogue-" + std::to_string(::getpid()));
     factory_recorder recorder;
     msg_log::log_capture capture;
 };
@@ -236,8 +244,7 @@ TEST_F(Catalogue, UnknownMembersAreIgnoredAndEmptyListsGiveAnEmptyMapWithoutLog)
 }
 
 TEST_F(Catalogue, MissingFileLogsOneErrorAndGivesAnEmptyMap) {
-    const auto map =
-        load_probe_map((dir.path() / "absent.json").string(), recorder.factory_for(), tag);
+    const auto map = load_probe_map((dir / "absent.json").string(), recorder.factory_for(), tag);
     EXPECT_TRUE(map.empty());
     expect_one_error(
         "Could not open transceiver info file for reading (transceiver_catalogue.cpp:");
@@ -269,12 +276,12 @@ void load_and_log_to_stderr(const std::string& file) {
 
 TEST_F(Catalogue, WrongTypeIsFatalNamingListEntryAndKey) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    auto file = dir.write("bad_vendor.json", R"({"passiveTransceiverList": [
+    auto file = write("bad_vendor.json", R"({"passiveTransceiverList": [
         {"vendor": "V", "partNumber": "P", "description": "d"},
         {"vendor": 7, "partNumber": "P2", "description": "d"}]})");
     EXPECT_DEATH(load_and_log_to_stderr(file),
                  "list passiveTransceiverList, entry 1, key \"vendor\": missing or not a string");
-    file = dir.write("bad_flag.json", R"({"opticalDD4LaneTransceiverList": [
+    file = write("bad_flag.json", R"({"opticalDD4LaneTransceiverList": [
         {"vendor": "V", "partNumber": "P", "description": "d", "isFec": "yes"}]})");
     EXPECT_DEATH(load_and_log_to_stderr(file),
                  "list opticalDD4LaneTransceiverList, entry 0, key \"isFec\": not a boolean");

@@ -9,62 +9,38 @@
 namespace qsfpd::handler_test {
 namespace {
 
-// Node kinds by path below "qsfp/".
-struct node_group {
-    std::string kind;
-    std::vector<std::string> paths;
-};
-const std::vector<node_group> constructor_nodes = {
+// Node kinds and the paths below "qsfp/" of that kind.
+using node_groups = std::vector<std::pair<std::string, std::string>>;
+const node_groups constructor_nodes = {
     {"const value",
-     {"dataModel", "inventory/vendor", "inventory/partNumber", "inventory/partName",
-      "inventory/description", "inventory/identifier", "inventory/IsQsfpDD"}},
-    {"status value", {"data/dhReady", "alarms/unsupported/severity", "data/configStatus"}}};
-const std::vector<node_group> start_nodes = {
+     "dataModel inventory/vendor inventory/partNumber inventory/partName inventory/description "
+     "inventory/identifier inventory/IsQsfpDD"},
+    {"status value", "data/dhReady alarms/unsupported/severity data/configStatus"}};
+const node_groups start_nodes = {
     {"const value",
-     {"param/fecDefault", "inventory/typeOfModuleInSlot", "inventory/hwRevision",
-      "inventory/serialNumber", "data/capability"}},
+     "param/fecDefault inventory/typeOfModuleInSlot inventory/hwRevision inventory/serialNumber "
+     "data/capability"},
     {"volatile value",
-     {"data/pageDump/lowerPage", "data/pageDump/upperBankedPage",
-      "data/pageDump/upperPage/activePages", "data/pageDump/advertised", "data/debug/reg/address",
-      "data/debug/reg/mask", "data/debug/reg/wr_data", "data/debug/reg/rd_data"}},
+     "data/pageDump/lowerPage data/pageDump/upperBankedPage data/pageDump/upperPage/activePages "
+     "data/pageDump/advertised data/debug/reg/address data/debug/reg/mask data/debug/reg/wr_data "
+     "data/debug/reg/rd_data"},
     {"config param",
-     {"config/pageDump/currentUpperPageNumber", "config/pageDump/currentUpperBankNumber",
-      "config/dhReady", "config/debug/reg/address", "config/debug/reg/mask",
-      "config/debug/reg/wr_data"}}};
+     "config/pageDump/currentUpperPageNumber config/pageDump/currentUpperBankNumber config/dhReady "
+     "config/debug/reg/address config/debug/reg/mask config/debug/reg/wr_data"}};
 
-// SFF-8024 Table 4-1, written out here on its own so the handler's table is checked against it.
-const std::vector<std::string> sff8024_names = {
-    "Unknown or unspecified",
-    "GBIC",
-    "Module/connector soldered to motherboard (using SFF-8472)",
-    "SFP/SFP+/SFP28",
-    "300 pin XBI",
-    "XENPAK",
-    "XFP",
-    "XFF",
-    "XFP-E",
-    "XPAK",
-    "X2",
-    "DWDM-SFP/SFP+ (not using SFF-8472)",
-    "QSFP (INF-8438)",
-    "QSFP+ or later (SFF-8436, SFF-8635, SFF-8665, SFF-8685 et al)",
-    "CXP or later",
-    "Shielded Mini Multilane HD 4X",
-    "Shielded Mini Multilane HD 8X",
-    "QSFP28 or later (SFF-8665 et al)",
-    "CXP2 (aka CXP28) or later",
-    "CDFP (Style 1/Style2)",
-    "Shielded Mini Multilane HD 4X Fanout Cable",
-    "Shielded Mini Multilane HD 8X Fanout Cable",
-    "CDFP (Style 3)",
-    "microQSFP",
-    "QSFP-DD Double Density 8X Pluggable Transceiver (INF-8628)",
-    "OSFP 8X Pluggable Transceiver",
-    "SFP-DD Double Density 2X Pluggable Transceiver",
-    "DSFP Dual Small Form Factor Pluggable Transceiver",
-    "x4 MiniLink/OcuLink",
-    "x8 MiniLink",
-    "QSFP+ or later with Common Management Interface Specification (CMIS)"};
+// SFF-8024 Table 4-1 joined by '|', written out here on its own so the handler's table is checked
+// against it.
+const std::string sff8024_names =
+    "Unknown or unspecified|GBIC|Module/connector soldered to motherboard (using SFF-8472)|"
+    "SFP/SFP+/SFP28|300 pin XBI|XENPAK|XFP|XFF|XFP-E|XPAK|X2|DWDM-SFP/SFP+ (not using SFF-8472)|"
+    "QSFP (INF-8438)|QSFP+ or later (SFF-8436, SFF-8635, SFF-8665, SFF-8685 et al)|CXP or later|"
+    "Shielded Mini Multilane HD 4X|Shielded Mini Multilane HD 8X|QSFP28 or later (SFF-8665 et al)|"
+    "CXP2 (aka CXP28) or later|CDFP (Style 1/Style2)|Shielded Mini Multilane HD 4X Fanout Cable|"
+    "Shielded Mini Multilane HD 8X Fanout Cable|CDFP (Style 3)|microQSFP|"
+    "QSFP-DD Double Density 8X Pluggable Transceiver (INF-8628)|OSFP 8X Pluggable Transceiver|"
+    "SFP-DD Double Density 2X Pluggable Transceiver|"
+    "DSFP Dual Small Form Factor Pluggable Transceiver|x4 MiniLink/OcuLink|x8 MiniLink|"
+    "QSFP+ or later with Common Management Interface Specification (CMIS)";
 
 // The bytes of a page dump, row by row, checking the row offsets on the way.
 std::vector<std::uint8_t> dump_bytes(const rapidjson::Value& page, unsigned first_offset) {
@@ -85,14 +61,15 @@ std::vector<std::uint8_t> dump_bytes(const rapidjson::Value& page, unsigned firs
 class Handler : public handler_fixture {
   protected:
     // Checks each node's kind; returns how many nodes the groups name.
-    std::size_t expect_nodes(const std::vector<node_group>& groups) {
+    std::size_t expect_nodes(const node_groups& groups) {
         std::size_t n = 0;
-        for (const auto& [kind, paths] : groups)
-            for (const auto& path : paths) {
+        for (const auto& [kind, paths] : groups) {
+            std::istringstream in(paths);
+            for (std::string path; in >> path; ++n) {
                 const auto node = db.find("qsfp/" + path);
                 EXPECT_EQ(node ? node->kind() : "missing", kind) << path;
-                ++n;
             }
+        }
         return n;
     }
 };
@@ -148,13 +125,16 @@ TEST_F(Handler, IdentityAndInventoryOfAnSff8636AndACmisModule) {
 TEST_F(Handler, EveryIdentifierIsNamedAndThoseFrom31OnAreUnknown) {
     insert("qsfp28_100g_lr4");
     auto handler = make_handler();
-    ASSERT_EQ(sff8024_names.size(), 31u);
+    std::string names;
     for (unsigned id = 0; id <= 0xFF; ++id) {
         cage_emu->module()->poke({}, 0, static_cast<std::uint8_t>(id));
-        EXPECT_EQ(handler->get_type_of_module_in_slot(),
-                  id < sff8024_names.size() ? sff8024_names[id] : "Unknown module type")
-            << "identifier " << id;
+        const auto type = handler->get_type_of_module_in_slot();
+        if (id < 31)
+            names += (id == 0 ? "" : "|") + type;
+        else
+            EXPECT_EQ(type, "Unknown module type") << "identifier " << id;
     }
+    EXPECT_EQ(names, sff8024_names);
 }
 
 TEST_F(Handler, ReadinessIsLoggedAndPublished) {
