@@ -11,6 +11,7 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -144,18 +145,29 @@ class handler_fixture : public ::testing::Test {
         cycle(h);
     }
 
-    // A node's value as JSON, read the way the server reads it.
-    rapidjson::Document read_json(const std::string& path) {
-        const std::string text = db.lookup(path)->get_text(path);
+    static rapidjson::Document parse(const std::string& text) {
         rapidjson::Document doc;
         doc.Parse(text.c_str(), text.size());
-        EXPECT_FALSE(doc.HasParseError()) << path << ": " << text;
+        EXPECT_FALSE(doc.HasParseError()) << text;
         return doc;
+    }
+    // A node's value as JSON, read the way the server reads it.
+    rapidjson::Document read_json(const std::string& path) {
+        return parse(db.lookup(path)->get_text(path));
     }
     std::string read_string(const std::string& path) {
         const auto doc = read_json(path);
         EXPECT_TRUE(doc.IsString()) << path;
         return doc.IsString() ? doc.GetString() : "";
+    }
+    // The JSON texts of the nodes below "qsfp/" named in `paths`, space-separated like the paths:
+    // exact, so a value that should read 23.4 or 0 fails as 23.400000000000002 or -0.0.
+    std::string values(const std::string& paths) {
+        std::istringstream in(paths);
+        std::string out;
+        for (std::string path; in >> path;)
+            out += (out.empty() ? "" : " ") + db.lookup("qsfp/" + path)->get_text("qsfp/" + path);
+        return out;
     }
     bool read_bool(const std::string& path) { return read_json(path).GetBool(); }
     double read_double(const std::string& path) { return read_json(path).GetDouble(); }
@@ -165,11 +177,7 @@ class handler_fixture : public ::testing::Test {
     }
     // A string node whose value is itself a JSON document (the page dumps).
     rapidjson::Document read_embedded_json(const std::string& path) {
-        const std::string text = read_string(path);
-        rapidjson::Document doc;
-        doc.Parse(text.c_str(), text.size());
-        EXPECT_FALSE(doc.HasParseError()) << path << ": " << text;
-        return doc;
+        return parse(read_string(path));
     }
     template <class T>
     void write(const std::string& path, T value) {

@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 
 #include <sstream>
+#include <tuple>
 #include <utility>
 
 #include "../support/test_owner.hpp"
@@ -78,16 +79,10 @@ TEST_F(Handler, ConstructorAndStartRegisterTheirNodesAndReleasingTheHandlerRemov
     insert("qsfp28_100g_lr4");
     auto handler = make_handler();
     EXPECT_EQ(db.size(), expect_nodes(constructor_nodes));
-    for (const auto& [path, value] : std::vector<std::pair<std::string, std::string>>{
-             {"dataModel", "model-1"},
-             {"inventory/vendor", "VENDOR"},
-             {"inventory/partNumber", "PN-1"},
-             {"inventory/partName", "PART NAME"},
-             {"inventory/description", "a description"}})
-        EXPECT_EQ(read_string("qsfp/" + path), value);
-    EXPECT_FALSE(read_json("qsfp/data/dhReady").GetBool());
-    EXPECT_EQ(read_json("qsfp/alarms/unsupported/severity").GetInt(), 0);
-    EXPECT_FALSE(read_json("qsfp/data/configStatus").GetBool());
+    EXPECT_EQ(values("dataModel inventory/vendor inventory/partNumber inventory/partName "
+                     "inventory/description data/dhReady alarms/unsupported/severity "
+                     "data/configStatus"),
+              R"("model-1" "VENDOR" "PN-1" "PART NAME" "a description" false 0 false)");
 
     handler->start();
     EXPECT_EQ(db.size(), expect_nodes(constructor_nodes) + expect_nodes(start_nodes));
@@ -98,27 +93,19 @@ TEST_F(Handler, ConstructorAndStartRegisterTheirNodesAndReleasingTheHandlerRemov
 }
 
 TEST_F(Handler, IdentityAndInventoryOfAnSff8636AndACmisModule) {
-    struct row {
-        const char* profile;
-        bool fec;
-        unsigned identifier;
-        bool dd;
-        const char *type, *hw_revision, *serial;
-    };
-    for (const auto& r : {row{"qsfp28_100g_lr4", true, 0x11, false,
-                              "QSFP28 or later (SFF-8665 et al)", "A0", "CN03MFXG56I0001"},
-                          row{"qsfpdd_400zr", false, 0x18, true,
-                              "QSFP-DD Double Density 8X Pluggable Transceiver (INF-8628)", "01",
-                              "EMU0000000000040"}}) {
-        SCOPED_TRACE(r.profile);
-        auto handler = started(r.profile, {.isFec = r.fec});
-        EXPECT_EQ(read_uint("qsfp/inventory/identifier"), r.identifier);
-        EXPECT_EQ(read_json("qsfp/inventory/IsQsfpDD").GetBool(), r.dd);
-        EXPECT_EQ(read_string("qsfp/inventory/typeOfModuleInSlot"), r.type);
-        EXPECT_EQ(read_string("qsfp/inventory/hwRevision"), r.hw_revision);
-        EXPECT_EQ(read_string("qsfp/inventory/serialNumber"), r.serial);
-        EXPECT_EQ(read_json("qsfp/param/fecDefault").GetBool(), r.fec);
-        EXPECT_EQ(read_json("qsfp/data/capability").GetInt(), 0);
+    using row = std::tuple<const char*, bool, std::string>;
+    for (const auto& [profile, fec, expected] :
+         {row{"qsfp28_100g_lr4", true,
+              R"x(17 false "QSFP28 or later (SFF-8665 et al)" "A0" "CN03MFXG56I0001" true 0)x"},
+          row{"qsfpdd_400zr", false,
+              R"x(24 true "QSFP-DD Double Density 8X Pluggable Transceiver (INF-8628)" "01" )x"
+              R"x("EMU0000000000040" false 0)x"}}) {
+        SCOPED_TRACE(profile);
+        auto handler = started(profile, qsfp_flags_s{.isFec = fec});
+        EXPECT_EQ(values("inventory/identifier inventory/IsQsfpDD inventory/typeOfModuleInSlot "
+                         "inventory/hwRevision inventory/serialNumber param/fecDefault "
+                         "data/capability"),
+                  expected);
     }
 }
 
@@ -140,8 +127,7 @@ TEST_F(Handler, EveryIdentifierIsNamedAndThoseFrom31OnAreUnknown) {
 TEST_F(Handler, ReadinessIsLoggedAndPublished) {
     auto handler = started();  // the test handler reports ready at the end of its start()
     EXPECT_TRUE(handler->get_dh_ready());
-    EXPECT_TRUE(read_json("qsfp/data/dhReady").GetBool());
-    EXPECT_TRUE(read_json("qsfp/config/dhReady").GetBool());
+    EXPECT_EQ(values("data/dhReady config/dhReady"), "true true");
     const auto records = logs.find("Setting dh ready");
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(records[0].tag, "qsfp/init");
@@ -149,8 +135,7 @@ TEST_F(Handler, ReadinessIsLoggedAndPublished) {
 
     write("qsfp/config/dhReady", false);
     EXPECT_FALSE(handler->get_dh_ready());
-    EXPECT_FALSE(read_json("qsfp/data/dhReady").GetBool());
-    EXPECT_FALSE(read_json("qsfp/config/dhReady").GetBool());
+    EXPECT_EQ(values("data/dhReady config/dhReady"), "false false");
     EXPECT_EQ(logs.count("Setting dh ready"), 2u);
 }
 
@@ -216,16 +201,14 @@ TEST_F(Handler, RegisterAddressAndMaskAloneTouchNothingWrDataWritesMaskedAtOnce)
     const auto before_selection = transactions();
     write("qsfp/config/debug/reg/address", tx_disable_byte);
     write("qsfp/config/debug/reg/mask", 0x0F);
-    EXPECT_EQ(read_uint("qsfp/data/debug/reg/address"), tx_disable_byte);
-    EXPECT_EQ(read_uint("qsfp/data/debug/reg/mask"), 0x0Fu);
+    EXPECT_EQ(values("data/debug/reg/address data/debug/reg/mask"), "86 15");
     EXPECT_EQ(transactions(), before_selection);
     EXPECT_EQ(cage_emu->module()->peek({}, tx_disable_byte), 0xA0);
 
     write("qsfp/config/debug/reg/wr_data", 0x55);
     // Only the masked bits changed.
     EXPECT_EQ(cage_emu->module()->peek({}, tx_disable_byte), 0xA5);
-    EXPECT_EQ(read_uint("qsfp/data/debug/reg/wr_data"), 0x55u);
-    EXPECT_EQ(read_uint("qsfp/data/debug/reg/rd_data"), 0xA5u);
+    EXPECT_EQ(values("data/debug/reg/wr_data data/debug/reg/rd_data"), "85 165");  // 55h A5h
 
     EXPECT_EQ(error_of([&] { write("qsfp/config/debug/reg/mask", 0x100); }).code(), -22);
     EXPECT_EQ(handler->get_reg_mask(), 0x0Fu);
@@ -282,8 +265,9 @@ TEST_F(Handler, BankedPageDumpReadsTheSelectedPage) {
     EXPECT_EQ(dump_bytes(doc, 0x80), cage_bytes(3, true));
 
     handler->set_eeprom_bank_and_page(R"({"bank": 0, "page": 2})");
-    EXPECT_EQ(read_uint("qsfp/config/pageDump/currentUpperPageNumber"), 2u);
-    EXPECT_EQ(read_uint("qsfp/config/pageDump/currentUpperBankNumber"), 0u);
+    EXPECT_EQ(
+        values("config/pageDump/currentUpperPageNumber config/pageDump/currentUpperBankNumber"),
+        "2 0");
     const auto page2 = read_embedded_json("qsfp/data/pageDump/upperBankedPage");
     EXPECT_EQ(std::string(page2["description"].GetString()), "User-Writable EEPROM");
     EXPECT_EQ(dump_bytes(page2, 0x80), cage_bytes(2, true));
@@ -298,7 +282,8 @@ TEST_F(Handler, BankedPageDumpOfAPageTheModuleLacksFails) {
     const auto e = error_of([&] { handler->get_banked_page_dump(); });
     EXPECT_EQ(e.code(), -22);
     EXPECT_EQ(e.text(), "Page 20h is not implemented by the module");
-    // The device's idea of the selected page was not left wrong: page 03h still reads as itself.
+    // The device's idea of the selected page was not left wrong: page 03h still reads as
+    // itself.
     handler->set_eeprom_page(3);
     rapidjson::Document doc;
     doc.Parse(handler->get_banked_page_dump().c_str());
