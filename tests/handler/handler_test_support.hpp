@@ -113,9 +113,6 @@ class handler_fixture : public ::testing::Test {
     emu::module_emulator& module() { return *cage_emu->module(); }
     std::uint8_t lower(std::uint8_t offset) { return module().peek({}, offset); }
     void poke_lower(std::uint8_t offset, std::uint8_t value) { module().poke({}, offset, value); }
-    std::uint8_t upper(std::uint8_t page, std::uint8_t offset) {
-        return module().peek({0, page}, offset);
-    }
     void poke_upper(std::uint8_t page, std::uint8_t offset, std::uint8_t value) {
         module().poke({0, page}, offset, value);
     }

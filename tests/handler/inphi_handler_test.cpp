@@ -105,7 +105,7 @@ TEST_F(Inphi, BerCountersAndClearing) {
     write("qsfp/config/ber/clearCounters", 1);
     expect_logged("BER statistics", {"BER statistics cleared QSFP " + name});
     for (std::uint8_t at = 172; at < 192; ++at)
-        EXPECT_EQ(upper(dsp_page, at), 0) << int(at);
+        EXPECT_EQ(module().peek({0, dsp_page}, at), 0) << int(at);
     EXPECT_EQ(values("data/fec/berCounters"),
               R"({"preFecBer":0.0,"preFecBerAverage":0.0,"uncorrBer":0.0,"uncorrBerAverage":0.0})");
 }

@@ -124,7 +124,7 @@ TEST_F(LaneVariants, FourLaneColdStartSelects25GWhereRateSelectIsTheWay) {
         poke_lower(rx_rate_byte, 0x00);
         poke_lower(tx_rate_byte, 0x00);
         poke_lower(power_control_byte, c.power_control);
-        if (c.application_select) poke_upper(0, 221, upper(0, 221) | 0x04);
+        if (c.application_select) poke_upper(0, 221, module().peek({0, 0}, 221) | 0x04);
         auto h = make_variant<qsfp_optical_4lane_device_handler>();
         EXPECT_EQ(rate_select(), (std::pair<int, int>{c.expected, c.expected}));
     }

@@ -162,12 +162,7 @@ TEST_F(Handler, UnsupportedAlarmIsRaisedOnceAndStays) {
 TEST_F(Handler, AdminStatusIsAppliedOnlyWhenItChangesAndIllegalValuesAreRefused) {
     auto handler = started();
     cage_emu->module()->poke({}, tx_disable_byte, 0x0F);
-    struct step {
-        const char* status;
-        bool applied;
-        std::uint8_t tx_disable;
-        const char* log;
-    };
+    using step = std::tuple<std::string, bool, std::uint8_t, std::string>;
     for (const auto& [status, applied, tx_disable, log] :
          {step{"up", true, 0x00, "Setting adminstatus up qsfp"},
           step{"up", false, 0x00,
