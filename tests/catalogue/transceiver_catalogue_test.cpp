@@ -7,19 +7,54 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <map>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "catalogue_test_support.hpp"
 #include "log_capture.hpp"
+#include "module_profile.hpp"
 #include "msg_log.hpp"
 
 namespace qsfpd {
 namespace {
 
-using test::factory_recorder;
+// One call of a factory out of the probe map: which list it belonged to and what it was given.
+struct factory_call {
+    catalogue_list list;
+    std::string vendor;
+    std::string part_number;
+    std::string description;
+    qsfp_flags_s flags;
+};
+
+// Hands out factories that only record their calls, so a test sees which list's handler the
+// manager would have created.
+class factory_recorder {
+  public:
+    std::function<probe_factory(catalogue_list)> factory_for() {
+        return [this](catalogue_list list) -> probe_factory {
+            return [this, list](const std::string& vendor, const std::string& part_number,
+                                const std::string& description, const qsfp_flags_s& flags) {
+                calls.push_back({list, vendor, part_number, description, flags});
+            };
+        };
+    }
+
+    // Looks the module up and calls the entry's factory as the manager does; returns that call.
+    factory_call create(const probe_map& map, const std::string& vendor,
+                        const std::string& part_number) {
+        const auto it = find_in_map(map, vendor, part_number);
+        const std::size_t before = calls.size();
+        it->second(vendor, part_number, it->first.description, it->first.flags);
+        if (calls.size() != before + 1) throw std::logic_error("factory was not called once");
+        return calls.back();
+    }
+
+    std::vector<factory_call> calls;
+};
 
 constexpr const char* tag = "/dev/qsfp3";
 
@@ -265,6 +300,92 @@ TEST_F(Catalogue, WrongTypeIsFatalNamingListEntryAndKey) {
         {"vendor": "V", "partNumber": "P", "description": "d", "isFec": "yes"}]})");
     EXPECT_DEATH(load_and_log_to_stderr(file),
                  "list opticalDD4LaneTransceiverList, entry 0, key \"isFec\": not a boolean");
+}
+
+// --- The sample shipped in etc/ must keep matching the emulator's module profiles, so that the
+// demo and the integration tests find every emulated module in the list meant for it. ---
+
+using emu::module_family;
+using emu::module_profile;
+using emu::page_id;
+
+const std::string sample_file = std::string(QSFPD_SOURCE_DIR) + "/etc/transceiver_qsfp.json";
+
+// Which list drives each profile's module.
+const std::map<std::string, catalogue_list> expected_list{
+    {"qsfp28_100g_lr4", catalogue_list::optical_4lane},
+    {"qsfp28_100g_cwdm4", catalogue_list::optical_4lane},
+    {"qsfp28_100g_fr1_pam4", catalogue_list::optical_1lane_pam4},
+    {"qsfp28_100g_sr2_pam4", catalogue_list::optical_1or2lane},
+    {"qsfp28_100g_dwdm4", catalogue_list::optical_4lane},
+    {"qsfpplus_dac_passive", catalogue_list::passive},
+    {"qsfpdd_400g_fr4", catalogue_list::optical_dd_4lane},
+    {"qsfpdd_400zr", catalogue_list::optical_dd_1lane},
+    {"qsfpdd_400zr_plus", catalogue_list::optical_cmis5_1lane},
+};
+// The converter's SFP is looked up in the SFP+ list, not here.
+const std::set<std::string> not_in_catalogue{"qsa_sfpplus_10g_sr"};
+
+std::string field(auto begin, int at) {
+    return trim_and_upper_case(std::string(begin + at, begin + at + 16));
+}
+
+// Vendor name and part number as the module manager reads them, trimmed and upper-cased.
+std::pair<std::string, std::string> identity_of(const module_profile& profile) {
+    if (profile.family == module_family::sff8472_converter) {
+        // SFF-8472 A0h is flat: vendor name at 20, part number at 40 of lower memory.
+        const auto& lower = profile.image(0x50).lower;
+        return {field(lower.begin(), 20), field(lower.begin(), 40)};
+    }
+    // Page 00h: vendor name at 148 and part number at 168 (SFF-8636), at 129 and 148 (CMIS).
+    const auto& page = profile.image().pages.at(page_id{0, 0});
+    const bool sff8636 = profile.family == module_family::sff8636;
+    return {field(page.begin(), (sff8636 ? 148 : 129) - 128),
+            field(page.begin(), (sff8636 ? 168 : 148) - 128)};
+}
+
+class SampleCatalogue : public Catalogue {
+  protected:
+    void SetUp() override {
+        Catalogue::SetUp();
+        map = load_probe_map(sample_file, recorder.factory_for(), "/dev/qsfp");
+        ASSERT_TRUE(capture.records().empty()) << capture.records().front().text;
+        ASSERT_FALSE(map.empty());
+    }
+    probe_map map;
+};
+
+TEST_F(SampleCatalogue, EveryProfileModuleIsFoundInItsListAndEveryEntryBelongsToAProfile) {
+    std::set<const probe_id*> matched;
+    for (const auto& [stem, list] : expected_list) {
+        const auto [vendor, part_number] = identity_of(module_profile::load_named(stem));
+        ASSERT_FALSE(vendor.empty()) << stem;
+        try {
+            const auto call = recorder.create(map, vendor, part_number);
+            EXPECT_EQ(call.list, list) << stem << " landed in " << list_info(call.list).key
+                                       << " instead of " << list_info(list).key;
+            matched.insert(&find_in_map(map, vendor, part_number)->first);
+        } catch (const std::out_of_range&) {
+            ADD_FAILURE() << stem << ": " << vendor << " / " << part_number
+                          << " is not in the sample catalogue";
+        }
+    }
+    for (const auto& [key, factory] : map)
+        EXPECT_TRUE(matched.contains(&key))
+            << key.vendor << " / " << key.part_number << " matches no emulator profile";
+}
+
+TEST_F(SampleCatalogue, EveryProfileIsAccountedForAndTheConverterIsLeftOut) {
+    // A new profile needs a decision: an entry in the sample or a place in not_in_catalogue.
+    for (const auto& file : module_profile::all_files()) {
+        const auto stem = file.stem().string();
+        EXPECT_TRUE(expected_list.contains(stem) || not_in_catalogue.contains(stem)) << stem;
+    }
+    for (const auto& stem : not_in_catalogue) {
+        const auto [vendor, part_number] = identity_of(module_profile::load_named(stem));
+        ASSERT_FALSE(part_number.empty()) << stem;
+        EXPECT_THROW(find_in_map(map, vendor, part_number), std::out_of_range) << stem;
+    }
 }
 
 }  // namespace
