@@ -35,13 +35,13 @@ class Inphi : public handler_fixture {
 };
 
 TEST(InphiConversions, DspRegisterForms) {
-    EXPECT_DOUBLE_EQ(inphi::unsigned_lsb_mult_256(5990), 23.4);  // 23.398
-    EXPECT_DOUBLE_EQ(inphi::unsigned_lsb_mult_256(0xFFFF), 256.0);
-    EXPECT_DOUBLE_EQ(inphi::signed_lsb_mult_256(static_cast<std::int16_t>(0xFF00)), -1.0);
-    EXPECT_DOUBLE_EQ(inphi::signed_lsb_mult_256(-23), -0.1);  // -0.0898
-    EXPECT_DOUBLE_EQ(inphi::signed_lsb_mult_256(31), 0.1);
-    EXPECT_DOUBLE_EQ(inphi::tenths(-15), -1.5);
-    EXPECT_DOUBLE_EQ(inphi::tenths(-32768), -3276.8);
+    EXPECT_EQ(inphi::unsigned_lsb_mult_256(5990), 23.4);  // 23.398
+    EXPECT_EQ(inphi::unsigned_lsb_mult_256(0xFFFF), 256.0);
+    EXPECT_EQ(inphi::signed_lsb_mult_256(static_cast<std::int16_t>(0xFF00)), -1.0);
+    EXPECT_EQ(inphi::signed_lsb_mult_256(-23), -0.1);  // -0.0898
+    EXPECT_EQ(inphi::signed_lsb_mult_256(31), 0.1);
+    EXPECT_EQ(inphi::tenths(-15), -1.5);
+    EXPECT_EQ(inphi::tenths(-32768), -3276.8);
     EXPECT_DOUBLE_EQ(inphi::ber(0x0000), 0.0);
     EXPECT_DOUBLE_EQ(inphi::ber(0x5801), 1e-13);
     EXPECT_DOUBLE_EQ(inphi::ber(0x80F0), 2.4e-6);

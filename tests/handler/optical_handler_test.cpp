@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <tuple>
 #include <vector>
 
@@ -45,25 +46,27 @@ class Optical : public handler_fixture {
     }
 };
 
+// Values round to clean decimals, exactly the double nearest to the decimal, and never read -0.0.
 TEST(OpticalConversions, RegisterFormsRoundingAndTotalPower) {
-    EXPECT_DOUBLE_EQ(optical::temperature_celsius(0x2680), 38.5);
-    EXPECT_DOUBLE_EQ(optical::temperature_celsius(static_cast<std::int16_t>(0xF600)), -10.0);
-    EXPECT_DOUBLE_EQ(optical::temperature_celsius(0x1A1A), 26.1);  // 26.1016
-    EXPECT_DOUBLE_EQ(optical::voltage_volts(33000), 3.3);
-    EXPECT_DOUBLE_EQ(optical::voltage_volts(32456), 3.25);  // 3.2456
-    EXPECT_DOUBLE_EQ(optical::bias_milliamps(22500), 45.0);
-    EXPECT_DOUBLE_EQ(optical::bias_milliamps(1234), 2.47);  // 2.468
-    EXPECT_DOUBLE_EQ(optical::power_dbm(10000), 0.0);
-    EXPECT_DOUBLE_EQ(optical::power_dbm(8000), -1.0);  // -0.969
-    EXPECT_DOUBLE_EQ(optical::power_dbm(500), -13.0);
-    EXPECT_DOUBLE_EQ(optical::power_dbm(1), -40.0);
-    EXPECT_DOUBLE_EQ(optical::power_dbm(0), -99.0);
+    EXPECT_FALSE(std::signbit(optical::temperature_celsius(-1)));  // -0.004
+    EXPECT_EQ(optical::temperature_celsius(0x2680), 38.5);
+    EXPECT_EQ(optical::temperature_celsius(static_cast<std::int16_t>(0xF600)), -10.0);
+    EXPECT_EQ(optical::temperature_celsius(0x1A1A), 26.1);  // 26.1016
+    EXPECT_EQ(optical::voltage_volts(33000), 3.3);
+    EXPECT_EQ(optical::voltage_volts(32456), 3.25);  // 3.2456
+    EXPECT_EQ(optical::bias_milliamps(22500), 45.0);
+    EXPECT_EQ(optical::bias_milliamps(1234), 2.47);  // 2.468
+    EXPECT_EQ(optical::power_dbm(10000), 0.0);
+    EXPECT_EQ(optical::power_dbm(8000), -1.0);  // -0.969
+    EXPECT_EQ(optical::power_dbm(500), -13.0);
+    EXPECT_EQ(optical::power_dbm(1), -40.0);
+    EXPECT_EQ(optical::power_dbm(0), -99.0);
     using lanes = std::vector<std::uint16_t>;
-    EXPECT_DOUBLE_EQ(optical::total_power_dbm(lanes{8000, 8000, 8000, 8000}), 5.1);  // 3.2 mW
-    EXPECT_DOUBLE_EQ(optical::total_power_dbm(lanes{10000, 0, 10000, 10000}), -99.0);
-    EXPECT_DOUBLE_EQ(optical::total_power_dbm(lanes{2}), -37.0);
-    EXPECT_DOUBLE_EQ(optical::total_power_dbm(lanes{1}), -99.0);  // -40.0 is the floor itself
-    EXPECT_DOUBLE_EQ(optical::total_power_dbm(lanes{1, 1}), -37.0);
+    EXPECT_EQ(optical::total_power_dbm(lanes{8000, 8000, 8000, 8000}), 5.1);  // 3.2 mW
+    EXPECT_EQ(optical::total_power_dbm(lanes{10000, 0, 10000, 10000}), -99.0);
+    EXPECT_EQ(optical::total_power_dbm(lanes{2}), -37.0);
+    EXPECT_EQ(optical::total_power_dbm(lanes{1}), -99.0);  // -40.0 is the floor itself
+    EXPECT_EQ(optical::total_power_dbm(lanes{1, 1}), -37.0);
 }
 
 TEST_F(Optical, OnlyOverrideWithoutPowerSetIsAWarmStartWhichWritesNothing) {
