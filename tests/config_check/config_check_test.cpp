@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "../catalogue/catalogue_test_support.hpp"
+#include "../support/temp_dir.hpp"
 #include "msg_log.hpp"
 #include "run_config_check.hpp"
 #include "transceiver_catalogue.hpp"
@@ -207,9 +207,10 @@ TEST_P(ConfigCheck, LoaderStopsExactlyOnTheCheckersErrors) {
     const auto problems = check_outline(outline, *kind_named("qsfp-catalogue"));
     const auto load = [&] {
         msg_log::init({.max_severity = msg_log::info, .to_stderr = true, .to_syslog = false});
-        const auto map =
-            qsfpd::load_probe_map(dir.write("transceiver_qsfp.json", c.text),
-                                  qsfpd::test::factory_recorder{}.factory_for(), "/dev/qsfp");
+        const auto map = qsfpd::load_probe_map(
+            dir.write("transceiver_qsfp.json", c.text),
+            [](qsfpd::catalogue_list) -> qsfpd::probe_factory { return [](auto&&...) {}; },
+            "/dev/qsfp");
         // A text the daemon cannot parse leaves it without a catalogue, and alive.
         if (problems.syntax_failed() && !map.empty()) std::exit(3);
         std::exit(0);

@@ -5,13 +5,15 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "cage_emulator.hpp"
@@ -21,25 +23,35 @@
 #include "msg_log.hpp"
 #include "qsfp_device.hpp"
 #include "qsfp_device_handler.hpp"
+#include "qsfp_optical_device_handler.hpp"
 #include "qsfp_reg_map.hpp"
 #include "virtual_clock.hpp"
 
 namespace qsfpd::handler_test {
 
 using namespace std::chrono_literals;
+using texts = std::vector<std::string>;
 
-// SFF-8636 byte 86: TX disable of lanes 1-4 (bits 0-3).
-inline constexpr std::uint8_t tx_disable_byte = 86;
+// SFF-8636 lower page bytes the tests drive.
+inline constexpr std::uint8_t rx_los_byte = 3;
+inline constexpr std::uint8_t tx_fault_byte = 4;
+inline constexpr std::uint8_t rx_lol_byte = 5;
+inline constexpr std::uint8_t temp_flags_byte = 6;
+inline constexpr std::uint8_t rx_power_byte = 34;
+inline constexpr std::uint8_t tx_disable_byte = 86;  // lanes 1-4 in bits 0-3
+inline constexpr std::uint8_t rx_rate_byte = 87;
+inline constexpr std::uint8_t tx_rate_byte = 88;
+inline constexpr std::uint8_t power_control_byte = 93;
+
+// The module name the handlers end their messages with (the cage device of handler_fixture).
+inline const std::string name = "qsfp3";
 
 // The smallest concrete handler: admin status drives the transmitters through TX disable, as an
 // optical handler would, so that tests can see whether the base let the change through.
 class test_handler : public qsfp_device_handler {
   public:
     using qsfp_device_handler::qsfp_device_handler;
-
-    std::atomic<int> periodic_runs{0};
-    void run_periodic_tasks() override { ++periodic_runs; }
-
+    void run_periodic_tasks() override {}
     void start() {
         qsfp_device_handler::start();
         activate_value_group();
@@ -76,60 +88,124 @@ class handler_fixture : public ::testing::Test {
         device = std::make_shared<cage::qsfp_device>("qsfp3", cage_emu);
         regs = std::make_shared<cage::qsfp_reg_map>(*device);
     }
-
     std::shared_ptr<test_handler> make_handler(qsfp_flags_s flags = {}) {
         return std::make_shared<test_handler>(db, device, "qsfp", regs, "VENDOR", "PN-1",
                                               "PART NAME", "a description", flags, "model-1", 3, 4,
                                               clock);
     }
-
-    void make_marker(const std::string& name) {
-        std::filesystem::create_directories(root / "proc" / "device-tree");
-        std::ofstream(root / "proc" / "device-tree" / name).put('\n');
+    // A started test handler on a freshly inserted module.
+    std::shared_ptr<test_handler> started(std::string_view profile = "qsfp28_100g_lr4",
+                                          qsfp_flags_s flags = {}) {
+        insert(profile);
+        auto h = make_handler(flags);
+        h->start();
+        return h;
+    }
+    // An optical lane variant (the constructors without data model and lane count), started.
+    template <class H>
+    std::shared_ptr<H> make_variant() {
+        auto h = std::make_shared<H>(db, device, "qsfp", regs, "VENDOR", "PN-1", "PART NAME",
+                                     "a description", qsfp_flags_s{}, 3, 4, clock);
+        h->start();
+        return h;
     }
 
+    emu::module_emulator& module() { return *cage_emu->module(); }
+    std::uint8_t lower(std::uint8_t offset) { return module().peek({}, offset); }
+    void poke_lower(std::uint8_t offset, std::uint8_t value) { module().poke({}, offset, value); }
+    void poke_upper(std::uint8_t page, std::uint8_t offset, std::uint8_t value) {
+        module().poke({0, page}, offset, value);
+    }
+    // RX and TX rate select bytes together.
+    std::pair<int, int> rate_select() { return {lower(rx_rate_byte), lower(tx_rate_byte)}; }
     std::uint64_t transactions() const { return bus->counters(cage_emu->bus_index()).transactions; }
-
-    // A node's value as JSON, read the way the server reads it.
-    rapidjson::Document read_json(const std::string& path) {
-        const auto node = db.lookup(path);
-        rapidjson::Document doc;
-        const std::string text = node->get_text(path);
-        doc.Parse(text.c_str(), text.size());
-        EXPECT_FALSE(doc.HasParseError()) << path << ": " << text;
-        return doc;
-    }
-    std::string read_string(const std::string& path) {
-        const auto doc = read_json(path);
-        if (!doc.IsString()) {
-            ADD_FAILURE() << path << " is not a string";
-            return {};
-        }
-        return doc.GetString();
-    }
-    // A string node whose value is itself a JSON document (the page dumps).
-    rapidjson::Document read_embedded_json(const std::string& path) {
-        const std::string text = read_string(path);
-        rapidjson::Document doc;
-        doc.Parse(text.c_str(), text.size());
-        EXPECT_FALSE(doc.HasParseError()) << path << ": " << text;
-        return doc;
-    }
-    void write(const std::string& path, unsigned value) {
-        db.lookup(path)->set(path, dh::json_value(value));
-    }
-
+    std::uint64_t writes() const { return bus->counters(cage_emu->bus_index()).writes; }
     // Bytes as the module answers them now, read straight from the cage.
-    std::array<std::uint8_t, 128> cage_bytes(std::uint8_t page, bool upper) {
-        std::array<std::uint8_t, 128> out{};
-        if (upper) {
-            const std::array<std::uint8_t, 1> select{page};
-            cage_emu->i2c_write(cage::module_address, 127, select);
-        }
+    std::vector<std::uint8_t> cage_bytes(std::uint8_t page, bool upper) {
+        std::vector<std::uint8_t> out(128);
+        if (upper)
+            cage_emu->i2c_write(cage::module_address, 127, std::array<std::uint8_t, 1>{page});
         cage_emu->i2c_read(cage::module_address, upper ? 128 : 0, out);
         // We moved the page select behind the device's back.
         if (device) device->invalidate_cache();
         return out;
+    }
+
+    // One monitoring cycle, 100 ms after the previous one.
+    void cycle(qsfp_optical_device_handler& h) {
+        clock->run_for(100ms);
+        h.run_periodic_tasks();
+    }
+    // One cycle with the latched flag byte set just before it (the cycle's read clears it).
+    void cycle_with(qsfp_optical_device_handler& h, std::uint8_t byte, std::uint8_t value) {
+        poke_lower(byte, value);
+        cycle(h);
+    }
+
+    static rapidjson::Document parse(const std::string& text) {
+        rapidjson::Document doc;
+        doc.Parse(text.c_str(), text.size());
+        EXPECT_FALSE(doc.HasParseError()) << text;
+        return doc;
+    }
+    // A node's value as JSON, read the way the server reads it.
+    rapidjson::Document read_json(const std::string& path) {
+        return parse(db.lookup(path)->get_text(path));
+    }
+    std::string read_string(const std::string& path) {
+        const auto doc = read_json(path);
+        EXPECT_TRUE(doc.IsString()) << path;
+        return doc.IsString() ? doc.GetString() : "";
+    }
+    // The JSON texts of the nodes below "qsfp/" named in `paths`, space-separated like the paths:
+    // exact, so a value that should read 23.4 or 0 fails as 23.400000000000002 or -0.0.
+    std::string values(const std::string& paths) {
+        std::istringstream in(paths);
+        std::string out;
+        for (std::string path; in >> path;)
+            out += (out.empty() ? "" : " ") + db.lookup("qsfp/" + path)->get_text("qsfp/" + path);
+        return out;
+    }
+    bool read_bool(const std::string& path) { return read_json(path).GetBool(); }
+    double read_double(const std::string& path) { return read_json(path).GetDouble(); }
+    unsigned read_uint(const std::string& path) { return read_json(path).GetUint(); }
+    int severity(const std::string& alarm) {
+        return read_json("qsfp/alarms/" + alarm + "/severity").GetInt();
+    }
+    // A string node whose value is itself a JSON document (the page dumps).
+    rapidjson::Document read_embedded_json(const std::string& path) {
+        return parse(read_string(path));
+    }
+    template <class T>
+    void write(const std::string& path, T value) {
+        db.lookup(path)->set(path, dh::json_value(value));
+    }
+    rapidjson::Document run_bool(const std::string& path, bool value) {
+        rapidjson::Document out;
+        dh::json_value arg(value);
+        db.lookup(path)->run(path, arg, out.GetAllocator(), out);
+        return out;
+    }
+
+    // The error an operation ends with; a failure when it succeeds.
+    static dh_error error_of(const std::function<void()>& op) {
+        try {
+            op();
+        } catch (const dh_error& e) {
+            return e;
+        }
+        ADD_FAILURE() << "no error";
+        return dh_error(0, "");
+    }
+    // Texts of the records starting with `family`, in order, without their code trace.
+    texts logged(std::string_view family) const {
+        texts out;
+        for (const auto& r : logs.find(family))
+            out.push_back(r.text.substr(0, r.text.rfind(" (")));
+        return out;
+    }
+    void expect_logged(std::string_view family, const texts& expected) {
+        EXPECT_EQ(logged(family), expected) << "records starting with " << family;
     }
 
     std::filesystem::path root;

@@ -1,9 +1,11 @@
-#include <algorithm>
+#include <fmt/format.h>
+
 #include <array>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include "optical_test_support.hpp"
+#include "handler_test_support.hpp"
 #include "qsfp_optical_1lane_pam4_device_handler.hpp"
 #include "qsfp_optical_2lane_device_handler.hpp"
 
@@ -20,7 +22,7 @@ constexpr std::uint8_t tec_at = 156;
 constexpr std::uint8_t laser_temp_diff_at = 164;
 constexpr std::uint8_t pre_fec_ber_cur_at = 172;
 
-class Inphi : public optical_fixture {
+class Inphi : public handler_fixture {
   protected:
     std::shared_ptr<qsfp_optical_2lane_device_handler> sr2() {
         insert("qsfp28_100g_sr2_pam4");
@@ -33,13 +35,13 @@ class Inphi : public optical_fixture {
 };
 
 TEST(InphiConversions, DspRegisterForms) {
-    EXPECT_DOUBLE_EQ(inphi::unsigned_lsb_mult_256(5990), 23.4);  // 23.398
-    EXPECT_DOUBLE_EQ(inphi::unsigned_lsb_mult_256(0xFFFF), 256.0);
-    EXPECT_DOUBLE_EQ(inphi::signed_lsb_mult_256(static_cast<std::int16_t>(0xFF00)), -1.0);
-    EXPECT_DOUBLE_EQ(inphi::signed_lsb_mult_256(-23), -0.1);  // -0.0898
-    EXPECT_DOUBLE_EQ(inphi::signed_lsb_mult_256(31), 0.1);
-    EXPECT_DOUBLE_EQ(inphi::tenths(-15), -1.5);
-    EXPECT_DOUBLE_EQ(inphi::tenths(-32768), -3276.8);
+    EXPECT_EQ(inphi::unsigned_lsb_mult_256(5990), 23.4);  // 23.398
+    EXPECT_EQ(inphi::unsigned_lsb_mult_256(0xFFFF), 256.0);
+    EXPECT_EQ(inphi::signed_lsb_mult_256(static_cast<std::int16_t>(0xFF00)), -1.0);
+    EXPECT_EQ(inphi::signed_lsb_mult_256(-23), -0.1);  // -0.0898
+    EXPECT_EQ(inphi::signed_lsb_mult_256(31), 0.1);
+    EXPECT_EQ(inphi::tenths(-15), -1.5);
+    EXPECT_EQ(inphi::tenths(-32768), -3276.8);
     EXPECT_DOUBLE_EQ(inphi::ber(0x0000), 0.0);
     EXPECT_DOUBLE_EQ(inphi::ber(0x5801), 1e-13);
     EXPECT_DOUBLE_EQ(inphi::ber(0x80F0), 2.4e-6);
@@ -48,15 +50,22 @@ TEST(InphiConversions, DspRegisterForms) {
 
 TEST_F(Inphi, TwoLaneDspMonitorsAndThresholds) {
     auto h = sr2();
-    EXPECT_DOUBLE_EQ(read_double("qsfp/data/channel/0/snr"), 23.4);
-    EXPECT_DOUBLE_EQ(read_double("qsfp/data/channel/1/snr"), 21.8);
-    EXPECT_DOUBLE_EQ(read_double("qsfp/data/channel/0/residualDispersion"), 0.4);
-    EXPECT_DOUBLE_EQ(read_double("qsfp/data/channel/1/residualDispersion"), -0.3);
-    EXPECT_DOUBLE_EQ(read_double("qsfp/data/debug/channel/0/pam4LevelTransition"), 20.1);
-    EXPECT_DOUBLE_EQ(read_double("qsfp/data/debug/channel/1/pam4LevelTransition"), 18.7);
-    EXPECT_DOUBLE_EQ(read_double("qsfp/data/debug/channel/0/laserTempDiff"), 0.1);
-    EXPECT_DOUBLE_EQ(read_double("qsfp/data/debug/channel/1/laserTempDiff"), -0.1);
-    EXPECT_DOUBLE_EQ(read_double("qsfp/data/debug/channel/1/tecCurrent"), 0.0);
+    // Both lanes' monitors as the profile sets them, then the thresholds.
+    EXPECT_EQ(values("data/channel/0/snr data/channel/1/snr data/channel/0/residualDispersion "
+                     "data/channel/1/residualDispersion data/debug/channel/0/pam4LevelTransition "
+                     "data/debug/channel/1/pam4LevelTransition data/debug/channel/0/laserTempDiff "
+                     "data/debug/channel/1/laserTempDiff data/debug/channel/1/tecCurrent"),
+              "23.4 21.8 0.4 -0.3 20.1 18.7 0.1 -0.1 0.0");
+    EXPECT_EQ(values("data/debug/snrHighAlarmThreshold data/debug/snrLowWarningThreshold "
+                     "data/debug/resDispLowAlarmThreshold "
+                     "data/debug/pam4LevelTransLowWarningThreshold "
+                     "data/debug/tecCurrentLowAlarmThreshold "
+                     "data/debug/laserTempDiffLowWarningThreshold"),
+              "35.0 18.5 -60.0 15.5 -80.0 -2.0");
+    // BER values are mantissa times a power of ten, not rounded decimals.
+    EXPECT_DOUBLE_EQ(read_double("qsfp/data/debug/preFecBerAvHighAlarmThreshold"), 2.4e-4);
+    EXPECT_DOUBLE_EQ(read_double("qsfp/data/debug/preFecBerAvHighWarningThreshold"), 1e-4);
+    EXPECT_EQ(read_string("qsfp/inventory/fwRevision"), "3.2.1187");
 
     // Sign and scale of the per-lane words, lane 2 at its 2-byte stride.
     poke_word(res_disp_at + 2, static_cast<std::uint16_t>(-1234));
@@ -67,27 +76,12 @@ TEST_F(Inphi, TwoLaneDspMonitorsAndThresholds) {
     EXPECT_DOUBLE_EQ(h->get_channel_laser_temp_diff(1), -1.0);
     poke_word(snr_at + 2, 0xFF00);  // unsigned: 255 dB, not -1
     EXPECT_DOUBLE_EQ(h->get_channel_snr(1), 255.0);
-
-    const std::array<std::pair<const char*, double>, 8> thresholds = {{
-        {"snrHighAlarmThreshold", 35.0},
-        {"snrLowWarningThreshold", 18.5},
-        {"resDispLowAlarmThreshold", -60.0},
-        {"pam4LevelTransLowWarningThreshold", 15.5},
-        {"preFecBerAvHighAlarmThreshold", 2.4e-4},
-        {"preFecBerAvHighWarningThreshold", 1e-4},
-        {"tecCurrentLowAlarmThreshold", -80.0},
-        {"laserTempDiffLowWarningThreshold", -2.0},
-    }};
-    for (const auto& [node, value] : thresholds)
-        EXPECT_DOUBLE_EQ(read_double(std::string("qsfp/data/debug/") + node), value) << node;
-    EXPECT_EQ(read_string("qsfp/inventory/fwRevision"), "3.2.1187");
 }
 
 TEST_F(Inphi, LaneOneDspNodesOnlyWithTwoLanes) {
     insert("qsfp28_100g_fr1_pam4");
     auto h = make_variant<qsfp_optical_1lane_pam4_device_handler>();
-    EXPECT_DOUBLE_EQ(read_double("qsfp/data/channel/0/snr"), 22.5);
-    EXPECT_DOUBLE_EQ(read_double("qsfp/data/debug/channel/0/tecCurrent"), 8.5);
+    EXPECT_EQ(values("data/channel/0/snr data/debug/channel/0/tecCurrent"), "22.5 8.5");
     for (const char* path :
          {"qsfp/data/channel/1/snr", "qsfp/data/channel/1/residualDispersion",
           "qsfp/data/debug/channel/1/laserTempDiff",
@@ -98,84 +92,61 @@ TEST_F(Inphi, LaneOneDspNodesOnlyWithTwoLanes) {
 TEST_F(Inphi, BerCountersAndClearing) {
     auto h = sr2();
     const auto counters = read_json("qsfp/data/fec/berCounters");
-    ASSERT_TRUE(counters.IsObject());
-    EXPECT_DOUBLE_EQ(counters["preFecBer"].GetDouble(), 2.4e-6);
-    EXPECT_DOUBLE_EQ(counters["preFecBerAverage"].GetDouble(), 2.1e-6);
-    EXPECT_DOUBLE_EQ(counters["uncorrBer"].GetDouble(), 0.0);
-    EXPECT_DOUBLE_EQ(counters["uncorrBerAverage"].GetDouble(), 0.0);
     EXPECT_EQ(counters.MemberCount(), 4u);
+    for (const auto& [key, ber] :
+         {std::pair{"preFecBer", 2.4e-6}, std::pair{"preFecBerAverage", 2.1e-6},
+          std::pair{"uncorrBer", 0.0}, std::pair{"uncorrBerAverage", 0.0}})
+        EXPECT_DOUBLE_EQ(counters[key].GetDouble(), ber) << key;
     EXPECT_DOUBLE_EQ(read_double("qsfp/data/debug/preFecBerLatchMax"), 6.3e-6);
     EXPECT_DOUBLE_EQ(read_double("qsfp/data/debug/preFecBerPriorPeriod"), 1.9e-6);
     poke_word(pre_fec_ber_cur_at, 0x5801);
     EXPECT_DOUBLE_EQ(read_double("qsfp/data/preFecBer"), 1e-13);
 
-    set_uint("qsfp/config/ber/clearCounters", 1);
+    write("qsfp/config/ber/clearCounters", 1);
     expect_logged("BER statistics", {"BER statistics cleared QSFP " + name});
     for (std::uint8_t at = 172; at < 192; ++at)
-        EXPECT_EQ(upper(dsp_page, at), 0) << int(at);
-    const auto cleared = read_json("qsfp/data/fec/berCounters");
-    EXPECT_DOUBLE_EQ(cleared["preFecBer"].GetDouble(), 0.0);
-    EXPECT_DOUBLE_EQ(cleared["preFecBerAverage"].GetDouble(), 0.0);
+        EXPECT_EQ(module().peek({0, dsp_page}, at), 0) << int(at);
+    EXPECT_EQ(values("data/fec/berCounters"),
+              R"({"preFecBer":0.0,"preFecBerAverage":0.0,"uncorrBer":0.0,"uncorrBerAverage":0.0})");
 }
 
-struct rate_case {
-    std::uint8_t rx;
-    std::uint8_t tx;
-    unsigned rate;
-};
-
-TEST_F(Inphi, RateFromTheRateSelectBytesAtConstruction) {
-    const std::array<rate_case, 4> cases = {
-        {{0xAA, 0xAA, 100}, {0x00, 0x00, 40}, {0xAA, 0x28, 0}, {0x00, 0xAA, 0}}};
-    for (const auto& [rx, tx, rate] : cases) {
+TEST_F(Inphi, RateFromTheRateSelectBytesAtConstructionOrBothRegistersLoggedInHex) {
+    for (const auto& [rx, tx, rate] : std::vector<std::tuple<std::uint8_t, std::uint8_t, unsigned>>{
+             {0xAA, 0xAA, 100}, {0x00, 0x00, 40}, {0xAA, 0x28, 0}, {0x00, 0xAA, 0}}) {
+        SCOPED_TRACE(fmt::format("{:02X}/{:02X}", rx, tx));
         logs.clear();
         insert("qsfp28_100g_sr2_pam4");
         poke_lower(rx_rate_byte, rx);
         poke_lower(tx_rate_byte, tx);
         auto h = make_variant<qsfp_optical_2lane_device_handler>();
-        EXPECT_EQ(h->get_rate(), rate) << int(rx) << "/" << int(tx);
+        EXPECT_EQ(h->get_rate(), rate);
         if (rate != 0) {
-            EXPECT_EQ(read_json("qsfp/config/debug/rate").GetUint(), rate);
+            EXPECT_EQ(read_uint("qsfp/config/debug/rate"), rate);
         }
-        EXPECT_EQ(logs.count("QSFP rx rate could not be determined. RX rate reg = 0x"),
-                  rate == 0 ? 1u : 0u);
-        EXPECT_EQ(logs.count("QSFP tx rate could not be determined. TX rate reg = 0x"),
-                  rate == 0 ? 1u : 0u);
+        texts rate_lines, expected;
+        for (const auto& text : logged("QSFP "))
+            if (text.find(" rate could not") != std::string::npos) rate_lines.push_back(text);
+        if (rate == 0)
+            expected = {
+                fmt::format("QSFP rx rate could not be determined. RX rate reg = 0x{:X}", rx),
+                fmt::format("QSFP tx rate could not be determined. TX rate reg = 0x{:X}", tx)};
+        EXPECT_EQ(rate_lines, expected);
     }
-}
-
-TEST_F(Inphi, RateDetectionLogsBothRegistersInHex) {
-    insert("qsfp28_100g_sr2_pam4");
-    poke_lower(rx_rate_byte, 0xAA);
-    poke_lower(tx_rate_byte, 0x28);
-    auto h = make_variant<qsfp_optical_2lane_device_handler>();
-    expect_logged("QSFP rx rate", {"QSFP rx rate could not be determined. RX rate reg = 0xAA"});
-    expect_logged("QSFP tx rate", {"QSFP tx rate could not be determined. TX rate reg = 0x28"});
-    const auto records = logs.records();
-    const auto rx_first = std::find_if(records.begin(), records.end(), [](const auto& r) {
-        return r.text.starts_with("QSFP rx rate");
-    });
-    ASSERT_NE(rx_first, records.end());
-    EXPECT_TRUE(std::any_of(rx_first, records.end(),
-                            [](const auto& r) { return r.text.starts_with("QSFP tx rate"); }));
-    EXPECT_EQ(h->get_rate(), 0u);
 }
 
 TEST_F(Inphi, SetRateWritesEveryLanesRateSelect) {
     auto h = sr2();
     const auto before = writes();
-    const auto e = error_of([&] { set_uint("qsfp/config/debug/rate", 25); });
+    const auto e = error_of([&] { write("qsfp/config/debug/rate", 25); });
     EXPECT_EQ(e.text(), "Illegal rate [25] Gbit/s selected for " + name);
     EXPECT_EQ(writes(), before);
     EXPECT_EQ(h->get_rate(), 100u);
 
-    set_uint("qsfp/config/debug/rate", 40);  // 20000 Mb/s per lane: code 00b on lanes 1-2
-    EXPECT_EQ(lower(rx_rate_byte), 0xA0);
-    EXPECT_EQ(lower(tx_rate_byte), 0xA0);
+    write("qsfp/config/debug/rate", 40);  // 20000 Mb/s per lane: code 00b on lanes 1-2
+    EXPECT_EQ(rate_select(), (std::pair{0xA0, 0xA0}));
     EXPECT_EQ(h->get_rate(), 40u);
-    set_uint("qsfp/config/debug/rate", 100);  // 50000 Mb/s: 10b
-    EXPECT_EQ(lower(rx_rate_byte), 0xAA);
-    EXPECT_EQ(lower(tx_rate_byte), 0xAA);
+    write("qsfp/config/debug/rate", 100);  // 50000 Mb/s: 10b
+    EXPECT_EQ(rate_select(), (std::pair{0xAA, 0xAA}));
     EXPECT_EQ(h->get_rate(), 100u);
 
     // One lane carries the whole rate: 40G is 40000 Mb/s on it, a high-rate lane.
@@ -185,8 +156,7 @@ TEST_F(Inphi, SetRateWritesEveryLanesRateSelect) {
     poke_lower(rx_rate_byte, 0x00);
     poke_lower(tx_rate_byte, 0x00);
     one->set_rate(40);
-    EXPECT_EQ(lower(rx_rate_byte), 0x02);
-    EXPECT_EQ(lower(tx_rate_byte), 0x02);
+    EXPECT_EQ(rate_select(), (std::pair{0x02, 0x02}));
 }
 
 }  // namespace
