@@ -60,8 +60,11 @@ struct server_context {
     std::size_t max_output_bytes;
     std::shared_ptr<qsfpd::clock> clock;
     std::string log_tag;
-    // Unfinished input of all connections; written on the network thread only.
+    // Memory held for unfinished input by all connections; written on the network thread only.
     std::atomic<std::size_t> pending_input_bytes{0};
+    // A flood of refused clients is reported once per period, with a count (network thread).
+    qsfpd::clock::time_point next_refusal_report{};
+    unsigned unreported_refusals = 0;
     std::atomic<std::size_t> connections{0};
     // Live connections, touched on the network thread only.
     std::vector<std::weak_ptr<closable>> open_connections;
@@ -185,19 +188,34 @@ class connection : public closable, public std::enable_shared_from_this<connecti
         } else if (!partial_since_) {
             partial_since_ = context_.clock->now();
         }
-        context_.pending_input_bytes += pending;
+        // What the line really costs: the buffer's capacity, not just the bytes in it.
+        const std::size_t held = pending == 0 ? 0 : input_.capacity();
+        context_.pending_input_bytes += held;
         context_.pending_input_bytes -= pending_accounted_;
-        pending_accounted_ = pending;
+        pending_accounted_ = held;
         if (context_.pending_input_bytes <= context_.input.max_pending_bytes ||
             pending < context_.input.small_line_bytes)
             return true;
         send(rpc::request_processor::error_line(nullptr, rpc::internal_error,
                                                 "Server input buffer full"));
-        MSG_LOG(msg_log::warning, context_.log_tag)
-            << "Closing a client whose unfinished line does not fit the server's input buffer";
+        report_refusal();
         release_pending_input();
         close_after_write();
         return false;
+    }
+
+    void report_refusal() {
+        const auto now = context_.clock->now();
+        if (now < context_.next_refusal_report) {
+            ++context_.unreported_refusals;
+            return;
+        }
+        const unsigned more = std::exchange(context_.unreported_refusals, 0);
+        MSG_LOG(msg_log::warning, context_.log_tag)
+            << "Closing a client whose unfinished line does not fit the server's input buffer"
+            << (more == 0 ? std::string()
+                          : " (and " + std::to_string(more) + " more since the last report)");
+        context_.next_refusal_report = now + std::chrono::seconds(10);
     }
 
     void release_pending_input() {
