@@ -43,11 +43,9 @@ class gearbox_server {
 
 class Platform : public handler_fixture {
   protected:
-    void make_marker(const std::string& name) {
-        std::filesystem::create_directories(root / "proc" / "device-tree");
-        std::ofstream(root / "proc" / "device-tree" / name).put('\n');
+    std::string gearbox_name() const {
+        return (root.path() / "tmp/device_handlers/bcm_gb").string();
     }
-    std::string gearbox_name() const { return (root / "tmp/device_handlers/bcm_gb").string(); }
 
     // The constructor waits for the gearbox on the clock, so it runs on a thread of its own.
     std::future<std::shared_ptr<test_handler>> construct_async() {
@@ -82,9 +80,9 @@ TEST_F(Platform, OtherBoardsLogTheirLineWithoutAGearboxAndZelt40IsProbedBeforeZe
              {{"zelt50"}, "QSFP ZELT-50 detected, qsfp3"},
              {{"zelt50", "zelt40"}, "QSFP ZELT-40 detected, qsfp3"}}) {
         SCOPED_TRACE(line);
-        std::filesystem::remove_all(root / "proc");
+        std::filesystem::remove_all(root.path() / "proc");
         for (const auto& marker : markers)
-            make_marker(marker);
+            root.make_marker(marker);
         insert("qsfp28_100g_lr4");
         logs.clear();
         auto handler = make_handler();
@@ -98,8 +96,8 @@ TEST_F(Platform, OtherBoardsLogTheirLineWithoutAGearboxAndZelt40IsProbedBeforeZe
 }
 
 TEST_F(Platform, Zelt20IsProbedFirstAndWithTheGearboxUpWaitsOneSecond) {
-    make_marker("zelt30");
-    make_marker("zelt20");
+    root.make_marker("zelt30");
+    root.make_marker("zelt20");
     auto owner = std::make_shared<gearbox>();
     owner->up = true;
     gearbox_server server(gearbox_name(), owner);
@@ -129,7 +127,7 @@ TEST_F(Platform, Zelt20IsProbedFirstAndWithTheGearboxUpWaitsOneSecond) {
 }
 
 TEST_F(Platform, Zelt20WaitsForAGearboxThatComesUpLateAndReportsTheWaitOnceAMinute) {
-    make_marker("zelt20");
+    root.make_marker("zelt20");
     auto constructed = construct_async();
     // No gearbox server at all yet: the failed read is caught and the wait goes on.
     one_second(constructed);
