@@ -24,10 +24,6 @@ struct check_case {
     int status;
 };
 
-void PrintTo(const check_case& c, std::ostream* os) {
-    *os << c.name;
-}
-
 struct run_result {
     int status;
     std::vector<std::string> lines;
@@ -52,7 +48,6 @@ const std::vector<check_case> cases{
  {"vendor": "FS", "partNumber": "Q28-PC**", "description": "DAC", "isAutoNeg": true}]})",
      {},
      0},
-    {"EmptyObject", "{}", {}, 0},
     {"RootNotAnObject",
      R"(["passiveTransceiverList"])",
      {"1:1: expected an object at the top level, found an array"},
@@ -66,11 +61,6 @@ const std::vector<check_case> cases{
  {"vendor": "V", "partNumber": "P", "description": "d"}, "P2"]})",
      {"2:58: expected an object for each entry of \"passiveTransceiverList\", found a string "
       "(\"P2\")"},
-     1},
-    {"VendorNotAString",
-     R"({"passiveTransceiverList": [
- {"vendor": 7, "partNumber": "P", "description": "d"}]})",
-     {"2:13: expected a string for \"vendor\", found a number (7)"},
      1},
     {"DescriptionMissing",
      R"({"optical1LaneTransceiverList": [

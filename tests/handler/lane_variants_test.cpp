@@ -1,8 +1,6 @@
 #include <fmt/format.h>
 
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "handler_test_support.hpp"
 #include "qsfp_optical_1lane_device_handler.hpp"
