@@ -10,6 +10,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "../support/temp_dir.hpp"
@@ -74,10 +75,7 @@ probe_map map_of(std::initializer_list<std::pair<std::string, std::string>> vend
 // --- Matching ---
 
 TEST(FindInMap, StarStandsForExactlyOneCharacter) {
-    struct row {
-        const char *pattern, *part_number;
-        bool matches;
-    };
+    using row = std::tuple<const char*, const char*, bool>;  // pattern, part number, matches
     for (const auto& [pattern, part_number, matches] :
          {row{"ABC*", "ABC1", true}, row{"ABC*", "ABCX", true}, row{"ABC*", "ABC", false},
           row{"ABC*", "ABC12", false}, row{"ABC*", "ABD1", false}, row{"A**D", "AXYD", true},

@@ -40,8 +40,6 @@ run_result run(const std::vector<std::string>& args) {
     return result;
 }
 
-const std::string deep = std::string(200, '[') + std::string(200, ']');
-
 const std::vector<check_case> cases{
     {"CleanEntry",
      R"({"passiveTransceiverList": [
@@ -164,7 +162,7 @@ const std::vector<check_case> cases{
      1},
     {"EmptyFile", "", {"1:1: expected a JSON value, found the end of the file"}, 1},
     {"NestedTooDeep",
-     deep,
+     std::string(200, '[') + std::string(200, ']'),
      {"1:65: expected at most 64 levels of nesting, found an array at level 65"},
      1},
 };
@@ -226,8 +224,8 @@ TEST(ConfigCheckFiles, TheShippedCatalogueIsClean) {
     EXPECT_THAT(result.lines, ::testing::IsEmpty());
 }
 
-TEST(ConfigCheckFiles, KindByOptionNameOrContent) {
-    temp_dir dir("config-check-kind");
+TEST(ConfigCheckFiles, KindByOptionNameOrContentEveryFileCheckedAndTheWorstStatusWins) {
+    temp_dir dir("config-check-files");
     const auto listed = dir.write("a.json", R"({"passiveTransceiverList": 1})");
     const auto empty = dir.write("b.json", "{}");
     // By content: a list name makes it a catalogue.
@@ -239,10 +237,7 @@ TEST(ConfigCheckFiles, KindByOptionNameOrContent) {
     EXPECT_EQ(run({"--kind", "qsfp-catalogue", empty}).status, 0);
     EXPECT_EQ(run({"--kind=qsfp-catalogue", empty}).status, 0);
     EXPECT_EQ(run({"--kind", "sfp", empty}).status, 2);
-}
 
-TEST(ConfigCheckFiles, EveryFileIsCheckedAndTheWorstStatusWins) {
-    temp_dir dir("config-check-files");
     const auto bad = dir.write("transceiver_qsfp.json", "[]");
     const auto absent = (dir.path() / "absent.json").string();
     const auto result = run({absent, bad});

@@ -80,9 +80,6 @@ TEST_F(Platform, OtherBoardsLogTheirLineWithoutAGearboxAndZelt40IsProbedBeforeZe
         EXPECT_EQ(handler->get_gearbox_client(), nullptr);
         // A board without a gearbox neither waits for one nor reports one (a wait would hang).
         EXPECT_EQ(logged("QSFP"), line.empty() ? texts{} : texts{line});
-        if (line.empty()) continue;
-        for (const auto& r : logs.find(line))
-            EXPECT_EQ(r.tag, "qsfp3/init");
     }
 }
 

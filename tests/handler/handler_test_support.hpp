@@ -116,15 +116,12 @@ class handler_fixture : public ::testing::Test {
         return out;
     }
 
-    // One monitoring cycle, 100 ms after the previous one.
-    void cycle(qsfp_optical_device_handler& h) {
-        clock->run_for(100ms);
-        h.run_periodic_tasks();
-    }
-    // One cycle with the latched flag byte set just before it (the cycle's read clears it).
+    // One monitoring cycle, 100 ms after the previous one, with the latched flag byte set just
+    // before it (the cycle's read clears it).
     void cycle_with(qsfp_optical_device_handler& h, std::uint8_t byte, std::uint8_t value) {
         poke_lower(byte, value);
-        cycle(h);
+        clock->run_for(100ms);
+        h.run_periodic_tasks();
     }
 
     // The JSON texts of the nodes below "qsfp/" named in `paths`, space-separated like the paths:

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <tuple>
 
 namespace {
 using namespace qsfpd;
@@ -43,56 +44,40 @@ struct scripted_module : identification_reader {
 // Each rule with the reads it takes: the rules read only what they need.
 TEST(HandlerSelection, RowByRow) {
     using c = handler_class;
-    using w = selection_warning;
-    struct row {
-        const char* name;
-        answers module;
-        handler_selection expected;
-        int reads;
-    };
-    const row rows[] = {
-        {"sfp in a converter",
-         {.identifiers = {0x03}, .technology = 0xA0},
-         {c::passive_converter, w::none, true},
-         1},
-        {"copper technology", {.technology = 0xA0}, {c::passive, w::unsupported_copper}, 2},
-        {"other technology", {.technology = 0x80}, {c::passive, w::unsupported_copper}, 2},
-        {"technology 0x9f is optical",
-         {.technology = 0x9F},
-         {c::optical_4lane, w::unsupported_optical},
-         8},
-        {"cmis 4 coherent", {.identifiers = {0x18}, .coherent = true}, {c::dd_acacia_1lane}, 4},
-        {"cmis 4 optical", {.identifiers = {0x18}, .pages_195 = {true}}, {c::dd_optical_4lane}, 4},
-        {"cmis 5 coherent",
-         {.identifiers = {0x18}, .cmis_major = 5, .coherent = true},
-         {c::dd_cmis5_1lane_hpower},
-         4},
-        {"cmis 5 optical", {.identifiers = {0x18}, .cmis_major = 5}, {c::dd_optical_4lane}, 4},
-        {"cmis 3 is reported",
-         {.identifiers = {0x18}, .cmis_major = 3, .coherent = true},
-         {c::dd_optical_4lane, w::none, false, true, 3},
-         3},
-        {"pages 20h-21h by byte 195", {.pages_195 = {true}}, {c::optical_1or2lane}, 4},
-        {"pages 20h-21h by byte 221", {.pages_221 = {true}}, {c::optical_1or2lane}, 4},
-        {"single-lane code", {.link_code = 0x26}, {c::optical_1lane, w::unsupported_optical}, 8},
-        {"single-lane code 3Ah",
-         {.link_code = 0x3A},
-         {c::optical_1lane, w::unsupported_optical},
-         8},
-        {"four-lane code", {.link_code = 0x22}, {c::optical_4lane, w::unsupported_optical}, 8},
-        {"identifier becomes 0x18 on the second read",
-         {.identifiers = {0x0D, 0x18}},
-         {c::dd_acacia_1lane, w::unsupported_optical},
-         7},
-        {"a page flag set on the second read",
-         {.pages_221 = {false, true}},
-         {c::optical_1or2lane, w::unsupported_optical},
-         7},
-    };
-    for (const auto& r : rows) {
-        scripted_module m(r.module);
-        EXPECT_EQ(select_by_identification(m), r.expected) << r.name;
-        EXPECT_EQ(m.reads, r.reads) << r.name;
+    const auto none = selection_warning::none, opt = selection_warning::unsupported_optical,
+               copper = selection_warning::unsupported_copper;
+    const std::deque<std::uint8_t> dd{0x18};
+    // Name, answers, selection, reads.
+    using row = std::tuple<const char*, answers, handler_selection, int>;
+    for (const auto& [name, module, expected, reads] :
+         {row{"sfp",
+              {.identifiers = {3}, .technology = 0xA0},
+              {c::passive_converter, none, true},
+              1},
+          row{"copper", {.technology = 0xA0}, {c::passive, copper}, 2},
+          row{"other technology", {.technology = 0x80}, {c::passive, copper}, 2},
+          row{"technology 9Fh is optical", {.technology = 0x9F}, {c::optical_4lane, opt}, 8},
+          row{"cmis 4 coherent", {.identifiers = dd, .coherent = true}, {c::dd_acacia_1lane}, 4},
+          row{"cmis 4 optical", {.identifiers = dd, .pages_195 = {true}}, {c::dd_optical_4lane}, 4},
+          row{"cmis 5 coherent",
+              {.identifiers = dd, .cmis_major = 5, .coherent = true},
+              {c::dd_cmis5_1lane_hpower},
+              4},
+          row{"cmis 5 optical", {.identifiers = dd, .cmis_major = 5}, {c::dd_optical_4lane}, 4},
+          row{"cmis 3 is reported",
+              {.identifiers = dd, .cmis_major = 3, .coherent = true},
+              {c::dd_optical_4lane, none, false, true, 3},
+              3},
+          row{"pages 20h-21h by byte 195", {.pages_195 = {true}}, {c::optical_1or2lane}, 4},
+          row{"pages 20h-21h by byte 221", {.pages_221 = {true}}, {c::optical_1or2lane}, 4},
+          row{"single-lane code", {.link_code = 0x26}, {c::optical_1lane, opt}, 8},
+          row{"single-lane code 3Ah", {.link_code = 0x3A}, {c::optical_1lane, opt}, 8},
+          row{"four-lane code", {.link_code = 0x22}, {c::optical_4lane, opt}, 8},
+          row{"second identifier 18h", {.identifiers = {0x0D, 0x18}}, {c::dd_acacia_1lane, opt}, 7},
+          row{"late page flag", {.pages_221 = {false, true}}, {c::optical_1or2lane, opt}, 7}}) {
+        scripted_module m(module);
+        EXPECT_EQ(select_by_identification(m), expected) << name;
+        EXPECT_EQ(m.reads, reads) << name;
     }
 }
 

@@ -284,11 +284,8 @@ TEST_F(Manager, PollsInTheCagesSlotOfTheSteadyClocksGrid) {
     cage = std::make_shared<emu::cage_emulator>(clock, bus, "qsfp3");
     make_manager();
     clock->run_for(2s);
-    std::vector<qsfpd::clock::time_point> polls;
-    {
-        std::lock_guard lock(timed->mutex);
-        polls = timed->polls;
-    }
+    std::lock_guard lock(timed->mutex);
+    const auto& polls = timed->polls;
     ASSERT_GE(polls.size(), 5u);
     const auto ms = [](auto t) {
         return std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
@@ -336,27 +333,25 @@ TEST_F(Manager, DefaultFactoriesBuildTheOpticalHandlers) {
 // A status given before the module is ready is handed over once it is, and one given later goes
 // straight through.
 TEST_F(Manager, TheStoredAdminStatusGoesToAColdStartedModuleButNotToAWarmStartedOne) {
-    struct row {
-        bool warm;
-        const char* given;  // by a client, before the insertion
-        std::vector<std::string> handed_over;
-    };
-    for (const auto& r : {row{false, nullptr, {"down"}}, row{true, nullptr, {}},
-                          row{true, R"("down")", {"down"}}, row{false, R"("up")", {"up"}}}) {
+    // Warm, the status a client gave before the insertion, what the handler was given.
+    using row = std::tuple<bool, const char*, std::vector<std::string>>;
+    for (const auto& [warm, given, handed_over] :
+         {row{false, nullptr, {"down"}}, row{true, nullptr, {}}, row{true, R"("down")", {"down"}},
+          row{false, R"("up")", {"up"}}}) {
         SCOPED_TRACE(::testing::Message()
-                     << "warm " << r.warm << ", given " << (r.given ? r.given : "-"));
+                     << "warm " << warm << ", given " << (given ? given : "-"));
         manager.reset();
         created.clear();
-        next_warm = r.warm;
+        next_warm = warm;
         make_manager();
-        if (r.given) set("config/adminStatus", r.given);
+        if (given) set("config/adminStatus", given);
         insert("qsfp28_100g_lr4");
         ASSERT_EQ(created.size(), 1u);
         auto handler = created[0].lock();
         ASSERT_TRUE(handler);
-        EXPECT_EQ(handler->admin_calls, r.handed_over);
+        EXPECT_EQ(handler->admin_calls, handed_over);
         set("config/adminStatus", R"("down")");
-        auto expected = r.handed_over;
+        auto expected = handed_over;
         expected.push_back("down");
         EXPECT_EQ(handler->admin_calls, expected);
         clock->run_for(1s);
