@@ -24,10 +24,6 @@ struct check_case {
     int status;
 };
 
-void PrintTo(const check_case& c, std::ostream* os) {
-    *os << c.name;
-}
-
 struct run_result {
     int status;
     std::vector<std::string> lines;
@@ -44,15 +40,12 @@ run_result run(const std::vector<std::string>& args) {
     return result;
 }
 
-const std::string deep = std::string(200, '[') + std::string(200, ']');
-
 const std::vector<check_case> cases{
     {"CleanEntry",
      R"({"passiveTransceiverList": [
  {"vendor": "FS", "partNumber": "Q28-PC**", "description": "DAC", "isAutoNeg": true}]})",
      {},
      0},
-    {"EmptyObject", "{}", {}, 0},
     {"RootNotAnObject",
      R"(["passiveTransceiverList"])",
      {"1:1: expected an object at the top level, found an array"},
@@ -66,11 +59,6 @@ const std::vector<check_case> cases{
  {"vendor": "V", "partNumber": "P", "description": "d"}, "P2"]})",
      {"2:58: expected an object for each entry of \"passiveTransceiverList\", found a string "
       "(\"P2\")"},
-     1},
-    {"VendorNotAString",
-     R"({"passiveTransceiverList": [
- {"vendor": 7, "partNumber": "P", "description": "d"}]})",
-     {"2:13: expected a string for \"vendor\", found a number (7)"},
      1},
     {"DescriptionMissing",
      R"({"optical1LaneTransceiverList": [
@@ -174,7 +162,7 @@ const std::vector<check_case> cases{
      1},
     {"EmptyFile", "", {"1:1: expected a JSON value, found the end of the file"}, 1},
     {"NestedTooDeep",
-     deep,
+     std::string(200, '[') + std::string(200, ']'),
      {"1:65: expected at most 64 levels of nesting, found an array at level 65"},
      1},
 };
@@ -236,8 +224,8 @@ TEST(ConfigCheckFiles, TheShippedCatalogueIsClean) {
     EXPECT_THAT(result.lines, ::testing::IsEmpty());
 }
 
-TEST(ConfigCheckFiles, KindByOptionNameOrContent) {
-    temp_dir dir("config-check-kind");
+TEST(ConfigCheckFiles, KindByOptionNameOrContentEveryFileCheckedAndTheWorstStatusWins) {
+    temp_dir dir("config-check-files");
     const auto listed = dir.write("a.json", R"({"passiveTransceiverList": 1})");
     const auto empty = dir.write("b.json", "{}");
     // By content: a list name makes it a catalogue.
@@ -249,10 +237,7 @@ TEST(ConfigCheckFiles, KindByOptionNameOrContent) {
     EXPECT_EQ(run({"--kind", "qsfp-catalogue", empty}).status, 0);
     EXPECT_EQ(run({"--kind=qsfp-catalogue", empty}).status, 0);
     EXPECT_EQ(run({"--kind", "sfp", empty}).status, 2);
-}
 
-TEST(ConfigCheckFiles, EveryFileIsCheckedAndTheWorstStatusWins) {
-    temp_dir dir("config-check-files");
     const auto bad = dir.write("transceiver_qsfp.json", "[]");
     const auto absent = (dir.path() / "absent.json").string();
     const auto result = run({absent, bad});

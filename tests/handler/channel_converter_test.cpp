@@ -28,15 +28,7 @@ row grid_row(unsigned n) {
     return {key, {text, "D" + std::to_string(19010 + 10 * n).substr(1)}};
 }
 
-class ChannelConverter : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        msg_log::init({.max_severity = msg_log::debug, .to_stderr = false, .to_syslog = false});
-    }
-    msg_log::log_capture capture;
-};
-
-TEST_F(ChannelConverter, DwdmRowsFollowTheGridExceptTheTwoFieldValues) {
+TEST(ChannelConverter, DwdmRowsFollowTheGridExceptTheTwoFieldValues) {
     EXPECT_EQ(grid_row(0), row(31541, entry("1577.03", "D9010")));
     EXPECT_EQ(grid_row(71), row(30405, entry("1520.25", "D9720")));
     // The rows the table holds instead of the grid's (31375 and 31083).
@@ -56,7 +48,7 @@ TEST_F(ChannelConverter, DwdmRowsFollowTheGridExceptTheTwoFieldValues) {
     }
 }
 
-TEST_F(ChannelConverter, NonDwdmRowsAndTableSize) {
+TEST(ChannelConverter, NonDwdmRowsAndTableSize) {
     const std::map<unsigned, entry> non_dwdm = {
         {17000, {"850", "n/a"}},     {26200, {"1310", "n/a"}}, {25420, {"1271", "n/a"}},
         {25820, {"1291", "n/a"}},    {26220, {"1311", "n/a"}}, {26620, {"1331", "n/a"}},
@@ -67,7 +59,9 @@ TEST_F(ChannelConverter, NonDwdmRowsAndTableSize) {
     EXPECT_EQ(channel_converter::channel_map().size(), 72u + non_dwdm.size());
 }
 
-TEST_F(ChannelConverter, LookupLogsTheRowFoundOrThatNoneWas) {
+TEST(ChannelConverter, LookupLogsTheRowFoundOrThatNoneWas) {
+    msg_log::init({.max_severity = msg_log::debug, .to_stderr = false, .to_syslog = false});
+    msg_log::log_capture capture;
     EXPECT_EQ(channel_converter::get_qsfp_wavelength_and_channel_id(31373),
               entry("1568.67", "D9110"));
     EXPECT_EQ(channel_converter::get_qsfp_wavelength_and_channel_id(26047),

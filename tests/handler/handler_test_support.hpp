@@ -2,13 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
-#include <unistd.h>
 
 #include <array>
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <sstream>
@@ -16,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "../support/temp_dir.hpp"
 #include "cage_emulator.hpp"
 #include "emu_bus.hpp"
 #include "log_capture.hpp"
@@ -68,18 +65,6 @@ class test_handler : public qsfp_device_handler {
 // platform marker of the machine running the tests is seen.
 class handler_fixture : public ::testing::Test {
   protected:
-    void SetUp() override {
-        static int counter = 0;
-        root = std::filesystem::temp_directory_path() /
-               ("qsfpd-dh-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-        std::filesystem::create_directories(root);
-        ::setenv("QSFPD_ROOT", root.c_str(), 1);
-    }
-    void TearDown() override {
-        ::unsetenv("QSFPD_ROOT");
-        std::filesystem::remove_all(root);
-    }
-
     void insert(std::string_view profile_name) {
         auto profile = emu::module_profile::load_named(profile_name);
         const auto settle = profile.i2c_not_ready + profile.power_up;
@@ -131,32 +116,14 @@ class handler_fixture : public ::testing::Test {
         return out;
     }
 
-    // One monitoring cycle, 100 ms after the previous one.
-    void cycle(qsfp_optical_device_handler& h) {
+    // One monitoring cycle, 100 ms after the previous one, with the latched flag byte set just
+    // before it (the cycle's read clears it).
+    void cycle_with(qsfp_optical_device_handler& h, std::uint8_t byte, std::uint8_t value) {
+        poke_lower(byte, value);
         clock->run_for(100ms);
         h.run_periodic_tasks();
     }
-    // One cycle with the latched flag byte set just before it (the cycle's read clears it).
-    void cycle_with(qsfp_optical_device_handler& h, std::uint8_t byte, std::uint8_t value) {
-        poke_lower(byte, value);
-        cycle(h);
-    }
 
-    static rapidjson::Document parse(const std::string& text) {
-        rapidjson::Document doc;
-        doc.Parse(text.c_str(), text.size());
-        EXPECT_FALSE(doc.HasParseError()) << text;
-        return doc;
-    }
-    // A node's value as JSON, read the way the server reads it.
-    rapidjson::Document read_json(const std::string& path) {
-        return parse(db.lookup(path)->get_text(path));
-    }
-    std::string read_string(const std::string& path) {
-        const auto doc = read_json(path);
-        EXPECT_TRUE(doc.IsString()) << path;
-        return doc.IsString() ? doc.GetString() : "";
-    }
     // The JSON texts of the nodes below "qsfp/" named in `paths`, space-separated like the paths:
     // exact, so a value that should read 23.4 or 0 fails as 23.400000000000002 or -0.0.
     std::string values(const std::string& paths) {
@@ -166,25 +133,20 @@ class handler_fixture : public ::testing::Test {
             out += (out.empty() ? "" : " ") + db.lookup("qsfp/" + path)->get_text("qsfp/" + path);
         return out;
     }
-    bool read_bool(const std::string& path) { return read_json(path).GetBool(); }
-    double read_double(const std::string& path) { return read_json(path).GetDouble(); }
-    unsigned read_uint(const std::string& path) { return read_json(path).GetUint(); }
     int severity(const std::string& alarm) {
-        return read_json("qsfp/alarms/" + alarm + "/severity").GetInt();
+        return std::stoi(values("alarms/" + alarm + "/severity"));
     }
-    // A string node whose value is itself a JSON document (the page dumps).
-    rapidjson::Document read_embedded_json(const std::string& path) {
-        return parse(read_string(path));
+    // A page dump: a string node whose value is itself a JSON document.
+    rapidjson::Document dump(const std::string& path) {
+        rapidjson::Document text, doc;
+        text.Parse(values(path).c_str());
+        doc.Parse(text.IsString() ? text.GetString() : "");
+        EXPECT_FALSE(doc.HasParseError()) << path;
+        return doc;
     }
     template <class T>
     void write(const std::string& path, T value) {
         db.lookup(path)->set(path, dh::json_value(value));
-    }
-    rapidjson::Document run_bool(const std::string& path, bool value) {
-        rapidjson::Document out;
-        dh::json_value arg(value);
-        db.lookup(path)->run(path, arg, out.GetAllocator(), out);
-        return out;
     }
 
     // The error an operation ends with; a failure when it succeeds.
@@ -208,7 +170,7 @@ class handler_fixture : public ::testing::Test {
         EXPECT_EQ(logged(family), expected) << "records starting with " << family;
     }
 
-    std::filesystem::path root;
+    test::qsfpd_root root{"dh"};
     std::shared_ptr<virtual_clock> clock = std::make_shared<virtual_clock>();
     std::shared_ptr<emu::emu_bus> bus = std::make_shared<emu::emu_bus>(clock);
     std::shared_ptr<emu::cage_emulator> cage_emu =

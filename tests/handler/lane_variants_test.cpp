@@ -1,8 +1,6 @@
 #include <fmt/format.h>
 
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "handler_test_support.hpp"
 #include "qsfp_optical_1lane_device_handler.hpp"
@@ -24,8 +22,6 @@ class LaneVariants : public handler_fixture {
         SCOPED_TRACE(data_model + " " + std::to_string(lanes));
         logs.clear();
         auto h = make_variant<H>();
-        EXPECT_EQ(h->lane_count(), lanes);
-        EXPECT_TRUE(h->get_dh_ready());
         EXPECT_EQ(values("dataModel data/numberOfLanes param/networkLanes data/dhReady"),
                   fmt::format(R"("{}" {} {} true)", data_model, lanes, lanes));
         for (unsigned lane = 0; lane < 4; ++lane) {
@@ -108,25 +104,20 @@ TEST_F(LaneVariants, FourLaneColdStartSelects25GWhereRateSelectIsTheWay) {
     // Byte 93 before the start, page 00h byte 221 bit 2 (application select), bytes 87-88 after:
     // CWDM4 and DWDM4 offer rate select, LR4 does not (byte 195 bit 5); application select is
     // used instead when offered, and a warm start keeps what runs.
-    struct row {
-        const char* profile;
-        std::uint8_t power_control;
-        bool application_select;
-        std::uint8_t expected;
-    };
-    for (const auto& c :
+    using row = std::tuple<const char*, std::uint8_t, bool, int>;
+    for (const auto& [profile, power_control, application_select, expected] :
          {row{"qsfp28_100g_cwdm4", 0x00, false, 0xAA}, row{"qsfp28_100g_dwdm4", 0x00, false, 0xAA},
           row{"qsfp28_100g_lr4", 0x00, false, 0x00}, row{"qsfp28_100g_cwdm4", 0x00, true, 0x00},
           row{"qsfp28_100g_cwdm4", 0x01, false, 0x00}}) {
-        SCOPED_TRACE(std::string(c.profile) + " 93=" + std::to_string(c.power_control) +
-                     (c.application_select ? " appl-sel" : ""));
-        insert(c.profile);
+        SCOPED_TRACE(std::string(profile) + " 93=" + std::to_string(power_control) +
+                     (application_select ? " appl-sel" : ""));
+        insert(profile);
         poke_lower(rx_rate_byte, 0x00);
         poke_lower(tx_rate_byte, 0x00);
-        poke_lower(power_control_byte, c.power_control);
-        if (c.application_select) poke_upper(0, 221, module().peek({0, 0}, 221) | 0x04);
+        poke_lower(power_control_byte, power_control);
+        if (application_select) poke_upper(0, 221, module().peek({0, 0}, 221) | 0x04);
         auto h = make_variant<qsfp_optical_4lane_device_handler>();
-        EXPECT_EQ(rate_select(), (std::pair<int, int>{c.expected, c.expected}));
+        EXPECT_EQ(rate_select(), (std::pair{expected, expected}));
     }
 }
 
