@@ -4,6 +4,8 @@
 #include <linux/gpio.h>
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -13,20 +15,23 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "fake_transport.hpp"
 #include "qsfp_device.hpp"
+#include "temp_dir.hpp"
 
 namespace qsfpd::cage {
 namespace {
 
 using qsfpd::test::error_of;
+using qsfpd::test::message_of;
 
 std::string hex(unsigned v) {
     char b[8];
@@ -94,12 +99,13 @@ class fake_io final : public linux_io {
         std::string t;
         for (std::uint32_t i = 0; i < d.nmsgs; ++i) {
             const i2c_msg& m = d.msgs[i];
+            const bool rd = m.flags & I2C_M_RD;
             t += (i ? " " : "") +
-                 std::string(m.flags == I2C_M_RD ? "r"
-                             : m.flags           ? "?"
+                 std::string(m.flags & ~I2C_M_RD ? "?"
+                             : rd                ? "r"
                                                  : "w") +
-                 hex(m.addr) + (m.flags & I2C_M_RD ? "#" + std::to_string(m.len) : ":");
-            for (std::uint16_t j = 0; !(m.flags & I2C_M_RD) && j < m.len; ++j)
+                 hex(m.addr) + (rd ? "#" + std::to_string(m.len) : ":");
+            for (std::uint16_t j = 0; !rd && j < m.len; ++j)
                 t += hex(m.buf[j]);
         }
         transfers.push_back(t);
@@ -187,13 +193,8 @@ TEST(board_file, errors_name_the_problem) {
         {R"({"cages": {"/dev/q": {"i2c": "a", "gpiochip": "b", "active_low": ["x"]}}})",
          "unknown line x"}};
     for (const auto& [json, fragment] : cases) {
-        SCOPED_TRACE(fragment);
-        try {
-            (void)parse_board_file(json, "/dev/q");
-            ADD_FAILURE() << "accepted";
-        } catch (const std::runtime_error& e) {
-            EXPECT_NE(std::string(e.what()).find(fragment), std::string::npos) << e.what();
-        }
+        const auto message = message_of([&] { (void)parse_board_file(json, "/dev/q"); });
+        EXPECT_NE(message.find(fragment), std::string::npos) << message;
     }
 }
 
@@ -296,38 +297,71 @@ TEST_F(linux_transport_test, a_line_owned_elsewhere_is_ebusy_and_everything_open
     EXPECT_TRUE(io->open_fds.empty());
 }
 
-class board_root_test : public ::testing::Test {
+// $QSFPD_ROOT at a directory of its own, where the board file and the device-tree markers are
+// looked up.
+class root_test : public ::testing::Test {
   protected:
-    void SetUp() override {
-        std::filesystem::create_directories(root / "etc/qsfpd");
-        ::setenv("QSFPD_ROOT", root.c_str(), 1);
+    root_test() {
+        std::filesystem::create_directories(root.path() / "etc/qsfpd");
+        std::filesystem::create_directories(root.path() / "proc/device-tree");
+        ::setenv("QSFPD_ROOT", root.path().c_str(), 1);
     }
-    void TearDown() override {
-        ::unsetenv("QSFPD_ROOT");
-        std::filesystem::remove_all(root);
-    }
-    std::filesystem::path root =
-        std::filesystem::temp_directory_path() / ("qsfpd-board-" + std::to_string(::getpid()));
+    ~root_test() override { ::unsetenv("QSFPD_ROOT"); }
+    qsfpd::test::temp_dir root{"cage-root"};
 };
 
-TEST_F(board_root_test, the_board_file_is_found_under_the_root_for_a_device_path) {
-    try {
-        qsfp_device device("/dev/qsfp3");
-        ADD_FAILURE() << "no board file must throw";
-    } catch (const std::runtime_error& e) {
-        EXPECT_NE(std::string(e.what()).find("board file"), std::string::npos) << e.what();
-    }
-    std::ofstream(root / "etc/qsfpd/board.json") << board_json;
+TEST_F(root_test, the_board_file_is_found_under_the_root_for_a_device_path) {
+    EXPECT_NE(message_of([] { qsfp_device device("/dev/qsfp3"); }).find("board file"),
+              std::string::npos);
+    root.write("etc/qsfpd/board.json", board_json);
     auto io = std::make_shared<fake_io>();
     io->memory[0x50].fill(0x0D);
     qsfp_device device("/dev/qsfp3", linux_i2c_transport::from_board_file("/dev/qsfp3", io));
     EXPECT_EQ(device.read_byte(0), 0x0D);
     // A device path alone goes to the Linux transport, which reports that the board file's i2c
     // device cannot be opened.
-    std::ofstream(root / "etc/qsfpd/board.json")
-        << R"({"cages": {"/dev/qsfp3": {"i2c": ")" << (root / "no-such-i2c").string()
-        << R"(", "gpiochip": "/dev/gpiochip2"}}})";
+    root.write("etc/qsfpd/board.json", R"({"cages": {"/dev/qsfp3": {"i2c": ")" +
+                                           (root.path() / "no-such-i2c").string() +
+                                           R"(", "gpiochip": "/dev/gpiochip2"}}})");
     EXPECT_EQ(error_of([&] { qsfp_device device("/dev/qsfp3"); }), ENOENT);
+}
+
+TEST_F(root_test, zelt_markers_come_from_the_device_tree) {
+    for (const auto& [name, marker] : {std::pair{"zelt20", &qsfp_device::is_qsfp_zelt20},
+                                       {"zelt30", &qsfp_device::is_qsfp_zelt30},
+                                       {"zelt40", &qsfp_device::is_qsfp_zelt40},
+                                       {"zelt50", &qsfp_device::is_qsfp_zelt50}}) {
+        EXPECT_FALSE(marker()) << name;  // the other markers present do not count
+        root.write(std::string("proc/device-tree/") + name, std::string(1, '\0'));
+        EXPECT_TRUE(marker()) << name;
+    }
+}
+
+TEST_F(root_test, socket_paths_need_the_emulator_transport) {
+    const auto socket_path = root.path() / "cage.sock";
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, socket_path.c_str(), sizeof(addr.sun_path) - 1);
+    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    qsfp_device::set_transport_factory({});
+    EXPECT_NE(message_of([&] {
+                  qsfp_device device(socket_path.string());
+              }).find("emulator transport is not available"),
+              std::string::npos);
+    std::string asked;
+    auto bus = std::make_shared<qsfpd::test::fake_transport>();
+    qsfp_device::set_transport_factory([&](const std::string& path) {
+        asked = path;
+        return bus;
+    });
+    qsfp_device device(socket_path.string());
+    EXPECT_EQ(asked, socket_path.string());
+    bus->set_byte(0, 0, 0x0D);
+    EXPECT_EQ(device.read_byte(0), 0x0D);
+    qsfp_device::set_transport_factory({});
+    ::close(fd);
 }
 
 }  // namespace
