@@ -56,9 +56,6 @@ struct cage_fixture {
     void write(std::uint8_t offset, bytes data, std::uint8_t device = 0x50) {
         cage.i2c_write(device, offset, data);
     }
-    void write1(std::uint8_t offset, std::uint8_t value, std::uint8_t device = 0x50) {
-        write(offset, {value}, device);
-    }
     void select(std::uint8_t page, std::uint8_t bank = 0) { write(126, {bank, page}); }
     // errno of a read that throws, or 0.
     int read_errno(std::uint8_t offset, std::size_t n = 1, std::uint8_t device = 0x50) {

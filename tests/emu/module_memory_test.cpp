@@ -22,10 +22,6 @@ bytes read(module_memory& m, std::uint8_t offset, std::size_t n) {
     return out;
 }
 
-void write(module_memory& m, std::uint8_t offset, bytes data) {
-    m.write(offset, data);
-}
-
 // A CMIS-like memory: pages 00h, 01h, 10h and 11h in banks 0 and 1.
 class ModuleMemory : public ::testing::Test {
   protected:
@@ -45,13 +41,13 @@ class ModuleMemory : public ::testing::Test {
 
 TEST_F(ModuleMemory, PageSelectMapsTheUpperHalfAndBankSelectOnlyBankedPages) {
     EXPECT_EQ(read(m, 128, 1)[0], 0x10);
-    write(m, 127, {0x01});
+    m.write(127, bytes{0x01});
     EXPECT_EQ(m.selected(), (page_id{0, 0x01}));
     EXPECT_EQ(read(m, 128, 2), (bytes{0x20, 0x21}));
-    write(m, 126, {1, 0x11});  // bank 1, page 11h in one transaction
+    m.write(126, bytes{1, 0x11});  // bank 1, page 11h in one transaction
     EXPECT_EQ(m.selected(), (page_id{1, 0x11}));
     EXPECT_EQ(read(m, 128, 1)[0], 0xa1);
-    write(m, 127, {0x01});  // page 01h is not banked: bank byte stays, page 01h bank 0 is seen
+    m.write(127, bytes{0x01});  // page 01h is not banked: bank byte stays, page 01h bank 0 is seen
     EXPECT_EQ(m.peek({}, 126), 1);
     EXPECT_EQ(m.selected(), (page_id{0, 0x01}));
     EXPECT_EQ(read(m, 128, 1)[0], 0x20);
@@ -60,23 +56,23 @@ TEST_F(ModuleMemory, PageSelectMapsTheUpperHalfAndBankSelectOnlyBankedPages) {
 TEST(ModuleMemoryPolicies, ReadFfAcceptsAnyPageAndFlatHasNoPageSelect) {
     module_memory ff(paging::paged, unsupported_page::read_ff);
     ff.add_page({0, 0}, filled(0x10));
-    write(ff, 127, {0x03});
+    ff.write(127, bytes{0x03});
     EXPECT_EQ(ff.peek({}, 127), 0x03);
     EXPECT_EQ(read(ff, 200, 2), (bytes{0xff, 0xff}));
-    write(ff, 200, {0x55});  // nothing to write into; no crash, nothing stored
-    write(ff, 127, {0x00});
+    ff.write(200, bytes{0x55});  // nothing to write into; no crash, nothing stored
+    ff.write(127, bytes{0x00});
     EXPECT_EQ(read(ff, 200, 1)[0], static_cast<std::uint8_t>(0x10 + 72));
 
     module_memory flat(paging::flat);
     flat.add_page({}, filled(0x40));
     flat.set_writable({}, 127, 127);
-    write(flat, 127, {0x02});  // an ordinary byte on a flat memory (SFP A0h)
+    flat.write(127, bytes{0x02});  // an ordinary byte on a flat memory (SFP A0h)
     EXPECT_EQ(flat.peek({}, 127), 0x02);
     EXPECT_EQ(read(flat, 128, 1)[0], 0x40);
 }
 
 TEST_F(ModuleMemory, ReadRunsFrom127IntoTheSelectedPageAndWrapsAt255) {
-    write(m, 127, {0x01});
+    m.write(127, bytes{0x01});
     EXPECT_EQ(read(m, 126, 3), (bytes{0, 0x01, 0x20}));
     // 254, 255, then lower 0 and 1.
     EXPECT_EQ(read(m, 254, 4), (bytes{0x20 + 126, 0x20 + 127, 0, 1}));
@@ -85,7 +81,7 @@ TEST_F(ModuleMemory, ReadRunsFrom127IntoTheSelectedPageAndWrapsAt255) {
 TEST_F(ModuleMemory, SelectWrittenInATransactionTakesEffectAfterIt) {
     m.set_writable({0, 0x00}, 128, 129);
     m.set_writable({0, 0x01}, 128, 129);
-    write(m, 127, {0x01, 0xee});  // page select, then byte 128 of the page selected before
+    m.write(127, bytes{0x01, 0xee});  // page select, then byte 128 of the page selected before
     EXPECT_EQ(m.peek({0, 0x00}, 128), 0xee);
     EXPECT_EQ(m.peek({0, 0x01}, 128), 0x20);
     EXPECT_EQ(m.selected(), (page_id{0, 0x01}));
@@ -94,14 +90,14 @@ TEST_F(ModuleMemory, SelectWrittenInATransactionTakesEffectAfterIt) {
 TEST_F(ModuleMemory, WritesToReadOnlyBitsAreIgnored) {
     m.set_writable({}, 26, 26, 0x50);
     m.set_writable({0, 0x10}, 130, 130);
-    write(m, 20, {0xaa});  // read-only byte
+    m.write(20, bytes{0xaa});  // read-only byte
     EXPECT_EQ(m.peek({}, 20), 20);
-    write(m, 26, {0xff});  // only bits 6 and 4 writable
+    m.write(26, bytes{0xff});  // only bits 6 and 4 writable
     EXPECT_EQ(m.peek({}, 26), (26 & ~0x50) | 0x50);
-    write(m, 26, {0x00});
+    m.write(26, bytes{0x00});
     EXPECT_EQ(m.peek({}, 26), 26 & ~0x50);
-    write(m, 126, {0, 0x10});
-    write(m, 130, {0x0f, 0x0f});  // 130 writable, 131 read-only
+    m.write(126, bytes{0, 0x10});
+    m.write(130, bytes{0x0f, 0x0f});  // 130 writable, 131 read-only
     EXPECT_EQ(m.peek({0, 0x10}, 130), 0x0f);
     EXPECT_EQ(m.peek({0, 0x10}, 131), 0x80 + 3);
     EXPECT_EQ(m.peek({1, 0x10}, 130), 0x81 + 2);  // the other bank untouched
@@ -112,7 +108,7 @@ TEST_F(ModuleMemory, LatchedFlagsClearWhenReadButNotWhenPeeked) {
     m.latch({1, 0x11}, 147, 0x80);
     EXPECT_EQ(m.peek({1, 0x11}, 147), 0x80 | ((0xa1 + 19) & 0xff));
     EXPECT_EQ(m.peek({1, 0x11}, 147), 0x80 | ((0xa1 + 19) & 0xff));
-    write(m, 126, {1, 0x11});
+    m.write(126, bytes{1, 0x11});
     EXPECT_EQ(read(m, 147, 1)[0], 0x80 | ((0xa1 + 19) & 0xff));
     EXPECT_EQ(read(m, 147, 1)[0], 0x00);
 }
@@ -126,11 +122,11 @@ TEST_F(ModuleMemory, HooksSeeHostWritesAndComputeReads) {
     m.on_read({0, 0x01}, 200, 201, [&](page_id page, std::uint8_t off) {
         m.poke(page, off, static_cast<std::uint8_t>(++counter));
     });
-    write(m, 25, {0x00, 0x0f, 0x00});  // the hook sees the raw value of byte 26
+    m.write(25, bytes{0x00, 0x0f, 0x00});  // the hook sees the raw value of byte 26
     EXPECT_EQ(seen, (std::vector<std::pair<std::uint8_t, std::uint8_t>>{{26, 0x0f}}));
-    write(m, 127, {0x01});
+    m.write(127, bytes{0x01});
     EXPECT_EQ(read(m, 199, 3), (bytes{0x20 + 71, 1, 2}));
-    write(m, 127, {0x00});
+    m.write(127, bytes{0x00});
     read(m, 200, 2);  // page 00h: the hook is for page 01h only
     EXPECT_EQ(counter, 2);
 }

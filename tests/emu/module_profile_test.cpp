@@ -2,11 +2,10 @@
 
 #include <cmath>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "../support/errno_of.hpp"
 #include "module_profile.hpp"
 
 namespace qsfpd::emu {
@@ -112,23 +111,15 @@ TEST(ProfileContents, DspPagesHoldAHealthyLink) {
         const auto p = module_profile::load_named(stem);
         auto p20 = [&](unsigned at) { return upper16(p, {0, 0x20}, at); };
         auto p21 = [&](unsigned at) { return upper16(p, {0, 0x21}, at); };
+        // SNR above its low warning on the module's lanes, none beyond.
         for (unsigned lane = 0; lane < 4; ++lane) {
-            SCOPED_TRACE(lane);
-            const double snr = p20(132 + 2 * lane) / 256.0;
-            if (lane >= p.lanes) {
-                EXPECT_EQ(snr, 0.0) << "no such lane";
-                continue;
+            if (lane < p.lanes) {
+                EXPECT_GT(p20(132 + 2 * lane), p21(128 + 6)) << lane;
+            } else {
+                EXPECT_EQ(p20(132 + 2 * lane), 0) << lane;
             }
-            EXPECT_GE(snr, 21.0);
-            EXPECT_LE(snr, 24.0);
-            EXPECT_LT(std::abs(static_cast<std::int16_t>(p20(164 + 2 * lane)) / 256.0), 1.0);
-            EXPECT_GT(p20(132 + 2 * lane), p21(128 + 6));  // SNR above its low warning
         }
-        // Pre-FEC BER current, average, prior period, min, max; no uncorrected errors.
-        for (unsigned at = 172; at <= 180; at += 2) {
-            EXPECT_GE(ber(p20(at)), 1e-6) << at;
-            EXPECT_LE(ber(p20(at)), 1e-5) << at;
-        }
+        // Pre-FEC BER average between min and max, below its warning; no uncorrected errors.
         EXPECT_LE(ber(p20(178)), ber(p20(174)));      // min <= average
         EXPECT_GE(ber(p20(180)), ber(p20(174)));      // max >= average
         EXPECT_GT(ber(p21(152 + 4)), ber(p20(174)));  // average below its warning
@@ -164,18 +155,16 @@ TEST(ProfileContents, CmisModulesAdvertiseTheirApplications) {
     EXPECT_EQ(zr.image().lower[88], 0x81);
     EXPECT_EQ(upper(zr, {0, 0x04}, 128) & 0x80, 0x80);  // 75 GHz grid supported
     EXPECT_EQ(upper(zr, {0, 0x12}, 128) >> 4, 7);       // 75 GHz grid selected
+    // Its channels: -69 (191.375 THz) to 120 (196.100 THz).
+    EXPECT_EQ(upper16(zr, {0, 0x04}, 158), 0xffbb);
+    EXPECT_EQ(upper16(zr, {0, 0x04}, 160), 120);
     const auto zrp = module_profile::load_named("qsfpdd_400zr_plus");
     EXPECT_EQ(zrp.image().lower[1], 0x50);
     EXPECT_EQ(zrp.image().lower[87], 0x46);  // ZR400-OFEC-16QAM
 }
 
 std::string profile_error_of(const std::string& json) {
-    try {
-        module_profile::parse(json, "bad.json");
-    } catch (const profile_error& e) {
-        return e.what();
-    }
-    return "";
+    return qsfpd::test::message_of<profile_error>([&] { module_profile::parse(json, "bad.json"); });
 }
 
 std::string sff8636_json(const std::string& lower, const std::string& page00) {
@@ -187,7 +176,7 @@ TEST(ProfileValidation, BadProfilesAreRefusedNamingFileAndField) {
     // Identifier 11h, every other byte 0: both checksums 0 except CC_BASE (byte 191) = 11h.
     const std::string lower = "11" + std::string(254, '0');
     const std::string page00 = "11" + std::string(124, '0') + "11" + std::string(128, '0');
-    EXPECT_EQ(profile_error_of(sff8636_json(lower, page00)), "");
+    EXPECT_EQ(profile_error_of(sff8636_json(lower, page00)), "accepted");
     auto with = [](std::string s, std::size_t at, const char* hex) {
         return s.replace(at, 2, hex);
     };
@@ -206,12 +195,10 @@ TEST(ProfileValidation, BadProfilesAreRefusedNamingFileAndField) {
 }
 
 TEST(ProfileValidation, LoadingAMissingFileNamesIt) {
-    try {
-        module_profile::load("/nonexistent/profile.json");
-        FAIL() << "no error";
-    } catch (const profile_error& e) {
-        EXPECT_NE(std::string(e.what()).find("/nonexistent/profile.json"), std::string::npos);
-    }
+    EXPECT_NE(qsfpd::test::message_of<profile_error>([] {
+                  module_profile::load("/nonexistent/profile.json");
+              }).find("/nonexistent/profile.json"),
+              std::string::npos);
 }
 
 }  // namespace
