@@ -69,6 +69,10 @@ TEST_F(qsfp_device_test, pages_are_selected_only_on_a_change_and_transfers_split
               "r22#1 w127:03 r130#4 r200#4 w127:01 r254#2 w127:02 r128#2 r126#2 w127:00 r128#2 "
               "w127:02 w250:aabb w93:05");
     EXPECT_EQ(bus->byte(0x02, 251), 0xBB);
+    // Nothing past page FFh byte 255 reaches the bus.
+    EXPECT_EQ(error_of([&] { device.i2c_read(flat_end - 3, out); }), EINVAL);
+    EXPECT_EQ(error_of([&] { device.i2c_read(flat_end, out); }), EINVAL);
+    EXPECT_EQ(bus->trace(), "");
 }
 
 TEST_F(qsfp_device_test, the_page_cache_goes_whenever_the_module_may_have_lost_its_select) {
@@ -98,13 +102,6 @@ TEST_F(qsfp_device_test, the_page_cache_goes_whenever_the_module_may_have_lost_i
     EXPECT_EQ(error_of([&] { device.write_byte(flat(0x00, 93), 1); }), EIO);
     bus->fail_next(EREMOTEIO);
     EXPECT_EQ(error_of([&] { device.read_byte(0); }), EREMOTEIO);
-}
-
-TEST_F(qsfp_device_test, out_of_range_addresses_are_refused) {
-    std::array<std::uint8_t, 2> out{};
-    EXPECT_EQ(error_of([&] { device.i2c_read(flat_end - 1, out); }), EINVAL);
-    EXPECT_EQ(error_of([&] { device.i2c_read(flat_end, out); }), EINVAL);
-    EXPECT_EQ(bus->trace(), "");
 }
 
 TEST(qsfp_device_banks, only_cmis_banked_pages_take_a_bank_written_with_the_page) {
@@ -250,7 +247,7 @@ class sfp_map_test : public ::testing::Test {
     sfp_reg_map map{std::make_shared<converter_sfp_device>(device)};
 };
 
-TEST_F(sfp_map_test, identity_of_a_real_sfp_plus_sr) {
+TEST_F(sfp_map_test, identity_of_a_real_sfp_plus_sr_and_diagnostics) {
     // The text fields come with their padding.
     EXPECT_EQ(map.get_vendor_name(), "FINISAR CORP.   ");
     EXPECT_EQ(map.get_vendor_pn(), "FTLX8571D3BCL   ");
@@ -259,12 +256,7 @@ TEST_F(sfp_map_test, identity_of_a_real_sfp_plus_sr) {
     EXPECT_EQ(map.get_vendor_oui(), "00:90:65");
     EXPECT_TRUE(map.get_transceiver_comp__10g_base_sr());
     EXPECT_DOUBLE_EQ(map.get_wavelength(false), 850.0);
-    bus->fail_next(EIO, 0);  // a failed read reaches the caller
-    EXPECT_EQ(error_of([&] { (void)map.get_temp(); }), EIO);
-    EXPECT_EQ(error_of([&] { (void)map.get_vendor_name(); }), EIO);
-}
-
-TEST_F(sfp_map_test, diagnostics_are_raw_big_endian_words) {
+    // Diagnostics are raw big-endian words.
     put(256 + 96, {0x80, 0x00, 0x81, 0x02, 0x1F, 0x40, 0x00, 0x00, 0xFF, 0xFF});
     put(256 + 0, {0x55, 0x00, 0x00, 0x00, 0x00, 0x00, 0xFB, 0x00});
     EXPECT_EQ(map.get_temp(), -32768);
@@ -273,6 +265,9 @@ TEST_F(sfp_map_test, diagnostics_are_raw_big_endian_words) {
     EXPECT_EQ(map.get_rx_power(), 65535u);
     EXPECT_EQ(map.get_temp_high_alarm_th(), 85 * 256);
     EXPECT_EQ(map.get_temp_low_warn_th(), -5 * 256);
+    bus->fail_next(EIO, 0);  // a failed read reaches the caller
+    EXPECT_EQ(error_of([&] { (void)map.get_temp(); }), EIO);
+    EXPECT_EQ(error_of([&] { (void)map.get_vendor_name(); }), EIO);
 }
 
 TEST_F(sfp_map_test, junk_strings_read_as_err_with_one_warning) {
@@ -291,7 +286,7 @@ TEST_F(sfp_map_test, junk_strings_read_as_err_with_one_warning) {
     EXPECT_EQ(map.get_vendor_rev().front(), '\x7f');
 }
 
-TEST_F(sfp_map_test, bit_setters_keep_the_other_bits) {
+TEST_F(sfp_map_test, bit_setters_keep_the_other_bits_and_tunable_fields_select_page_2) {
     put(256 + 73, {0x81});
     map.set_rs1_rs2_ignore(true);
     EXPECT_EQ(bus->sfp_byte(256 + 73), 0x91);
@@ -304,9 +299,7 @@ TEST_F(sfp_map_test, bit_setters_keep_the_other_bits) {
     put(256 + 118, {0x80});
     map.set_power_level(true);
     EXPECT_EQ(bus->sfp_byte(256 + 118), 0x81);
-}
-
-TEST_F(sfp_map_test, tunable_fields_select_page_2_first) {
+    // The tunable fields select A2h page 02h first.
     put(256 + 133, {0xC0});  // first frequency: 192 THz
     EXPECT_EQ(map.get_first_freq_thz_lsb(), 0xC0);
     map.set_channel_number_lsb(17);

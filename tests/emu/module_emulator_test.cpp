@@ -19,10 +19,14 @@ using DspPages = emu_test;
 
 class CmisStates : public emu_test {
   protected:
-    // Module state (byte 3 bits 3..1) once `wait` has passed.
-    int state_after(std::chrono::milliseconds wait = 0ms) {
-        clock->advance(wait);
-        return (read1(3) >> 1) & 0x07;
+    // The module state (byte 3 bits 3..1) after each wait in turn, one digit each.
+    std::string states(std::initializer_list<std::chrono::milliseconds> waits) {
+        std::string digits;
+        for (const auto wait : waits) {
+            clock->advance(wait);
+            digits += static_cast<char>('0' + ((read1(3) >> 1) & 0x07));
+        }
+        return digits;
     }
 };
 
@@ -30,41 +34,36 @@ TEST_F(CmisStates, PowerUpLatchesEachChangeAndASoftwareRequestTakesThePowerDownA
     insert("qsfpdd_400g_fr4");
     EXPECT_EQ(read1(8) & 0x01, 0x01);  // state changed
     EXPECT_EQ(read1(8) & 0x01, 0x00);  // cleared by the read
-    EXPECT_EQ(state_after(), 2);       // ModulePwrUp: no low power request
-    EXPECT_EQ(state_after(799ms), 2);
-    EXPECT_EQ(state_after(1ms), 3);  // ModuleReady
+    // ModulePwrUp (no low power request), ModuleReady after 800 ms.
+    EXPECT_EQ(states({0ms, 799ms, 1ms}), "223");
     EXPECT_EQ(read1(8) & 0x01, 0x01);
     select(0x11);
     EXPECT_EQ(read(128, 4), bytes(4, 0x44));       // DPActivated
     EXPECT_EQ(read(132, 2), (bytes{0x0f, 0x0f}));  // RX, TX output status of the 4 media lanes
     write(26, {0x40 | 0x10});                      // LowPwrRequestSW
-    EXPECT_EQ(state_after(80ms), 1);
+    EXPECT_EQ(states({80ms}), "1");
     write(26, {0x40});
-    EXPECT_EQ(state_after(400ms), 2);
-    EXPECT_EQ(state_after(400ms), 3);
+    EXPECT_EQ(states({400ms, 400ms}), "23");
 }
 
 TEST_F(CmisStates, LpModePinRequestsLowPowerWhileAllowedAndFromInsertion) {
     auto& m = insert("qsfpdd_400g_fr4");
     clock->advance(800ms);
     cage.pin_set(cage::line::lpmode, true);
-    EXPECT_EQ(state_after(), 4);  // ModulePwrDn
-    EXPECT_EQ(state_after(79ms), 4);
-    EXPECT_EQ(state_after(1ms), 1);  // ModuleLowPwr
+    EXPECT_EQ(states({0ms, 79ms, 1ms}), "441");  // ModulePwrDn for 80 ms, then ModuleLowPwr
     EXPECT_TRUE(m.in_low_power());
     select(0x11);
     EXPECT_EQ(read1(128), 0x11);  // DPDeactivated
     EXPECT_EQ(read1(133), 0x00);
     cage.pin_set(cage::line::lpmode, false);
-    EXPECT_EQ(state_after(), 2);
-    EXPECT_EQ(state_after(800ms), 3);
+    EXPECT_EQ(states({0ms, 800ms}), "23");
     // With LowPwrAllowRequestHW cleared the pin is ignored.
     write(26, {0x00});
     cage.pin_set(cage::line::lpmode, true);
-    EXPECT_EQ(state_after(1s), 3);
+    EXPECT_EQ(states({1s}), "3");
     cage.remove();  // inserted with the pin asserted: stays in low power
     insert("qsfpdd_400zr");
-    EXPECT_EQ(state_after(10s), 1);
+    EXPECT_EQ(states({10s}), "1");
 }
 
 TEST_F(CmisStates, SoftwareResetRestartsFromTheImage) {
@@ -80,15 +79,14 @@ TEST_F(CmisStates, SoftwareResetRestartsFromTheImage) {
     EXPECT_EQ(read1(26), 0x40);  // trigger bit self-cleared, defaults back
     select(0x03);
     EXPECT_EQ(read1(200), 0x00);
-    EXPECT_EQ(state_after(), 2);
+    EXPECT_EQ(states({0ms}), "2");
 }
 
 TEST_F(CmisStates, ForcedFaultHoldsUntilReset) {
     insert("qsfpdd_400g_fr4").force_fault();
-    EXPECT_EQ(state_after(), 5);
-    EXPECT_EQ(state_after(5s), 5);
+    EXPECT_EQ(states({0ms, 5s}), "55");
     reset();
-    EXPECT_EQ(state_after(800ms), 3);
+    EXPECT_EQ(states({800ms}), "3");
 }
 
 // --- SFF-8636 power control (QSFP28 LR4, power class 5) --------------------------------------

@@ -8,6 +8,7 @@
 #include "../support/errno_of.hpp"
 #include "emu_ctl.hpp"
 #include "hex_bytes.hpp"
+#include "qsfp_device.hpp"
 #include "remote_cage_transport.hpp"
 #include "virtual_clock.hpp"
 
@@ -15,6 +16,7 @@ namespace {
 using namespace qsfpd;
 using namespace std::chrono_literals;
 using qsfpd::test::error_of;
+using qsfpd::test::message_of;
 using bytes = std::vector<std::uint8_t>;
 
 // The emulator process's service, run in-process on its real sockets; a daemon reaches its cages
@@ -111,6 +113,22 @@ TEST_F(EmuService, WritesPinsSignalsPokesAndFaultsCrossTheSockets) {
     qsfp2.sfp_signal_set(cage::sfp_signal::tx_disable, true);
     EXPECT_TRUE(qsfp2.sfp_signal_get(cage::sfp_signal::tx_disable));
     EXPECT_TRUE(service->cage(2).sfp_signal_get(cage::sfp_signal::tx_disable));
+}
+
+TEST_F(EmuService, ASocketPathNeedsTheEmulatorTransport) {
+    const auto path = (dir / "qsfp0").string();
+    cage::qsfp_device::set_transport_factory({});
+    EXPECT_NE(message_of([&] {
+                  cage::qsfp_device device(path);
+              }).find("emulator transport is not available"),
+              std::string::npos);
+    cage::qsfp_device::set_transport_factory([](const std::string& socket) {
+        return std::make_shared<remote::remote_cage_transport>(socket);
+    });
+    cage::qsfp_device device(path);
+    cage::qsfp_device::set_transport_factory({});
+    ASSERT_EQ(ctl({"insert", "0", "qsfp28_100g_lr4"}), 0);
+    EXPECT_TRUE(device.module_present());
 }
 
 TEST_F(EmuService, BadControlRequestsAreRefusedClearly) {

@@ -32,12 +32,11 @@ class fake_transport final : public cage::qsfp_transport {
             set_byte(static_cast<std::uint8_t>(i < 128 ? 0 : i / 128 - 1),
                      static_cast<std::uint8_t>(i < 128 ? i : 128 + i % 128), image[i], bank);
     }
+    // Set-up and inspection, between transfers: only the transfers lock.
     void set_byte(std::uint8_t page, std::uint8_t byte, std::uint8_t value, std::uint8_t bank = 0) {
-        std::lock_guard guard(mutex_);
         at(bank, page, byte) = value;
     }
     std::uint8_t byte(std::uint8_t page, std::uint8_t byte, std::uint8_t bank = 0) {
-        std::lock_guard guard(mutex_);
         return at(bank, page, byte);
     }
     // Pages 10h and up honour the bank select, like CMIS banked pages.
@@ -45,7 +44,6 @@ class fake_transport final : public cage::qsfp_transport {
 
     // Injected failures: the next `count` transfers (every one, with count 0) throw `error`.
     void fail_next(int error, int count = 1) {
-        std::lock_guard guard(mutex_);
         fail_errno_ = error;
         fail_count_ = count;
     }
@@ -53,10 +51,7 @@ class fake_transport final : public cage::qsfp_transport {
 
     // The transfers since the last call, as text: "r130#4" a read of 4 bytes at 130, "w127:03" a
     // write of 03h at 127; "51:" in front for the A2h address.
-    std::string trace() {
-        std::lock_guard guard(mutex_);
-        return std::exchange(trace_, {});
-    }
+    std::string trace() { return std::exchange(trace_, {}); }
 
     // The SFP behind a QSFP-to-SFP converter: when set, 0x50 serves A0h and 0x51 A2h unpaged, as
     // one linear space with A2h byte n at 256 + n.
