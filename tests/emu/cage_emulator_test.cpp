@@ -13,6 +13,7 @@ using CagePresence = emu_test;
 using CageFaults = emu_test;
 using CagePaging = emu_test;
 using CageThreads = emu_test;
+using Converter = emu_test;
 using CageBus = emu_test;
 
 TEST_F(CagePresence, AnEmptyCageNacksAndAModuleAnswersOnlyAfterItsWindow) {
@@ -82,15 +83,10 @@ TEST_F(CagePaging, PagesAndBanksTheModuleLacksAreRefused) {
 
 // --- QSFP-to-SFP converter ---------------------------------------------------------------------
 
-class Converter : public emu_test {
-  protected:
-    void SetUp() override {
-        insert("qsa_sfpplus_10g_sr");
-        clock->advance(300ms);
-    }
-};
-
-TEST_F(Converter, SfpAnswersAtA0AndA2AndA0IsFlatAndReadOnly) {
+TEST_F(Converter, SfpAnswersAtA0AndA2AndItsSignalsFollowControlsAndPatterns) {
+    insert("qsa_sfpplus_10g_sr");
+    clock->advance(300ms);
+    // A0h is flat and read-only.
     EXPECT_EQ(read1(0), 0x03);
     const auto name = read(20, 16);
     EXPECT_EQ(std::string(name.begin(), name.end()), "FINISAR CORP.   ");
@@ -102,9 +98,7 @@ TEST_F(Converter, SfpAnswersAtA0AndA2AndA0IsFlatAndReadOnly) {
     EXPECT_EQ(read1(127), 0x00);
     write(20, {'X'});
     EXPECT_EQ(read1(20), 'F');
-}
-
-TEST_F(Converter, TxDisableSignalTurnsTheLaserOffAndShowsInStatus) {
+    // The TX disable signal turns the laser off and shows in the status.
     EXPECT_GT(read16(102, 0x51), 0);
     cage.sfp_signal_set(cage::sfp_signal::tx_disable, true);
     EXPECT_TRUE(cage.sfp_signal_get(cage::sfp_signal::tx_disable));
@@ -117,9 +111,7 @@ TEST_F(Converter, TxDisableSignalTurnsTheLaserOffAndShowsInStatus) {
     cage.sfp_signal_set(cage::sfp_signal::rate_select, true);
     EXPECT_EQ(read1(110, 0x51) & 0x10, 0x10);
     EXPECT_THROW(cage.sfp_signal_set(cage::sfp_signal::los, true), std::system_error);
-}
-
-TEST_F(Converter, LosAndTxFaultFollowTheirPatterns) {
+    // LOS and TX fault follow their patterns.
     auto& m = *cage.module();
     m.flap(lane_flag::rx_los, 0, "10", flap_step::per_period, 1s);
     m.flap(lane_flag::tx_fault, 0, "01", flap_step::per_period, 1s);

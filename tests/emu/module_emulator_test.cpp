@@ -66,7 +66,7 @@ TEST_F(CmisStates, LpModePinRequestsLowPowerWhileAllowedAndFromInsertion) {
     EXPECT_EQ(states({10s}), "1");
 }
 
-TEST_F(CmisStates, SoftwareResetRestartsFromTheImage) {
+TEST_F(CmisStates, SoftwareResetRestartsFromTheImageAndAFaultHoldsUntilReset) {
     auto& m = insert("qsfpdd_400g_fr4");
     clock->advance(800ms);
     select(0x03);
@@ -80,10 +80,8 @@ TEST_F(CmisStates, SoftwareResetRestartsFromTheImage) {
     select(0x03);
     EXPECT_EQ(read1(200), 0x00);
     EXPECT_EQ(states({0ms}), "2");
-}
-
-TEST_F(CmisStates, ForcedFaultHoldsUntilReset) {
-    insert("qsfpdd_400g_fr4").force_fault();
+    // A forced fault holds until the reset line is pulsed.
+    m.force_fault();
     EXPECT_EQ(states({0ms, 5s}), "55");
     reset();
     EXPECT_EQ(states({800ms}), "3");
@@ -98,17 +96,13 @@ class Sff8636Power : public emu_test {
     }
 };
 
-TEST_F(Sff8636Power, DataNotReadyClearsAfterPowerUp) {
-    insert("qsfp28_100g_lr4");
-    EXPECT_EQ(read1(2) & 0x01, 0x01);
+TEST_F(Sff8636Power, DataReadyAfterPowerUpAndHighPowerNeedsItsEnableBitAndOverridesThePin) {
+    auto& m = insert("qsfp28_100g_lr4");
+    EXPECT_EQ(read1(2) & 0x01, 0x01);  // Data_Not_Ready
     clock->advance(300ms);
     EXPECT_EQ(read1(2) & 0x01, 0x00);
     EXPECT_EQ(read1(6) & 0x01, 0x01);  // initialization complete, latched
     EXPECT_EQ(read1(6) & 0x01, 0x00);
-}
-
-TEST_F(Sff8636Power, HighPowerClassNeedsItsEnableBitAndOverrideRulesOverThePin) {
-    auto& m = insert("qsfp28_100g_lr4");
     EXPECT_TRUE(m.in_low_power());  // class 5 module, byte 93 bit 2 clear
     EXPECT_EQ(tx_power(0), 0);
     write(93, {0x04});
@@ -126,10 +120,8 @@ TEST_F(Sff8636Power, HighPowerClassNeedsItsEnableBitAndOverrideRulesOverThePin) 
     EXPECT_EQ(read1(93), 0x07);
     write(93, {0xff});  // reserved bits 7..4 stay 0
     EXPECT_EQ(read1(93), 0x0f);
-}
-
-TEST_F(Sff8636Power, TxDisableTurnsOneLaneOffUntilReEnabled) {
-    insert("qsfp28_100g_lr4");
+    // TX disable turns one lane off until it is enabled again.
+    cage.pin_set(cage::line::lpmode, false);
     write(93, {0x04});
     write(86, {0x02});
     EXPECT_GT(tx_power(0), 0);
@@ -262,7 +254,7 @@ TEST_F(ModuleMonitors, CmisLaneMonitorsUseTheBiasMultiplier) {
 
 // --- fault injection in the module -------------------------------------------------------------
 
-TEST_F(ModuleFaults, LosFlapsOneStepPerPoll) {
+TEST_F(ModuleFaults, LosFlapsOneStepPerPollAndBadPatternsAreRefused) {
     auto& m = insert("qsfp28_100g_lr4");
     m.flap(lane_flag::rx_los, 2, "0110", flap_step::per_poll);
     // Latched LOS (byte 3 bit 2) as the host polls it; live state as the step left it. A
@@ -276,9 +268,12 @@ TEST_F(ModuleFaults, LosFlapsOneStepPerPoll) {
         }
     }
     EXPECT_EQ(read1(3) & ~0x04, 0);  // other lanes untouched
+    EXPECT_THROW(m.flap(lane_flag::rx_los, 0, "01x", flap_step::per_poll), std::invalid_argument);
+    EXPECT_THROW(m.flap(lane_flag::rx_los, 4, "01", flap_step::per_poll), std::invalid_argument);
+    EXPECT_THROW(m.flap(lane_flag::rx_los, 0, "01", flap_step::per_period), std::invalid_argument);
 }
 
-TEST_F(ModuleFaults, TxFaultFlapsPerPeriodOnACmisLane) {
+TEST_F(ModuleFaults, FlapsPerPeriodOnACmisLaneLatchEvenATransientBetweenPolls) {
     auto& m = insert("qsfpdd_400g_fr4");
     select(0x11);
     m.flap(lane_flag::tx_fault, 1, "1100", flap_step::per_period, 1s, false);
@@ -292,26 +287,15 @@ TEST_F(ModuleFaults, TxFaultFlapsPerPeriodOnACmisLane) {
     EXPECT_EQ(read1(135), 0x00);
     clock->advance(10s);  // the pattern does not repeat: stays '0'
     EXPECT_EQ(read1(135), 0x00);
-}
-
-TEST_F(ModuleFaults, ATransientBetweenPollsStillLatches) {
-    insert("qsfpdd_400g_fr4")
-        .flap(lane_flag::rx_lol, 0, "0001000", flap_step::per_period, 100ms, false);
-    select(0x11);
+    // A transient between two polls still latches.
+    m.flap(lane_flag::rx_lol, 0, "0001000", flap_step::per_period, 100ms, false);
     EXPECT_EQ(read1(148), 0x00);
     clock->advance(1s);
     EXPECT_EQ(read1(148), 0x01);
     EXPECT_EQ(read1(148), 0x00);
 }
 
-TEST_F(ModuleFaults, BadFlapRequestsAreRefused) {
-    auto& m = insert("qsfp28_100g_lr4");
-    EXPECT_THROW(m.flap(lane_flag::rx_los, 0, "01x", flap_step::per_poll), std::invalid_argument);
-    EXPECT_THROW(m.flap(lane_flag::rx_los, 4, "01", flap_step::per_poll), std::invalid_argument);
-    EXPECT_THROW(m.flap(lane_flag::rx_los, 0, "01", flap_step::per_period), std::invalid_argument);
-}
-
-TEST_F(ModuleFaults, LatchedFlagsAssertTheInterrupt) {
+TEST_F(ModuleAlarms, LatchedFlagsAssertTheInterruptAndAStuckTemperatureRaisesItsAlarms) {
     auto& m = insert("qsfp28_100g_lr4");
     EXPECT_EQ(read1(2) & 0x02, 0x02);  // IntL deasserted
     EXPECT_FALSE(m.interrupt_asserted());
@@ -322,10 +306,7 @@ TEST_F(ModuleFaults, LatchedFlagsAssertTheInterrupt) {
     EXPECT_EQ(read(3, 19)[1], 0x08);  // byte 4: TX fault lane 4; reading clears all flags
     EXPECT_EQ(read1(2) & 0x02, 0x02);
     EXPECT_FALSE(m.interrupt_asserted());
-}
-
-TEST_F(ModuleAlarms, AStuckTemperatureDoesNotMoveAndRaisesTheHighAlarmAndWarning) {
-    auto& m = insert("qsfp28_100g_lr4");
+    // A stuck temperature does not move and raises the high alarm and warning.
     EXPECT_EQ(read1(6) & 0xf0, 0x00);
     m.stick({}, 22, {0x7f, 0x00});  // 127 degC; thresholds 75 / 70 degC
     for (int i = 0; i < 10; ++i) {
@@ -340,23 +321,22 @@ TEST_F(ModuleAlarms, AStuckTemperatureDoesNotMoveAndRaisesTheHighAlarmAndWarning
     EXPECT_EQ(read1(6) & 0xf0, 0x00);
 }
 
-TEST_F(ModuleAlarms, CmisLaneRxPowerLowAlarm) {
+TEST_F(ModuleAlarms, CmisLaneRxPowerLowAlarmAndLiveSfpFlags) {
     auto& m = insert("qsfpdd_400g_fr4");
     select(0x11);
     EXPECT_EQ(read(149, 4), bytes(4, 0));
     m.stick({0, 0x11}, 186 + 2 * 2, {0x00, 0x00});  // lane 3 RX power 0
     // RX power high alarm, low alarm, high warning, low warning: lane 3 low alarm and warning.
     EXPECT_EQ(read(149, 4), (bytes{0, 0x04, 0, 0x04}));
-}
-
-TEST_F(ModuleAlarms, SfpFlagsAreLive) {
-    auto& m = insert("qsa_sfpplus_10g_sr");
+    // The SFP's A2h alarm flags are live.
+    cage.remove();
+    auto& sfp = insert("qsa_sfpplus_10g_sr");
     clock->advance(300ms);
     EXPECT_EQ(read1(112, 0x51), 0x00);
-    m.stick({}, 96, {0x50, 0x00}, 0x51);  // 80 degC; thresholds 78 / 73 degC
+    sfp.stick({}, 96, {0x50, 0x00}, 0x51);  // 80 degC; thresholds 78 / 73 degC
     EXPECT_EQ(read1(112, 0x51), 0x80);
     EXPECT_EQ(read1(116, 0x51), 0x80);
-    m.unstick_all();
+    sfp.unstick_all();
     EXPECT_EQ(read1(112, 0x51), 0x00);
 }
 

@@ -51,6 +51,16 @@ TEST_F(ModuleMemory, PageSelectMapsTheUpperHalfAndBankSelectOnlyBankedPages) {
     EXPECT_EQ(m.peek({}, 126), 1);
     EXPECT_EQ(m.selected(), (page_id{0, 0x01}));
     EXPECT_EQ(read(m, 128, 1)[0], 0x20);
+    // A read runs from 127 into the selected page and wraps after 255 to the lower page.
+    EXPECT_EQ(read(m, 126, 3), (bytes{1, 0x01, 0x20}));
+    EXPECT_EQ(read(m, 254, 4), (bytes{0x20 + 126, 0x20 + 127, 0, 1}));
+    // A select written in a transaction applies to the bytes after it only.
+    m.set_writable({0, 0x01}, 128, 129);
+    m.set_writable({0, 0x00}, 128, 129);
+    m.write(127, bytes{0x00, 0xee});
+    EXPECT_EQ(m.peek({0, 0x01}, 128), 0xee);
+    EXPECT_EQ(m.peek({0, 0x00}, 128), 0x10);
+    EXPECT_EQ(m.selected(), (page_id{0, 0x00}));
 }
 
 TEST(ModuleMemoryPolicies, ReadFfAcceptsAnyPageAndFlatHasNoPageSelect) {
@@ -71,23 +81,7 @@ TEST(ModuleMemoryPolicies, ReadFfAcceptsAnyPageAndFlatHasNoPageSelect) {
     EXPECT_EQ(read(flat, 128, 1)[0], 0x40);
 }
 
-TEST_F(ModuleMemory, ReadRunsFrom127IntoTheSelectedPageAndWrapsAt255) {
-    m.write(127, bytes{0x01});
-    EXPECT_EQ(read(m, 126, 3), (bytes{0, 0x01, 0x20}));
-    // 254, 255, then lower 0 and 1.
-    EXPECT_EQ(read(m, 254, 4), (bytes{0x20 + 126, 0x20 + 127, 0, 1}));
-}
-
-TEST_F(ModuleMemory, SelectWrittenInATransactionTakesEffectAfterIt) {
-    m.set_writable({0, 0x00}, 128, 129);
-    m.set_writable({0, 0x01}, 128, 129);
-    m.write(127, bytes{0x01, 0xee});  // page select, then byte 128 of the page selected before
-    EXPECT_EQ(m.peek({0, 0x00}, 128), 0xee);
-    EXPECT_EQ(m.peek({0, 0x01}, 128), 0x20);
-    EXPECT_EQ(m.selected(), (page_id{0, 0x01}));
-}
-
-TEST_F(ModuleMemory, WritesToReadOnlyBitsAreIgnored) {
+TEST_F(ModuleMemory, WritesToReadOnlyBitsAreIgnoredAndLatchedFlagsClearWhenRead) {
     m.set_writable({}, 26, 26, 0x50);
     m.set_writable({0, 0x10}, 130, 130);
     m.write(20, bytes{0xaa});  // read-only byte
@@ -101,13 +95,11 @@ TEST_F(ModuleMemory, WritesToReadOnlyBitsAreIgnored) {
     EXPECT_EQ(m.peek({0, 0x10}, 130), 0x0f);
     EXPECT_EQ(m.peek({0, 0x10}, 131), 0x80 + 3);
     EXPECT_EQ(m.peek({1, 0x10}, 130), 0x81 + 2);  // the other bank untouched
-}
-
-TEST_F(ModuleMemory, LatchedFlagsClearWhenReadButNotWhenPeeked) {
+    // Latched flags clear when read, not when peeked.
     m.set_clear_on_read({1, 0x11}, 134, 152);
     m.latch({1, 0x11}, 147, 0x80);
     EXPECT_EQ(m.peek({1, 0x11}, 147), 0x80 | ((0xa1 + 19) & 0xff));
-    EXPECT_EQ(m.peek({1, 0x11}, 147), 0x80 | ((0xa1 + 19) & 0xff));
+    EXPECT_EQ(m.peek({1, 0x11}, 147), 0x80 | ((0xa1 + 19) & 0xff));  // still
     m.write(126, bytes{1, 0x11});
     EXPECT_EQ(read(m, 147, 1)[0], 0x80 | ((0xa1 + 19) & 0xff));
     EXPECT_EQ(read(m, 147, 1)[0], 0x00);
