@@ -7,6 +7,7 @@
 #include <array>
 #include <functional>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "converter_sfp_device.hpp"
@@ -42,15 +43,6 @@ class qsfp_device_test : public ::testing::Test {
     std::shared_ptr<fake_transport> bus = std::make_shared<fake_transport>();
     qsfp_device device{"cage0", bus};
 };
-
-TEST(memory_map, banked_pages_and_families) {
-    for (unsigned page : {0x10, 0x9E, 0xB0, 0xFF})
-        EXPECT_TRUE(is_cmis_banked_page(page)) << page;
-    for (unsigned page : {0x00, 0x0F, 0x9F, 0xAF})  // 9Fh-AFh: the CDB pages
-        EXPECT_FALSE(is_cmis_banked_page(page)) << page;
-    for (unsigned id : {0x18, 0x19, 0x1E, 0x0D, 0x11})
-        EXPECT_EQ(memory_map_of(id), id < 0x18 ? memory_map::sff8636 : memory_map::cmis) << id;
-}
 
 TEST_F(qsfp_device_test, pages_are_selected_only_on_a_change_and_transfers_split_at_page_ends) {
     bus->set_byte(0, 22, 0x19);
@@ -104,14 +96,18 @@ TEST_F(qsfp_device_test, the_page_cache_goes_whenever_the_module_may_have_lost_i
     EXPECT_EQ(error_of([&] { device.read_byte(0); }), EREMOTEIO);
 }
 
-TEST(qsfp_device_banks, only_cmis_banked_pages_take_a_bank_written_with_the_page) {
-    auto bus = std::make_shared<fake_transport>();
+TEST_F(qsfp_device_test, only_cmis_banked_pages_take_a_bank_written_with_the_page) {
+    // 9Fh-AFh are the CDB pages; identifiers 18h, 19h and 1Eh are CMIS.
+    for (unsigned page : {0x10, 0x9E, 0xB0, 0xFF})
+        EXPECT_TRUE(is_cmis_banked_page(page)) << page;
+    for (unsigned page : {0x00, 0x0F, 0x9F, 0xAF})
+        EXPECT_FALSE(is_cmis_banked_page(page)) << page;
+    for (unsigned id : {0x18, 0x19, 0x1E, 0x0D, 0x11})
+        EXPECT_EQ(memory_map_of(id), id < 0x18 ? memory_map::sff8636 : memory_map::cmis) << id;
     bus->set_banked(true);
     bus->set_byte(0, 0, 0x18);  // QSFP-DD
-    bus->set_byte(0x11, 154, 0x21, 0);
     bus->set_byte(0x11, 154, 0x22, 1);
     bus->set_byte(0x11, 154, 0x23, 3);
-    qsfp_device device("dd", bus);
     std::array<std::uint8_t, 1> out{};
     auto read = [&](std::uint8_t bank, flat_address address) {
         device.i2c_read_bank(bank, address, out);
@@ -120,9 +116,8 @@ TEST(qsfp_device_banks, only_cmis_banked_pages_take_a_bank_written_with_the_page
     EXPECT_EQ(read(1, flat(0x11, 154)), 0x22);
     EXPECT_EQ(read(1, flat(0x11, 154)), 0x22);  // bank, page and family cached
     EXPECT_EQ(read(3, flat(0x11, 154)), 0x23);
-    device.i2c_read(flat(0x11, 154), out);
-    EXPECT_EQ(out[0], 0x21);
-    read(2, flat(0x01, 142));  // not a banked page: no bank byte
+    EXPECT_EQ(device.read_byte(flat(0x11, 154)), 0x1A);  // bank 0
+    read(2, flat(0x01, 142));                            // not a banked page: no bank byte
     EXPECT_EQ(bus->trace(),
               "r0#1 w126:0111 r154#1 r154#1 w126:0311 r154#1 w126:0011 r154#1 w127:01 r142#1");
     // SFF-8636 modules have no banks, and page 20h is a plain page there.
@@ -130,11 +125,11 @@ TEST(qsfp_device_banks, only_cmis_banked_pages_take_a_bank_written_with_the_page
     device.invalidate_cache();
     EXPECT_EQ(error_of([&] { device.i2c_read_bank(1, flat(0x03, 128), out); }), EINVAL);
     bus->trace();
-    device.i2c_read(flat(0x20, 128), out);
+    EXPECT_EQ(device.read_byte(flat(0x20, 128)), 0x00);
     EXPECT_EQ(bus->trace(), "r0#1 w127:20 r128#1");
 }
 
-TEST_F(qsfp_device_test, ready_follows_data_not_ready_for_sff8636) {
+TEST_F(qsfp_device_test, ready_follows_data_not_ready_for_sff8636_and_take_over_leaves_no_cache) {
     bus->set_byte(0, 2, 0x00);
     EXPECT_TRUE(device.i2c_is_ready());
     bus->set_byte(0, 2, 0x01);
@@ -143,9 +138,8 @@ TEST_F(qsfp_device_test, ready_follows_data_not_ready_for_sff8636) {
     EXPECT_TRUE(device.i2c_is_ready());
     bus->fail_next(ENXIO);
     EXPECT_FALSE(device.i2c_is_ready());
-}
-
-TEST_F(qsfp_device_test, take_over_moves_the_transport_and_leaves_no_cache) {
+    // Take-over moves the transport to a fresh device.
+    bus->set_byte(0, 0, 0x11);
     EXPECT_TRUE(selects_page_3(device));
     auto fresh = qsfp_device::take_over(device);
     EXPECT_EQ(fresh->name(), "qsfp device");
@@ -176,20 +170,12 @@ TEST_F(qsfp_device_test, threads_sharing_a_device_never_mix_pages) {
     EXPECT_EQ(wrong_b, 0);
 }
 
-class converter_test : public ::testing::Test {
-  protected:
-    converter_test() {
-        std::array<std::uint8_t, 512> a0_a2{};  // A0h byte n holds n, A2h byte n FFh - n
-        for (std::size_t i = 0; i < a0_a2.size(); ++i)
-            a0_a2[i] = static_cast<std::uint8_t>(i < 256 ? i : 0x1FF - i);
-        a0_a2[65] = 0x3A;  // rate select, TX_DISABLE, TX_FAULT, LOS (normal polarity)
-        bus->set_sfp(a0_a2);
-    }
-    std::shared_ptr<fake_transport> bus = std::make_shared<fake_transport>();
-    qsfp_device device{"qsa", bus};
-};
-
-TEST_F(converter_test, sfp_space_needs_the_converter_flag_and_spans_a0_and_a2_unpaged) {
+TEST_F(qsfp_device_test, converter_sfp_space_spans_a0_and_a2_unpaged_and_its_signals) {
+    std::array<std::uint8_t, 512> a0_a2{};  // A0h byte n holds n, A2h byte n FFh - n
+    for (std::size_t i = 0; i < a0_a2.size(); ++i)
+        a0_a2[i] = static_cast<std::uint8_t>(i < 256 ? i : 0x1FF - i);
+    a0_a2[65] = 0x3A;  // rate select, TX_DISABLE, TX_FAULT, LOS (normal polarity)
+    bus->set_sfp(a0_a2);
     std::vector<std::uint8_t> out(4);
     EXPECT_EQ(error_of([&] { device.sfp_read(0, out); }), ENOTSUP);
     EXPECT_EQ(error_of([&] { (void)device.sfp_tx_fault(); }), ENOTSUP);
@@ -200,15 +186,14 @@ TEST_F(converter_test, sfp_space_needs_the_converter_flag_and_spans_a0_and_a2_un
     EXPECT_EQ(bus->trace(), "r254#2 51:r0#2 51:w110:40");
     EXPECT_EQ(bus->sfp_byte(256 + 110), 0x40);
     EXPECT_EQ(error_of([&] { device.sfp_read(511, out); }), EINVAL);
-}
-
-TEST_F(converter_test, sfp_signals_and_their_advertisement) {
-    device.set_converter_flag(true);
-    EXPECT_TRUE(device.sfp_rate_select_implemented());
-    EXPECT_TRUE(device.sfp_tx_disable_implemented());
-    EXPECT_TRUE(device.sfp_tx_fault_implemented());
-    EXPECT_TRUE(device.sfp_los_implemented());
-    EXPECT_FALSE(device.sfp_los_inverted());
+    // The signals, and what A0h byte 65 advertises of them.
+    auto advertised = [&] {
+        return std::vector<bool>{device.sfp_rate_select_implemented(),
+                                 device.sfp_tx_disable_implemented(),
+                                 device.sfp_tx_fault_implemented(), device.sfp_los_implemented(),
+                                 device.sfp_los_inverted()};
+    };
+    EXPECT_EQ(advertised(), (std::vector<bool>{true, true, true, true, false}));
     bus->sfp_signals[sfp_signal::tx_fault] = true;
     EXPECT_TRUE(device.sfp_tx_fault());
     device.sfp_set_tx_disable(true);
@@ -219,9 +204,7 @@ TEST_F(converter_test, sfp_signals_and_their_advertisement) {
     EXPECT_TRUE(device.sfp_los());
     // "Signal detect" polarity only: LOS is turned back into loss of signal.
     device.sfp_write(65, std::array<std::uint8_t, 1>{0x04});
-    EXPECT_TRUE(device.sfp_los_inverted());
-    EXPECT_TRUE(device.sfp_los_implemented());
-    EXPECT_FALSE(device.sfp_tx_fault_implemented());
+    EXPECT_EQ(advertised(), (std::vector<bool>{false, false, false, true, true}));
     EXPECT_FALSE(device.sfp_los());
     bus->sfp_signals[sfp_signal::los] = false;
     EXPECT_TRUE(device.sfp_los());
@@ -233,9 +216,8 @@ TEST_F(converter_test, sfp_signals_and_their_advertisement) {
 class sfp_map_test : public ::testing::Test {
   protected:
     sfp_map_test() {
-        const auto image =
-            test::load_module_dump("sff8472_sfpplus_10g_sr_finisar_ftlx8571d3bcl_auj0rcj.hex");
-        bus->set_sfp(image);
+        bus->set_sfp(
+            test::load_module_dump("sff8472_sfpplus_10g_sr_finisar_ftlx8571d3bcl_auj0rcj.hex"));
         device->set_converter_flag(true);
     }
     void put(std::uint16_t address, std::vector<std::uint8_t> bytes) {
@@ -249,22 +231,17 @@ class sfp_map_test : public ::testing::Test {
 
 TEST_F(sfp_map_test, identity_of_a_real_sfp_plus_sr_and_diagnostics) {
     // The text fields come with their padding.
-    EXPECT_EQ(map.get_vendor_name(), "FINISAR CORP.   ");
-    EXPECT_EQ(map.get_vendor_pn(), "FTLX8571D3BCL   ");
-    EXPECT_EQ(map.get_vendor_rev(), "A   ");
-    EXPECT_EQ(map.get_vendor_sn(), "AUJ0RCJ         ");
-    EXPECT_EQ(map.get_vendor_oui(), "00:90:65");
+    EXPECT_EQ(map.get_vendor_name() + "|" + map.get_vendor_pn() + "|" + map.get_vendor_rev() + "|" +
+                  map.get_vendor_sn() + "|" + map.get_vendor_oui(),
+              "FINISAR CORP.   |FTLX8571D3BCL   |A   |AUJ0RCJ         |00:90:65");
     EXPECT_TRUE(map.get_transceiver_comp__10g_base_sr());
     EXPECT_DOUBLE_EQ(map.get_wavelength(false), 850.0);
     // Diagnostics are raw big-endian words.
     put(256 + 96, {0x80, 0x00, 0x81, 0x02, 0x1F, 0x40, 0x00, 0x00, 0xFF, 0xFF});
     put(256 + 0, {0x55, 0x00, 0x00, 0x00, 0x00, 0x00, 0xFB, 0x00});
-    EXPECT_EQ(map.get_temp(), -32768);
-    EXPECT_EQ(map.get_vcc(), 0x8102u);
-    EXPECT_EQ(map.get_tx_bias(), 8000u);
-    EXPECT_EQ(map.get_rx_power(), 65535u);
-    EXPECT_EQ(map.get_temp_high_alarm_th(), 85 * 256);
-    EXPECT_EQ(map.get_temp_low_warn_th(), -5 * 256);
+    EXPECT_EQ(std::tuple(map.get_temp(), map.get_vcc(), map.get_tx_bias(), map.get_rx_power(),
+                         map.get_temp_high_alarm_th(), map.get_temp_low_warn_th()),
+              std::tuple(-32768, 0x8102u, 8000u, 65535u, 85 * 256, -5 * 256));
     bus->fail_next(EIO, 0);  // a failed read reaches the caller
     EXPECT_EQ(error_of([&] { (void)map.get_temp(); }), EIO);
     EXPECT_EQ(error_of([&] { (void)map.get_vendor_name(); }), EIO);
@@ -288,22 +265,19 @@ TEST_F(sfp_map_test, junk_strings_read_as_err_with_one_warning) {
 
 TEST_F(sfp_map_test, bit_setters_keep_the_other_bits_and_tunable_fields_select_page_2) {
     put(256 + 73, {0x81});
+    put(256 + 110, {0x82});
+    put(256 + 118, {0x80});
+    put(256 + 133, {0xC0});  // first frequency: 192 THz
     map.set_rs1_rs2_ignore(true);
-    EXPECT_EQ(bus->sfp_byte(256 + 73), 0x91);
     EXPECT_TRUE(map.get_rs1_rs2_ignore());
     map.set_rs1_rs2_ignore(false);
-    EXPECT_EQ(bus->sfp_byte(256 + 73), 0x81);
-    put(256 + 110, {0x82});
     map.set_soft_tx_disable_select(true);
-    EXPECT_EQ(bus->sfp_byte(256 + 110), 0xC2);
-    put(256 + 118, {0x80});
     map.set_power_level(true);
-    EXPECT_EQ(bus->sfp_byte(256 + 118), 0x81);
-    // The tunable fields select A2h page 02h first.
-    put(256 + 133, {0xC0});  // first frequency: 192 THz
     EXPECT_EQ(map.get_first_freq_thz_lsb(), 0xC0);
     map.set_channel_number_lsb(17);
-    EXPECT_EQ(bus->trace(), "51:w127:02 51:r133#1 51:w127:02 51:w145:11");
+    EXPECT_EQ(bus->trace(),
+              "51:r73#1 51:w73:91 51:r73#1 51:r73#1 51:w73:81 51:r110#1 51:w110:c2 51:r118#1 "
+              "51:w118:81 51:w127:02 51:r133#1 51:w127:02 51:w145:11");
 }
 
 }  // namespace
