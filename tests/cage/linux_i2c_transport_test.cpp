@@ -206,14 +206,6 @@ TEST_F(linux_transport_test,
     EXPECT_EQ(io->transfers.size(), before);
 }
 
-TEST_F(linux_transport_test, open_failures_carry_the_errno_and_leak_nothing) {
-    io->paths.erase("/dev/gpiochip3");
-    EXPECT_EQ(error_of([&] { (void)make(); }), ENOENT);
-    EXPECT_TRUE(io->fds.empty());
-    io->open_errno = EACCES;
-    EXPECT_EQ(error_of([&] { (void)make("/dev/qsfp4"); }), EACCES);
-}
-
 TEST_F(linux_transport_test, presence_is_an_active_low_input_and_taking_an_output_keeps_its_level) {
     auto t = make();
     io->level["/dev/gpiochip2:14"] = false;  // ModPrsL pulled low: module in
@@ -266,6 +258,12 @@ TEST_F(linux_transport_test, a_line_owned_elsewhere_is_ebusy_and_everything_open
         t->sfp_signal_set(sfp_signal::tx_disable, false);
     }
     EXPECT_TRUE(io->fds.empty());
+    // So is everything opened before a failed open, and the open's errno is the error.
+    io->paths.erase("/dev/gpiochip3");
+    EXPECT_EQ(error_of([&] { (void)make(); }), ENOENT);
+    EXPECT_TRUE(io->fds.empty());
+    io->open_errno = EACCES;
+    EXPECT_EQ(error_of([&] { (void)make("/dev/qsfp4"); }), EACCES);
 }
 
 // $QSFPD_ROOT at a directory of its own, where the board file and the device-tree markers are

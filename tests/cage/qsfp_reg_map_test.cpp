@@ -19,6 +19,7 @@ namespace {
 
 using qsfpd::test::error_of;
 using test::fake_transport;
+using bytes = std::vector<std::uint8_t>;
 
 // Real modules of testdata/module-dumps (name without ".hex").
 constexpr const char* dell = "sff8636_qsfp28_100g_lr4_dell_3mfxg";
@@ -30,11 +31,7 @@ constexpr const char* innolight = "cmis_qsfpdd_400g_dr4_innolight_t-dp4cnh";
 struct module_on_bus {
     explicit module_on_bus(const std::string& dump) { load(dump); }
     void load(const std::string& dump) { bus->load_flat(test::load_module_dump(dump + ".hex")); }
-    std::shared_ptr<fake_transport> bus = [] {
-        auto bus = std::make_shared<fake_transport>();
-        bus->set_banked(true);
-        return bus;
-    }();
+    std::shared_ptr<fake_transport> bus = std::make_shared<fake_transport>();
     qsfp_device device{"cage", bus};
     qsfp_reg_map map{device};
 };
@@ -120,17 +117,13 @@ TEST(qsfp_reg_map_sff8636, flags_and_monitors_in_one_transaction_and_thresholds)
     m.bus->trace();
     const auto [flags, monitors] = m.map.get_flags_and_monitors();
     EXPECT_EQ(m.bus->trace(), "r3#55");
-    EXPECT_EQ(flags.rx_los(), 0x01);
-    EXPECT_EQ(flags.tx_los(), 0x02);
-    EXPECT_EQ(flags.rx_lol(), 0x04);
-    EXPECT_EQ(flags.tx_lol(), 0x08);
+    EXPECT_EQ((bytes{flags.rx_los(), flags.tx_los(), flags.rx_lol(), flags.tx_lol()}),
+              (bytes{0x01, 0x02, 0x04, 0x08}));
     // The capture's monitors: 25.18 degC, 3.2600 V, lane 1 RX 0.4856 mW, bias 71.852 mA,
     // TX 0.8077 mW.
-    EXPECT_EQ(monitors.temperature(), 0x192D);
-    EXPECT_EQ(monitors.supply_voltage(), 0x7F58);
-    EXPECT_EQ(monitors.rx_power(0), 0x12F8);
-    EXPECT_EQ(monitors.tx_bias(0), 0x8C56);
-    EXPECT_EQ(monitors.tx_power(0), 0x1F8D);
+    EXPECT_EQ((std::vector<int>{monitors.temperature(), monitors.supply_voltage(),
+                                monitors.rx_power(0), monitors.tx_bias(0), monitors.tx_power(0)}),
+              (std::vector<int>{0x192D, 0x7F58, 0x12F8, 0x8C56, 0x1F8D}));
     // The field accessors agree with the block.
     EXPECT_EQ(m.map.get_temperature(), monitors.temperature());
     EXPECT_EQ(m.map.get_supply_voltage(), monitors.supply_voltage());
@@ -219,19 +212,15 @@ TEST(qsfp_reg_map_cmis, coherent_detection_on_the_lower_page_list_page_01h_and_t
     for (const char* dump : {avago, innolight, "cmis_qsfpdd_dac_cisco_68-103205-02_sparse_apps",
                              "cmis_qsfpdd_400g_cr8_amphenol_ndyyyf"})
         EXPECT_FALSE(module_on_bus(dump).map.is_coherent_transceiver()) << dump;
-    // A 400ZR application (media code 3Eh) advertised second, after a DR4 one.
+    // In turn: a 400ZR application (media code 3Eh) advertised second, after a DR4 one; the
+    // end-of-list marker before it; an OpenZR+ mode in descriptor 1; a copper module, where the
+    // same code is a copper code, not 400ZR.
     module_on_bus zr(avago);
-    zr.bus->set_byte(0, 91, 0x3E);
-    EXPECT_TRUE(zr.map.is_coherent_transceiver());
-    // ... but not after the end-of-list marker.
-    zr.bus->set_byte(0, 90, 0xFF);
-    EXPECT_FALSE(zr.map.is_coherent_transceiver());
-    // An OpenZR+ mode in descriptor 1.
-    zr.bus->set_byte(0, 87, 0x46);
-    EXPECT_TRUE(zr.map.is_coherent_transceiver());
-    // The same code on a copper module is a copper code, not 400ZR.
-    zr.bus->set_byte(0, 85, 0x03);
-    EXPECT_FALSE(zr.map.is_coherent_transceiver());
+    for (const auto& [byte, value, coherent] :
+         {std::tuple{91, 0x3E, true}, {90, 0xFF, false}, {87, 0x46, true}, {85, 0x03, false}}) {
+        zr.bus->set_byte(0, static_cast<std::uint8_t>(byte), static_cast<std::uint8_t>(value));
+        EXPECT_EQ(zr.map.is_coherent_transceiver(), coherent) << byte;
+    }
     // A tunable laser is coherent whatever the application list says; never on SFF-8636 here.
     for (std::uint8_t tech : {0x10, 0x11}) {
         module_on_bus tunable(innolight), sff(dell);
@@ -255,16 +244,13 @@ TEST(qsfp_reg_map_cmis, coherent_detection_on_the_lower_page_list_page_01h_and_t
     EXPECT_FALSE(m.map.is_coherent_transceiver());
     // Page 01h is not read on a flat-memory module, nor when the lower-page list already ended.
     m.bus->set_byte(0x01, 224, 0x3F);
-    auto page_01_read = [&] {
+    for (const auto& [memory_model, app_2] : {std::pair{0x80, 0x11}, {0x00, 0xFF}}) {
+        m.bus->set_byte(0, 2, static_cast<std::uint8_t>(memory_model));
+        m.bus->set_byte(0, 90, static_cast<std::uint8_t>(app_2));
         m.bus->trace();
         EXPECT_FALSE(m.map.is_coherent_transceiver());
-        return m.bus->trace().find("w127:01") != std::string::npos;
-    };
-    m.bus->set_byte(0, 2, 0x80);
-    EXPECT_FALSE(page_01_read());
-    m.bus->set_byte(0, 2, 0x00);
-    m.bus->set_byte(0, 90, 0xFF);
-    EXPECT_FALSE(page_01_read());
+        EXPECT_EQ(m.bus->trace().find("w127:01"), std::string::npos);
+    }
 }
 
 TEST(qsfp_reg_map, identity_is_cached_until_forgotten_or_a_read_fails_and_failures_throw) {
@@ -291,7 +277,7 @@ TEST(qsfp_reg_map, identity_is_cached_until_forgotten_or_a_read_fails_and_failur
              [&] { m.map.set_power_override(true); }, [&] { (void)m.map.read_register(3); },
              [&] { (void)m.map.is_coherent_transceiver(); }})
         EXPECT_EQ(error_of(access), ENXIO);
-    m.bus->stop_failing();
+    m.bus->fail_next(0, 0);
     EXPECT_EQ(m.map.get_vendor_name(), "DELL");
 }
 
@@ -320,14 +306,13 @@ TEST(qsfp_reg_map, masked_register_writes_and_field_kinds) {
 }
 
 TEST(qsfp_reg_map, text_trimming_rules) {
-    using b = std::vector<std::uint8_t>;
-    EXPECT_EQ(qsfp_reg_map::trim_text(b{'A', 'B', ' ', ' '}), "AB");
-    EXPECT_EQ(qsfp_reg_map::trim_text(b{' ', 'A', ' ', 'B', ' '}), "A B");
-    EXPECT_EQ(qsfp_reg_map::trim_text(b{'A', 0x00, 'B'}), "A");
-    EXPECT_EQ(qsfp_reg_map::trim_text(b{'A', 0xFF, 0xFF}), "A");
-    EXPECT_EQ(qsfp_reg_map::trim_text(b{'A', 0x01, 'B'}), "A?B");
-    EXPECT_EQ(qsfp_reg_map::trim_text(b{0xFF, 0xFF}), "");
-    EXPECT_EQ(qsfp_reg_map::trim_text(b{}), "");
+    EXPECT_EQ(qsfp_reg_map::trim_text(bytes{'A', 'B', ' ', ' '}), "AB");
+    EXPECT_EQ(qsfp_reg_map::trim_text(bytes{' ', 'A', ' ', 'B', ' '}), "A B");
+    EXPECT_EQ(qsfp_reg_map::trim_text(bytes{'A', 0x00, 'B'}), "A");
+    EXPECT_EQ(qsfp_reg_map::trim_text(bytes{'A', 0xFF, 0xFF}), "A");
+    EXPECT_EQ(qsfp_reg_map::trim_text(bytes{'A', 0x01, 'B'}), "A?B");
+    EXPECT_EQ(qsfp_reg_map::trim_text(bytes{0xFF, 0xFF}), "");
+    EXPECT_EQ(qsfp_reg_map::trim_text(bytes{}), "");
 }
 
 // The tables themselves: every field fits its bytes, names are unique, and each cites a standard.

@@ -27,10 +27,10 @@ class fake_transport final : public cage::qsfp_transport {
   public:
     // Loads an image in flat layout: 0..127 the lower page, then page p's upper half at
     // p * 128 + 128 (the layout of the module dumps).
-    void load_flat(std::span<const std::uint8_t> image, std::uint8_t bank = 0) {
+    void load_flat(std::span<const std::uint8_t> image) {
         for (std::size_t i = 0; i < image.size(); ++i)
             set_byte(static_cast<std::uint8_t>(i < 128 ? 0 : i / 128 - 1),
-                     static_cast<std::uint8_t>(i < 128 ? i : 128 + i % 128), image[i], bank);
+                     static_cast<std::uint8_t>(i < 128 ? i : 128 + i % 128), image[i]);
     }
     // Set-up and inspection, between transfers: only the transfers lock.
     void set_byte(std::uint8_t page, std::uint8_t byte, std::uint8_t value, std::uint8_t bank = 0) {
@@ -47,7 +47,6 @@ class fake_transport final : public cage::qsfp_transport {
         fail_errno_ = error;
         fail_count_ = count;
     }
-    void stop_failing() { fail_next(0, 0); }
 
     // The transfers since the last call, as text: "r130#4" a read of 4 bytes at 130, "w127:03" a
     // write of 03h at 127; "51:" in front for the A2h address.
@@ -59,7 +58,6 @@ class fake_transport final : public cage::qsfp_transport {
         sfp_.emplace();
         std::copy_n(a0_a2.begin(), std::min<std::size_t>(a0_a2.size(), 512), sfp_->begin());
     }
-    std::uint8_t sfp_byte(std::uint16_t linear) { return sfp_->at(linear); }
 
     // Lines.
     std::map<unsigned, bool> pins;
