@@ -115,13 +115,8 @@ class fake_io final : public linux_io {
         const auto line = chip + ":" + std::to_string(req.lineoffsets[0]);
         for (const auto& [fd, file] : fds)
             if (file.first == line) return -EBUSY;
-        std::string flags;
-        for (auto [bit, word] : {std::pair{GPIOHANDLE_REQUEST_INPUT, " in"},
-                                 {GPIOHANDLE_REQUEST_OUTPUT, " out"},
-                                 {GPIOHANDLE_REQUEST_ACTIVE_LOW, " low"}})
-            if (req.flags & bit) flags += word;
-        if (req.flags & ~0x7u) flags += " ?";
-        requests.push_back(line + flags + " =" + hex(req.default_values[0]) + " " +
+        // Flags 01 input, 02 output, 04 active low; then the default value and the consumer.
+        requests.push_back(line + " " + hex(req.flags) + " =" + hex(req.default_values[0]) + " " +
                            req.consumer_label);
         if (req.flags & GPIOHANDLE_REQUEST_OUTPUT)
             drive(line,
@@ -213,14 +208,14 @@ TEST_F(linux_transport_test, presence_is_an_active_low_input_and_taking_an_outpu
     io->level["/dev/gpiochip2:14"] = true;
     EXPECT_FALSE(t->module_present());
     // One request, its handle kept.
-    EXPECT_EQ(io->requests, std::vector<std::string>{"/dev/gpiochip2:14 in low =00 qsfpd"});
+    EXPECT_EQ(io->requests, std::vector<std::string>{"/dev/gpiochip2:14 05 =00 qsfpd"});
     io->level["/dev/gpiochip2:13"] = true;  // ResetL high: not in reset
     EXPECT_FALSE(t->pin_get(line::reset));  // active low: "reset" is false
     t->pin_set(line::reset, true);
     EXPECT_TRUE(t->pin_get(line::reset));
     // The output was requested at the level the line had (logical "not in reset"), so the only
     // level change is the one asked for: taking the output did not pulse it.
-    EXPECT_EQ(io->requests.back(), "/dev/gpiochip2:13 out low =00 qsfpd");
+    EXPECT_EQ(io->requests.back(), "/dev/gpiochip2:13 06 =00 qsfpd");
     EXPECT_EQ(io->changes, std::vector<std::string>{"/dev/gpiochip2:13=00"});
 }
 
