@@ -3,6 +3,7 @@
 #include <atomic>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "emu_test_support.hpp"
 
@@ -35,23 +36,18 @@ TEST_F(CagePresence, AnEmptyCageNacksAndAModuleAnswersOnlyAfterItsWindow) {
 TEST_F(CageFaults, NackOrChosenErrnoForTheNextTransfersOrAtAnAddressRange) {
     insert("qsfp28_100g_lr4");
     cage.fail_next(3);
-    for (int i = 0; i < 3; ++i)
-        EXPECT_EQ(read_errno(0), ENXIO) << i;
-    EXPECT_EQ(read_errno(0), 0);
+    for (int expected : {ENXIO, ENXIO, ENXIO, 0})
+        EXPECT_EQ(read_errno(0), expected);
     cage.fail_next(1, EIO);
     EXPECT_EQ(read_errno(0, 4), EIO);
     EXPECT_EQ(read_errno(0, 4), 0);
     const auto c = bus->counters(cage.bus_index());
-    EXPECT_EQ(c.nacks, 3u);
-    EXPECT_EQ(c.errors, 1u);
-    EXPECT_EQ(c.transactions, 6u);
-    // Or at an address range.
+    EXPECT_EQ(std::tuple(c.nacks, c.errors, c.transactions), std::tuple(3u, 1u, 6u));
+    // Or at an address range, until cleared: reads at 22, 20, 20 touching 22, 24, 22 again.
     cage.fail_at(0x50, 22, 23, EAGAIN);
-    EXPECT_EQ(read_errno(22, 2), EAGAIN);
-    EXPECT_EQ(read_errno(20, 2), 0);
-    EXPECT_EQ(read_errno(20, 8), EAGAIN);  // touches 22
-    EXPECT_EQ(read_errno(24, 2), 0);
-    EXPECT_EQ(read_errno(22, 1), EAGAIN);  // until cleared
+    for (const auto& [offset, n, expected] :
+         {std::tuple{22, 2, EAGAIN}, {20, 2, 0}, {20, 8, EAGAIN}, {24, 2, 0}, {22, 1, EAGAIN}})
+        EXPECT_EQ(read_errno(static_cast<std::uint8_t>(offset), n), expected) << offset;
     cage.clear_faults();
     EXPECT_EQ(read_errno(22, 2), 0);
     cage.fail_at(0x50, 127, 127, ENXIO, 2);  // twice, then gone
@@ -64,18 +60,15 @@ TEST_F(CageFaults, NackOrChosenErrnoForTheNextTransfersOrAtAnAddressRange) {
 TEST_F(CagePaging, PagesAndBanksTheModuleLacksAreRefused) {
     // SFF-8636 page 05h, DSP page 20h on a module without it, CMIS VDM page 20h, bank 1 on a
     // one-lane module: the select stays where it was.
-    struct refusal {
-        const char* stem;
-        std::uint8_t bank, page;
-    };
-    for (const auto& r : {refusal{"qsfp28_100g_lr4", 0, 0x05},
-                          {"qsfp28_100g_dwdm4", 0, 0x20},
-                          {"qsfpdd_400zr", 0, 0x20},
-                          {"qsfpdd_400zr", 1, 0x11}}) {
-        SCOPED_TRACE(r.stem);
-        insert(r.stem);
+    using refusal = std::tuple<const char*, std::uint8_t, std::uint8_t>;  // profile, bank, page
+    for (const auto& [stem, bank, page] : {refusal{"qsfp28_100g_lr4", 0, 0x05},
+                                           {"qsfp28_100g_dwdm4", 0, 0x20},
+                                           {"qsfpdd_400zr", 0, 0x20},
+                                           {"qsfpdd_400zr", 1, 0x11}}) {
+        SCOPED_TRACE(stem);
+        insert(stem);
         select(0x03);
-        select(r.page, r.bank);
+        select(page, bank);
         EXPECT_EQ(read(126, 2), (bytes{0, 0x03}));
         cage.remove();
     }
@@ -140,15 +133,12 @@ TEST_F(CageBus, EveryTransferIsAccountedWithItsWireAndClockTime) {
     b.i2c_read(0x50, 0, buf);
     b.i2c_write(0x50, 126, std::array<std::uint8_t, 2>{0, 0x11});
     const auto ca = bus->counters(cage.bus_index());
-    EXPECT_EQ(ca.transactions, 1u);
-    EXPECT_EQ(ca.bytes, 55u);
+    EXPECT_EQ(std::tuple(ca.transactions, ca.bytes), std::tuple(1u, 55u));
     // A combined read is start, address, offset, repeated start, address, the data and stop, 9
     // bits a byte: (30 + 9 * 55) bits at 400 kHz.
     EXPECT_EQ(ca.wire_time, std::chrono::nanoseconds(1'312'500));
     const auto cb = bus->counters(b.bus_index());
-    EXPECT_EQ(cb.reads, 1u);
-    EXPECT_EQ(cb.writes, 1u);
-    EXPECT_EQ(cb.bytes, 10u);
+    EXPECT_EQ(std::tuple(cb.reads, cb.writes, cb.bytes), std::tuple(1u, 1u, 10u));
     // Combined read of 8: 102 bits; write of 2: 38 bits; 2.5 us each.
     EXPECT_EQ(cb.wire_time, std::chrono::nanoseconds((102 + 38) * 2500));
     EXPECT_EQ(bus->total().wire_time, ca.wire_time + cb.wire_time);
