@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -62,40 +63,28 @@ double ber(std::uint16_t word) {
 }
 
 TEST(ProfileContents, Sff8636ModulesCarryWhatTheHandlersRead) {
-    // Identifier, rate select power-on values (87 RX, 88 TX) and whether rate select is advertised
-    // (195 bit 5), DSP pages 20h-21h (195 bit 0), wavelength in 0.05 nm (186-187), compliance
-    // (192), transmitter technology (147) and encoding (139).
-    struct expect {
-        const char* stem;
-        std::uint8_t identifier;
-        unsigned lanes;
-        std::uint8_t rate_select;
-        bool rate_select_impl, dsp_pages;
-        std::uint16_t wavelength;
-        std::uint8_t compliance, technology, encoding;
-    };
-    for (const auto& e :
-         {expect{"qsfp28_100g_lr4", 0x11, 4, 0x00, false, false, 26200, 0x03, 0x64, 0x03},
-          expect{"qsfp28_100g_cwdm4", 0x11, 4, 0xaa, true, false, 26220, 0x06, 0x60, 0x07},
-          expect{"qsfp28_100g_fr1_pam4", 0x11, 1, 0xaa, false, true, 26220, 0x26, 0x60, 0x08},
-          expect{"qsfp28_100g_sr2_pam4", 0x11, 2, 0xaa, false, true, 17000, 0x41, 0x00, 0x08},
-          expect{"qsfp28_100g_dwdm4", 0x11, 4, 0x00, true, false, 31067, 0x1b, 0x7e, 0x03},
-          // copper cable, unequalized
-          expect{"qsfpplus_dac_passive", 0x0d, 4, 0x00, false, false, 1544, 0x0b, 0xa0, 0x00}}) {
-        SCOPED_TRACE(e.stem);
-        const auto p = module_profile::load_named(e.stem);
+    // Identifier, lanes, rate select power-on values (87 RX, 88 TX), byte 195 (bit 5 rate select
+    // advertised, bit 0 DSP pages 20h-21h) and how many of those pages there are, wavelength in
+    // 0.05 nm (186-187), compliance (192), transmitter technology (147) and encoding (139).
+    for (const auto& [stem, expected] : std::initializer_list<std::pair<const char*, const char*>>{
+             {"qsfp28_100g_lr4", "11 4 00 00 00 0 26200 03 64 03"},
+             {"qsfp28_100g_cwdm4", "11 4 aa aa 20 0 26220 06 60 07"},
+             {"qsfp28_100g_fr1_pam4", "11 1 aa aa 01 2 26220 26 60 08"},
+             {"qsfp28_100g_sr2_pam4", "11 2 aa aa 01 2 17000 41 00 08"},
+             {"qsfp28_100g_dwdm4", "11 4 00 00 20 0 31067 1b 7e 03"},
+             {"qsfpplus_dac_passive", "0d 4 00 00 00 0 1544 0b a0 00"}}) {  // unequalized copper
+        const auto p = module_profile::load_named(stem);
         const auto& lo = p.image().lower;
-        EXPECT_EQ(p.family, module_family::sff8636);
-        EXPECT_EQ(p.lanes, e.lanes);
-        EXPECT_EQ(
-            (bytes{lo[0], lo[87], lo[88], upper(p, {}, 192), upper(p, {}, 147), upper(p, {}, 139)}),
-            (bytes{e.identifier, e.rate_select, e.rate_select, e.compliance, e.technology,
-                   e.encoding}));
-        EXPECT_EQ(upper16(p, {}, 186), e.wavelength);
-        EXPECT_EQ(upper(p, {}, 195) & 0x21, (e.rate_select_impl ? 0x20 : 0) | e.dsp_pages);
-        for (std::uint8_t dsp_page : {0x20, 0x21})
-            EXPECT_EQ(p.image().pages.contains(page_id{0, dsp_page}), e.dsp_pages);
-        EXPECT_EQ(upper(p, {}, 221) & 0x04, 0);  // no legacy application select table
+        const int dsp_pages =
+            p.image().pages.contains({0, 0x20}) + p.image().pages.contains({0, 0x21});
+        char text[64];
+        std::snprintf(text, sizeof text, "%02x %u %02x %02x %02x %d %u %02x %02x %02x", lo[0],
+                      p.lanes, lo[87], lo[88], upper(p, {}, 195) & 0x21, dsp_pages,
+                      unsigned{upper16(p, {}, 186)}, upper(p, {}, 192), upper(p, {}, 147),
+                      upper(p, {}, 139));
+        EXPECT_EQ(text, std::string(expected)) << stem;
+        EXPECT_EQ(p.family, module_family::sff8636) << stem;
+        EXPECT_EQ(upper(p, {}, 221) & 0x04, 0) << stem;  // no legacy application select table
     }
 }
 
