@@ -201,7 +201,7 @@ TEST_F(linux_transport_test,
     EXPECT_EQ(io->transfers.size(), before);
 }
 
-TEST_F(linux_transport_test, presence_is_an_active_low_input_and_taking_an_output_keeps_its_level) {
+TEST_F(linux_transport_test, cage_and_sfp_lines_map_to_the_board_file_with_their_polarity) {
     auto t = make();
     io->level["/dev/gpiochip2:14"] = false;  // ModPrsL pulled low: module in
     EXPECT_TRUE(t->module_present());
@@ -217,10 +217,8 @@ TEST_F(linux_transport_test, presence_is_an_active_low_input_and_taking_an_outpu
     // level change is the one asked for: taking the output did not pulse it.
     EXPECT_EQ(io->requests.back(), "/dev/gpiochip2:13 06 =00 qsfpd");
     EXPECT_EQ(io->changes, std::vector<std::string>{"/dev/gpiochip2:13=00"});
-}
-
-TEST_F(linux_transport_test, leds_and_sfp_signals_map_to_their_lines) {
-    auto t = make();
+    // LEDs and SFP signals map to their lines.
+    io->changes.clear();
     for (auto l :
          {line::tx_led_yellow, line::tx_led_green, line::rx_led_yellow, line::rx_led_green})
         t->pin_set(l, true);
@@ -274,7 +272,7 @@ class root_test : public ::testing::Test {
     qsfpd::test::temp_dir root{"cage-root"};
 };
 
-TEST_F(root_test, the_board_file_is_found_under_the_root_for_a_device_path) {
+TEST_F(root_test, the_board_file_and_the_platform_markers_are_found_under_the_root) {
     EXPECT_NE(message_of([] { qsfp_device device("/dev/qsfp3"); }).find("board file"),
               std::string::npos);
     root.write("etc/qsfpd/board.json", board_json);
@@ -288,9 +286,7 @@ TEST_F(root_test, the_board_file_is_found_under_the_root_for_a_device_path) {
                                            (root.path() / "no-such-i2c").string() +
                                            R"(", "gpiochip": "/dev/gpiochip2"}}})");
     EXPECT_EQ(error_of([&] { qsfp_device device("/dev/qsfp3"); }), ENOENT);
-}
-
-TEST_F(root_test, zelt_markers_come_from_the_device_tree) {
+    // The platform markers come from the device tree.
     for (const auto& [name, marker] : {std::pair{"zelt20", &qsfp_device::is_qsfp_zelt20},
                                        {"zelt30", &qsfp_device::is_qsfp_zelt30},
                                        {"zelt40", &qsfp_device::is_qsfp_zelt40},

@@ -44,7 +44,7 @@ class qsfp_device_test : public ::testing::Test {
     qsfp_device device{"cage0", bus};
 };
 
-TEST_F(qsfp_device_test, pages_are_selected_only_on_a_change_and_transfers_split_at_page_ends) {
+TEST_F(qsfp_device_test, pages_are_selected_when_changed_or_lost_and_transfers_split_at_page_ends) {
     bus->set_byte(0, 22, 0x19);
     EXPECT_EQ(device.read_byte(22), 0x19);  // lower page: no select
     std::array<std::uint8_t, 4> out{};
@@ -64,9 +64,7 @@ TEST_F(qsfp_device_test, pages_are_selected_only_on_a_change_and_transfers_split
     EXPECT_EQ(error_of([&] { device.i2c_read(flat_end - 3, out); }), EINVAL);
     EXPECT_EQ(error_of([&] { device.i2c_read(flat_end, out); }), EINVAL);
     EXPECT_EQ(bus->trace(), "");
-}
-
-TEST_F(qsfp_device_test, the_page_cache_goes_whenever_the_module_may_have_lost_its_select) {
+    // The page cache goes whenever the module may have lost its select.
     EXPECT_TRUE(selects_page_3(device));
     device.invalidate_cache();
     EXPECT_TRUE(selects_page_3(device));
@@ -245,7 +243,7 @@ TEST_F(sfp_map_test, identity_of_a_real_sfp_plus_sr_and_diagnostics) {
     EXPECT_EQ(error_of([&] { (void)map.get_vendor_name(); }), EIO);
 }
 
-TEST_F(sfp_map_test, junk_strings_read_as_err_with_one_warning) {
+TEST_F(sfp_map_test, junk_strings_read_as_err_with_one_warning_and_setters_keep_other_bits) {
     msg_log::log_capture capture;
     put(20, std::vector<std::uint8_t>(16, ' '));
     EXPECT_EQ(map.get_vendor_name(), "                ");  // sixteen spaces are text
@@ -259,9 +257,7 @@ TEST_F(sfp_map_test, junk_strings_read_as_err_with_one_warning) {
     EXPECT_EQ(warnings[0].tag, "sfp_device");
     put(56, {127});  // DEL passes on purpose
     EXPECT_EQ(map.get_vendor_rev().front(), '\x7f');
-}
-
-TEST_F(sfp_map_test, bit_setters_keep_the_other_bits_and_tunable_fields_select_page_2) {
+    // Bit setters keep the other bits; the tunable fields select A2h page 02h first.
     put(256 + 73, {0x81});
     put(256 + 110, {0x82});
     put(256 + 118, {0x80});

@@ -86,15 +86,36 @@ TEST(qsfp_reg_map, reads_the_golden_identities) {
     EXPECT_EQ(m.map.get_nominal_bit_rate_mbps(), 10300u);
 }
 
-TEST(qsfp_reg_map_sff8636, power_control_setters_change_their_own_bit_of_byte_93) {
+TEST(qsfp_reg_map_sff8636, power_tx_disable_and_rate_select_setters_change_their_own_bits) {
     module_on_bus m(dell);  // byte 93 = 04h
     m.map.set_power_override(true);
     m.map.set_power_set(true);
     m.map.set_high_power_class_en(false);
     m.map.set_power_override(false);
     EXPECT_EQ(m.bus->trace(), "r0#1 r93#1 w93:05 r93#1 w93:07 r93#1 w93:03 r93#1 w93:02");
-    EXPECT_TRUE(m.map.get_power_set());
-    EXPECT_FALSE(m.map.get_power_override());
+    // TX disable and rate select per lane.
+    m.map.set_ch_tx_disable(2, true);
+    m.map.set_tx_disable(true);
+    m.map.set_ch_tx_disable(0, false);
+    m.map.set_ch_rx_rate_sel(1, 25000);
+    m.map.set_ch_rx_rate_sel(3, 50000);
+    m.map.set_ch_rx_rate_sel(1, 20000);  // below 25 Gb/s: the low-rate code
+    for (unsigned lane = 0; lane < 4; ++lane)
+        m.map.set_ch_tx_rate_sel(lane, 25000);
+    EXPECT_EQ(m.bus->trace(),
+              "r86#1 w86:04 r86#1 w86:0f r86#1 w86:0e r87#1 w87:08 r87#1 w87:88 r87#1 w87:80 "
+              "r88#1 w88:02 r88#1 w88:0a r88#1 w88:2a r88#1 w88:aa");
+    // Power set, no override; lane 0 on, lanes 1-3 off; TX at 100G, RX not.
+    EXPECT_EQ((std::vector<bool>{m.map.get_power_set(), m.map.get_power_override(),
+                                 m.map.get_ch_tx_disable(0), m.map.get_ch_tx_disable(2),
+                                 m.map.get_tx_laser_enabled(1), m.map.get_tx_laser_enabled(2),
+                                 m.map.get_tx_laser_disabled(4), m.map.get_tx_is_100g(),
+                                 m.map.get_rx_is_100g()}),
+              (std::vector<bool>{true, false, false, true, true, false, false, true, false}));
+    m.bus->set_byte(0, 86, 0x03);
+    EXPECT_TRUE(m.map.get_tx_laser_disabled(2));
+    EXPECT_FALSE(m.map.get_tx_laser_disabled(3));
+    EXPECT_EQ(error_of([&] { m.map.set_ch_tx_rate_sel(4, 25000); }), EINVAL);
 }
 
 TEST(qsfp_reg_map_sff8636, flags_and_monitors_in_one_transaction_and_thresholds) {
@@ -129,50 +150,24 @@ TEST(qsfp_reg_map_sff8636, flags_and_monitors_in_one_transaction_and_thresholds)
     EXPECT_EQ(d.map.get_temp_threshold(threshold::low_warning), -0x0500);
 }
 
-TEST(qsfp_reg_map_sff8636, tx_disable_and_rate_select_per_lane) {
-    module_on_bus m(dell);
-    m.map.set_ch_tx_disable(2, true);
-    m.map.set_tx_disable(true);
-    m.map.set_ch_tx_disable(0, false);
-    m.map.set_ch_rx_rate_sel(1, 25000);
-    m.map.set_ch_rx_rate_sel(3, 50000);
-    m.map.set_ch_rx_rate_sel(1, 20000);  // below 25 Gb/s: the low-rate code
-    for (unsigned lane = 0; lane < 4; ++lane)
-        m.map.set_ch_tx_rate_sel(lane, 25000);
-    EXPECT_EQ(m.bus->trace(),
-              "r0#1 r86#1 w86:04 r86#1 w86:0f r86#1 w86:0e r87#1 w87:08 r87#1 w87:88 r87#1 w87:80 "
-              "r88#1 w88:02 r88#1 w88:0a r88#1 w88:2a r88#1 w88:aa");
-    // Lane 0 on, lanes 1-3 off; TX at 100G, RX not.
-    EXPECT_EQ((std::vector<bool>{m.map.get_ch_tx_disable(0), m.map.get_ch_tx_disable(2),
-                                 m.map.get_tx_laser_enabled(1), m.map.get_tx_laser_enabled(2),
-                                 m.map.get_tx_laser_disabled(4), m.map.get_tx_is_100g(),
-                                 m.map.get_rx_is_100g()}),
-              (std::vector<bool>{false, true, true, false, false, true, false}));
-    m.bus->set_byte(0, 86, 0x03);
-    EXPECT_TRUE(m.map.get_tx_laser_disabled(2));
-    EXPECT_FALSE(m.map.get_tx_laser_disabled(3));
-    EXPECT_EQ(error_of([&] { m.map.set_ch_tx_rate_sel(4, 25000); }), EINVAL);
-}
-
-TEST(qsfp_reg_map, memory_model_bits_of_each_family) {
+TEST(qsfp_reg_map, memory_model_bits_banks_and_fields_of_the_other_family_refused) {
     module_on_bus m(cwdm4);       // byte 2 = 02h: paged
     m.bus->set_byte(0, 2, 0x82);  // CMIS's flat-memory bit, read on any module for the DD form
-    EXPECT_TRUE(m.map.get_support_paging());
-    EXPECT_FALSE(m.map.get_dd_support_paging());
+    EXPECT_EQ(std::pair(m.map.get_support_paging(), m.map.get_dd_support_paging()),
+              std::pair(true, false));
     m.bus->set_byte(0, 2, 0x06);  // SFF-8636's
-    EXPECT_FALSE(m.map.get_support_paging());
-    EXPECT_TRUE(m.map.get_dd_support_paging());
+    EXPECT_EQ(std::pair(m.map.get_support_paging(), m.map.get_dd_support_paging()),
+              std::pair(false, true));
     // The CMIS flat-memory DAC and the CR8 (byte 2 bit 7 set, as their sources say): one bank.
     for (const char* dump :
          {"cmis_qsfpdd_dac_fithonteng_cu4ep54_flatmem", "cmis_qsfpdd_400g_cr8_amphenol_ndyyyf"}) {
         module_on_bus flat(dump);
-        EXPECT_TRUE(flat.map.get_flat_memory()) << dump;
-        EXPECT_EQ(flat.map.get_banks_supported(), 1u) << dump;
-        EXPECT_EQ(flat.map.get_media_type(), 0x03) << dump;  // passive copper
+        EXPECT_EQ(std::tuple(flat.map.get_flat_memory(), flat.map.get_banks_supported(),
+                             flat.map.get_media_type()),
+                  std::tuple(true, 1u, 0x03))  // passive copper
+            << dump;
     }
-}
-
-TEST(qsfp_reg_map, fields_of_the_other_family_are_refused_and_cmis_banks_supported) {
+    // Fields of the other family are refused.
     module_on_bus sff(dell);
     EXPECT_EQ(error_of([&] { (void)sff.map.get_media_type(); }), ENOTSUP);
     EXPECT_EQ(error_of([&] { (void)sff.map.get_banks_supported(); }), ENOTSUP);
@@ -269,7 +264,7 @@ TEST(qsfp_reg_map, identity_is_cached_until_forgotten_or_a_read_fails_and_failur
     EXPECT_EQ(m.map.get_vendor_name(), "DELL");
 }
 
-TEST(qsfp_reg_map, masked_register_writes_and_field_kinds) {
+TEST(qsfp_reg_map, masked_register_writes_field_kinds_and_text_trimming) {
     module_on_bus m(dell);
     m.bus->set_byte(0x03, 242, 0xF0);
     m.map.write_register(flat(0x03, 242), 0x05, 0x0F);
@@ -291,9 +286,7 @@ TEST(qsfp_reg_map, masked_register_writes_and_field_kinds) {
     EXPECT_EQ(m.map.read_bits(nibble), 3);
     m.map.write_bits(nibble, 1);
     EXPECT_EQ(m.bus->byte(0x03, 129), 0x18);
-}
-
-TEST(qsfp_reg_map, text_trimming_rules) {
+    // Text trimming.
     EXPECT_EQ(qsfp_reg_map::trim_text(bytes{'A', 'B', ' ', ' '}), "AB");
     EXPECT_EQ(qsfp_reg_map::trim_text(bytes{' ', 'A', ' ', 'B', ' '}), "A B");
     EXPECT_EQ(qsfp_reg_map::trim_text(bytes{'A', 0x00, 'B'}), "A");

@@ -78,13 +78,9 @@ class fake_transport final : public cage::qsfp_transport {
     void pin_set(unsigned line, bool value) override { pins[line] = value; }
     bool module_present() override { return present; }
 
-    bool sfp_signal_get(cage::sfp_signal signal) override {
-        if (!sfp_lines_wired) throw std::system_error(ENOTSUP, std::generic_category(), "no sfp");
-        return sfp_signals[signal];
-    }
+    bool sfp_signal_get(cage::sfp_signal signal) override { return sfp_lines()[signal]; }
     void sfp_signal_set(cage::sfp_signal signal, bool value) override {
-        if (!sfp_lines_wired) throw std::system_error(ENOTSUP, std::generic_category(), "no sfp");
-        sfp_signals[signal] = value;
+        sfp_lines()[signal] = value;
     }
 
   private:
@@ -114,6 +110,11 @@ class fake_transport final : public cage::qsfp_transport {
             }
         }
         std::this_thread::yield();
+    }
+
+    std::map<cage::sfp_signal, bool>& sfp_lines() {
+        if (!sfp_lines_wired) throw std::system_error(ENOTSUP, std::generic_category(), "no sfp");
+        return sfp_signals;
     }
 
     static std::string hex(std::uint8_t value) {
