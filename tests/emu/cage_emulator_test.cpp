@@ -12,12 +12,11 @@ namespace {
 
 using CagePresence = emu_test;
 using CageFaults = emu_test;
-using CagePaging = emu_test;
 using CageThreads = emu_test;
 using Converter = emu_test;
 using CageBus = emu_test;
 
-TEST_F(CagePresence, AnEmptyCageNacksAndAModuleAnswersOnlyAfterItsWindow) {
+TEST_F(CagePresence, AnEmptyCageNacksAModuleAnswersAfterItsWindowAndRefusesPagesItLacks) {
     EXPECT_FALSE(cage.module_present());
     EXPECT_EQ(read_errno(0), ENXIO);
     EXPECT_EQ(bus->counters(cage.bus_index()).nacks, 1u);
@@ -31,6 +30,21 @@ TEST_F(CagePresence, AnEmptyCageNacksAndAModuleAnswersOnlyAfterItsWindow) {
     EXPECT_EQ(read1(0), 0x11);
     // SFP signals need a converter.
     EXPECT_EQ(error_of([&] { (void)cage.sfp_signal_get(cage::sfp_signal::los); }), ENOTSUP);
+    cage.remove();
+    // SFF-8636 page 05h, DSP page 20h on a module without it, CMIS VDM page 20h, bank 1 on a
+    // one-lane module: the select stays where it was.
+    using refusal = std::tuple<const char*, std::uint8_t, std::uint8_t>;  // profile, bank, page
+    for (const auto& [stem, bank, page] : {refusal{"qsfp28_100g_lr4", 0, 0x05},
+                                           {"qsfp28_100g_dwdm4", 0, 0x20},
+                                           {"qsfpdd_400zr", 0, 0x20},
+                                           {"qsfpdd_400zr", 1, 0x11}}) {
+        SCOPED_TRACE(stem);
+        insert(stem);
+        select(0x03);
+        select(page, bank);
+        EXPECT_EQ(read(126, 2), (bytes{0, 0x03}));
+        cage.remove();
+    }
 }
 
 TEST_F(CageFaults, NackOrChosenErrnoForTheNextTransfersOrAtAnAddressRange) {
@@ -56,23 +70,6 @@ TEST_F(CageFaults, NackOrChosenErrnoForTheNextTransfersOrAtAnAddressRange) {
 }
 
 // --- paging on the real images ----------------------------------------------------------------
-
-TEST_F(CagePaging, PagesAndBanksTheModuleLacksAreRefused) {
-    // SFF-8636 page 05h, DSP page 20h on a module without it, CMIS VDM page 20h, bank 1 on a
-    // one-lane module: the select stays where it was.
-    using refusal = std::tuple<const char*, std::uint8_t, std::uint8_t>;  // profile, bank, page
-    for (const auto& [stem, bank, page] : {refusal{"qsfp28_100g_lr4", 0, 0x05},
-                                           {"qsfp28_100g_dwdm4", 0, 0x20},
-                                           {"qsfpdd_400zr", 0, 0x20},
-                                           {"qsfpdd_400zr", 1, 0x11}}) {
-        SCOPED_TRACE(stem);
-        insert(stem);
-        select(0x03);
-        select(page, bank);
-        EXPECT_EQ(read(126, 2), (bytes{0, 0x03}));
-        cage.remove();
-    }
-}
 
 // --- QSFP-to-SFP converter ---------------------------------------------------------------------
 
@@ -121,7 +118,7 @@ TEST_F(Converter, SfpAnswersAtA0AndA2AndItsSignalsFollowControlsAndPatterns) {
 
 // --- bus accounting ----------------------------------------------------------------------------
 
-TEST_F(CageBus, EveryTransferIsAccountedWithItsWireAndClockTime) {
+TEST_F(CageBus, EveryTransferIsAccountedWithItsWireTimeAtTheBusSpeedAndItsClockTime) {
     cage_emulator b(clock, bus, "b");
     insert("qsfp28_100g_lr4");
     b.insert(module_profile::load_named("qsfpdd_400g_fr4"));
@@ -145,10 +142,7 @@ TEST_F(CageBus, EveryTransferIsAccountedWithItsWireAndClockTime) {
     EXPECT_EQ(bus->accesses(cage.bus_index()), (std::vector<clock::time_point>{t0}));
     EXPECT_EQ(bus->accesses(b.bus_index()),
               (std::vector<clock::time_point>{t0 + 100ms, t0 + 100ms}));
-}
-
-TEST(CageBusSpeed, WireTimeFollowsTheSpeedANackIsElevenBitsAndRecentAccessesAreBounded) {
-    auto clock = std::make_shared<virtual_clock>();
+    // Wire time follows the bus speed, a nack is 11 bits, recent accesses are bounded.
     emu_bus slow(clock, 100'000, 3);
     const auto c = slow.attach("c");
     EXPECT_EQ(slow.account(c, emu_bus::kind::read, 55), std::chrono::nanoseconds(5'250'000));

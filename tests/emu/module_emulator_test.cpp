@@ -14,12 +14,11 @@ using ModuleReset = emu_test;
 using ModuleMonitors = emu_test;
 using ModuleFaults = emu_test;
 using ModuleAlarms = emu_test;
-using ModuleHooks = emu_test;
 using DspPages = emu_test;
 
 // --- CMIS module state machine (QSFP-DD 400G-FR4: power up 800 ms, power down 80 ms) ----------
 
-TEST_F(CmisStates, PowerUpLatchesEachChangeAndASoftwareRequestTakesThePowerDownAndBack) {
+TEST_F(CmisStates, PowerUpLatchesEachChangeAndSoftwareOrPinRequestsTakeThePowerDownAndBack) {
     insert("qsfpdd_400g_fr4");
     EXPECT_EQ(polls(8, 0x01, {0ms, 0ms}), "10");  // state changed, cleared by the read
     // ModulePwrUp (no low power request), ModuleReady after 800 ms.
@@ -32,15 +31,10 @@ TEST_F(CmisStates, PowerUpLatchesEachChangeAndASoftwareRequestTakesThePowerDownA
     EXPECT_EQ(polls(3, 0x0e, {80ms}), "1");
     write(26, {0x40});
     EXPECT_EQ(polls(3, 0x0e, {400ms, 400ms}), "23");
-}
-
-TEST_F(CmisStates, LpModePinRequestsLowPowerWhileAllowedAndFromInsertion) {
-    auto& m = insert("qsfpdd_400g_fr4");
-    clock->advance(800ms);
+    // The LPMode pin requests low power while allowed, and from insertion.
     cage.pin_set(cage::line::lpmode, true);
     EXPECT_EQ(polls(3, 0x0e, {0ms, 79ms, 1ms}), "441");  // ModulePwrDn for 80 ms, then ModuleLowPwr
-    EXPECT_TRUE(m.in_low_power());
-    select(0x11);
+    EXPECT_TRUE(cage.module()->in_low_power());
     EXPECT_EQ(read1(128), 0x11);  // DPDeactivated
     EXPECT_EQ(read1(133), 0x00);
     cage.pin_set(cage::line::lpmode, false);
@@ -146,13 +140,20 @@ TEST_F(Sff8636Power, LanesBeyondTheModulesOwnHaveNoMonitorsAndNoAlarms) {
 
 // --- reset and re-insertion restore the profile image ------------------------------------------
 
-TEST_F(ModuleReset, ResetPinAndReinsertionRestoreTheImage) {
-    insert("qsfp28_100g_sr2_pam4");  // rate select (87-88) powers on at AAh
+TEST_F(ModuleReset, ResetPinAndReinsertionRestoreTheImageButBehaviourHooksSurviveAReset) {
+    auto& m = insert("qsfp28_100g_sr2_pam4");  // rate select (87-88) powers on at AAh
     const auto pristine = read(128, 64);
+    // A behaviour hook, a stand-in for tuning: a write of a channel (page 02h byte 140) sets the
+    // frequency (141) the host reads back.
+    m.on_write({0, 0x02}, 140, 140, [&](page_id page, std::uint8_t, std::uint8_t channel) {
+        m.memory().poke(page, 141, static_cast<std::uint8_t>(channel + 1));
+    });
     write(86, {0x0f, 0x55, 0x5a});
     EXPECT_EQ(read(86, 3), (bytes{0x0f, 0x55, 0x5a}));
     write(127, {0x02});
     write(130, {0x77});  // user EEPROM page 02h
+    write(140, {0x20});
+    EXPECT_EQ(read1(141), 0x21);
     cage.pin_set(cage::line::reset, true);
     EXPECT_TRUE(cage.pin_get(cage::line::reset));
     clock->advance(10s);
@@ -165,6 +166,8 @@ TEST_F(ModuleReset, ResetPinAndReinsertionRestoreTheImage) {
     EXPECT_EQ(read(128, 64), pristine);
     write(127, {0x02});
     EXPECT_EQ(read1(130), 0x00);
+    write(140, {0x40});
+    EXPECT_EQ(read1(141), 0x41);
 
     write(130, {0x66});
     cage.remove();
@@ -178,7 +181,21 @@ TEST_F(ModuleReset, ResetPinAndReinsertionRestoreTheImage) {
 
 // --- monitors ---------------------------------------------------------------------------------
 
-TEST_F(ModuleMonitors, RegistersShowTheSeededValueInTheStandardsUnitsMovingWithinItsNoise) {
+std::vector<std::uint16_t> temperature_trace(std::uint64_t seed) {
+    cage_fixture f;
+    auto profile = module_profile::load_named("qsfpdd_400g_fr4");
+    profile.noise_seed = seed;
+    f.cage.insert(profile);
+    f.clock->advance(profile.i2c_not_ready);
+    std::vector<std::uint16_t> out;
+    for (int i = 0; i < 30; ++i) {
+        out.push_back(f.read16(14));
+        f.clock->advance(37ms);  // not a multiple of the period: sampling must not matter
+    }
+    return out;
+}
+
+TEST_F(ModuleMonitors, RegistersShowTheSeededValueMovingWithinItsNoiseDeterministicPerSeed) {
     auto& m = insert("qsfp28_100g_lr4");
     const auto& p = m.profile();
     write(93, {0x04});
@@ -203,35 +220,17 @@ TEST_F(ModuleMonitors, RegistersShowTheSeededValueInTheStandardsUnitsMovingWithi
         clock->advance(p.monitor_period);
     }
     EXPECT_GT(seen.size(), 20u);  // it does move
-}
-
-std::vector<std::uint16_t> temperature_trace(std::uint64_t seed) {
-    cage_fixture f;
-    auto profile = module_profile::load_named("qsfpdd_400g_fr4");
-    profile.noise_seed = seed;
-    f.cage.insert(profile);
-    f.clock->advance(profile.i2c_not_ready);
-    std::vector<std::uint16_t> out;
-    for (int i = 0; i < 30; ++i) {
-        out.push_back(f.read16(14));
-        f.clock->advance(37ms);  // not a multiple of the period: sampling must not matter
-    }
-    return out;
-}
-
-TEST_F(ModuleMonitors, DeterministicPerSeedAndClock) {
-    EXPECT_EQ(temperature_trace(7), temperature_trace(7));
-    EXPECT_NE(temperature_trace(7), temperature_trace(8));
-}
-
-TEST_F(ModuleMonitors, CmisLaneMonitorsUseTheBiasMultiplier) {
-    auto& m = insert("qsfpdd_400zr");  // page 01h byte 160 multiplier code 2: x4
+    // CMIS lane monitors use the bias multiplier (page 01h byte 160 code 2: x4).
+    cage.remove();
+    auto& zr = insert("qsfpdd_400zr");
     clock->advance(1500ms);
     select(0x11);
-    const auto tick = m.monitor_tick();
-    using s = module_emulator::sensor;
-    EXPECT_EQ(read16(170), std::lround(m.monitor_value(s::bias, 0, tick) * 500 / 4));
-    EXPECT_EQ(read16(154), std::lround(m.monitor_value(s::tx_power, 0, tick) * 10000));
+    const auto tick = zr.monitor_tick();
+    EXPECT_EQ(read16(170), std::lround(zr.monitor_value(s::bias, 0, tick) * 500 / 4));
+    EXPECT_EQ(read16(154), std::lround(zr.monitor_value(s::tx_power, 0, tick) * 10000));
+    // Deterministic per seed and clock.
+    EXPECT_EQ(temperature_trace(7), temperature_trace(7));
+    EXPECT_NE(temperature_trace(7), temperature_trace(8));
 }
 
 // --- fault injection in the module -------------------------------------------------------------
@@ -312,22 +311,6 @@ TEST_F(ModuleAlarms, CmisLaneRxPowerLowAlarmAndLiveSfpFlags) {
     EXPECT_EQ(read1(116, 0x51), 0x80);
     sfp.unstick_all();
     EXPECT_EQ(read1(112, 0x51), 0x00);
-}
-
-TEST_F(ModuleHooks, BehaviourHooksSurviveAReset) {
-    auto& m = insert("qsfpdd_400zr");
-    // A stand-in for tuning: a write of the channel (page 12h 137) sets the current frequency
-    // (171) the host reads back.
-    const page_id tuning{0, 0x12};
-    m.on_write(tuning, 137, 137, [&](page_id, std::uint8_t, std::uint8_t channel) {
-        m.memory().poke(tuning, 171, static_cast<std::uint8_t>(channel + 1));
-    });
-    for (std::uint8_t channel : {0x20, 0x40}) {
-        select(0x12);
-        write(137, {channel});
-        EXPECT_EQ(read1(171), channel + 1);
-        reset();
-    }
 }
 
 // --- PAM4 DSP page 20h -------------------------------------------------------------------------

@@ -149,7 +149,7 @@ std::string sff8636_json(const std::string& lower, const std::string& page00) {
            R"(", "00": ")" + page00 + R"("}})";
 }
 
-TEST(ProfileValidation, BadProfilesAreRefusedNamingFileAndField) {
+TEST(ProfileValidation, BadOrMissingProfilesAreRefusedNamingFileAndField) {
     // Identifier 11h, every other byte 0: both checksums 0 except CC_BASE (byte 191) = 11h.
     const std::string lower = "11" + std::string(254, '0');
     const std::string page00 = "11" + std::string(124, '0') + "11" + std::string(128, '0');
@@ -169,9 +169,6 @@ TEST(ProfileValidation, BadProfilesAreRefusedNamingFileAndField) {
         const auto err = profile_error_of(json);
         EXPECT_NE(err.find(fragment), std::string::npos) << fragment << " in: " << err;
     }
-}
-
-TEST(ProfileValidation, LoadingAMissingFileNamesIt) {
     EXPECT_NE(qsfpd::test::message_of<profile_error>([] {
                   module_profile::load("/nonexistent/profile.json");
               }).find("/nonexistent/profile.json"),

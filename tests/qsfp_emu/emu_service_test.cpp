@@ -96,7 +96,7 @@ TEST_F(EmuService, ADaemonInAnotherProcessReadsTheInsertedModule) {
     EXPECT_EQ(error_of([&] { (void)open_cage(9).pin_get(0); }), ECONNREFUSED);  // no such cage
 }
 
-TEST_F(EmuService, WritesPinsSignalsPokesAndFaultsCrossTheSockets) {
+TEST_F(EmuService, WritesPinsSignalsPokesAndFaultsCrossTheSocketsAndBadRequestsAreRefused) {
     ASSERT_EQ(ctl({"insert", "1", "qsfp28_100g_lr4"}), "0 true");
     auto qsfp1 = open_cage(1);
     clock->advance(10s);
@@ -121,16 +121,11 @@ TEST_F(EmuService, WritesPinsSignalsPokesAndFaultsCrossTheSockets) {
     qsfp2.sfp_signal_set(cage::sfp_signal::tx_disable, true);
     EXPECT_TRUE(qsfp2.sfp_signal_get(cage::sfp_signal::tx_disable));
     EXPECT_TRUE(service->cage(2).sfp_signal_get(cage::sfp_signal::tx_disable));
-}
-
-TEST_F(EmuService, BadControlRequestsAreRefusedClearly) {
+    // Bad control requests are refused clearly.
     EXPECT_EQ(ctl({"insert", "9", "qsfp28_100g_lr4"}),
               "1 qsfp-emu ctl: Invalid params: 'cage' must be below 4 (error -32602)");
-    EXPECT_EQ(ctl({"insert", "0", "no_such_profile"})
-                  .rfind("1 qsfp-emu ctl: Cannot insert "
-                         "no_such_profile: profile ",
-                         0),
-              0u);
+    const auto no_profile = ctl({"insert", "0", "no_such_profile"});
+    EXPECT_EQ(no_profile.rfind("1 qsfp-emu ctl: Cannot insert no_such_profile: profile ", 0), 0u);
     EXPECT_EQ(ctl({"peek", "0", "0"}), "1 qsfp-emu ctl: No module in the cage (error -6)");
     ASSERT_EQ(ctl({"insert", "0", "qsfp28_100g_lr4"}), "0 true");
     EXPECT_EQ(ctl({"fault", R"({"cage":0,"kind":"sideways"})"}),
@@ -140,9 +135,7 @@ TEST_F(EmuService, BadControlRequestsAreRefusedClearly) {
     EXPECT_EQ(ctl({"pins", "0", "extra"}), "2 qsfp-emu ctl: too many arguments for pins");
     std::ostringstream sink;
     EXPECT_EQ(emu::run_ctl({"--dir", (dir / "nowhere").string(), "counters"}, sink, sink), 3);
-}
-
-TEST(HexBytes, RoundTripAndRefusals) {
+    // The hex forms of peek and poke.
     EXPECT_EQ(from_hex("0a FF\n10"), (bytes{0x0a, 0xff, 0x10}));
     EXPECT_EQ(from_hex("0aff10"), (bytes{0x0a, 0xff, 0x10}));
     EXPECT_THROW(from_hex("0a f"), std::invalid_argument);
