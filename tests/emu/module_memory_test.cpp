@@ -63,24 +63,6 @@ TEST_F(ModuleMemory, PageSelectMapsTheUpperHalfAndBankSelectOnlyBankedPages) {
     EXPECT_EQ(m.selected(), (page_id{0, 0x00}));
 }
 
-TEST(ModuleMemoryPolicies, ReadFfAcceptsAnyPageAndFlatHasNoPageSelect) {
-    module_memory ff(paging::paged, unsupported_page::read_ff);
-    ff.add_page({0, 0}, filled(0x10));
-    ff.write(127, bytes{0x03});
-    EXPECT_EQ(ff.peek({}, 127), 0x03);
-    EXPECT_EQ(read(ff, 200, 2), (bytes{0xff, 0xff}));
-    ff.write(200, bytes{0x55});  // nothing to write into; no crash, nothing stored
-    ff.write(127, bytes{0x00});
-    EXPECT_EQ(read(ff, 200, 1)[0], static_cast<std::uint8_t>(0x10 + 72));
-
-    module_memory flat(paging::flat);
-    flat.add_page({}, filled(0x40));
-    flat.set_writable({}, 127, 127);
-    flat.write(127, bytes{0x02});  // an ordinary byte on a flat memory (SFP A0h)
-    EXPECT_EQ(flat.peek({}, 127), 0x02);
-    EXPECT_EQ(read(flat, 128, 1)[0], 0x40);
-}
-
 TEST_F(ModuleMemory, WritesToReadOnlyBitsAreIgnoredAndLatchedFlagsClearWhenRead) {
     m.set_writable({}, 26, 26, 0x50);
     m.set_writable({0, 0x10}, 130, 130);
@@ -92,20 +74,20 @@ TEST_F(ModuleMemory, WritesToReadOnlyBitsAreIgnoredAndLatchedFlagsClearWhenRead)
     EXPECT_EQ(m.peek({}, 26), 26 & ~0x50);
     m.write(126, bytes{0, 0x10});
     m.write(130, bytes{0x0f, 0x0f});  // 130 writable, 131 read-only
-    EXPECT_EQ(m.peek({0, 0x10}, 130), 0x0f);
-    EXPECT_EQ(m.peek({0, 0x10}, 131), 0x80 + 3);
-    EXPECT_EQ(m.peek({1, 0x10}, 130), 0x81 + 2);  // the other bank untouched
-    // Latched flags clear when read, not when peeked.
+    // 131 untouched, and 130 of the other bank.
+    EXPECT_EQ((bytes{m.peek({0, 0x10}, 130), m.peek({0, 0x10}, 131), m.peek({1, 0x10}, 130)}),
+              (bytes{0x0f, 0x80 + 3, 0x81 + 2}));
+    // Latched flags clear when read, not when peeked: peek, peek, read, read.
     m.set_clear_on_read({1, 0x11}, 134, 152);
     m.latch({1, 0x11}, 147, 0x80);
-    EXPECT_EQ(m.peek({1, 0x11}, 147), 0x80 | ((0xa1 + 19) & 0xff));
-    EXPECT_EQ(m.peek({1, 0x11}, 147), 0x80 | ((0xa1 + 19) & 0xff));  // still
     m.write(126, bytes{1, 0x11});
-    EXPECT_EQ(read(m, 147, 1)[0], 0x80 | ((0xa1 + 19) & 0xff));
-    EXPECT_EQ(read(m, 147, 1)[0], 0x00);
+    const std::uint8_t latched = 0x80 | ((0xa1 + 19) & 0xff);
+    EXPECT_EQ((bytes{m.peek({1, 0x11}, 147), m.peek({1, 0x11}, 147), read(m, 147, 1)[0],
+                     read(m, 147, 1)[0]}),
+              (bytes{latched, latched, latched, 0x00}));
 }
 
-TEST_F(ModuleMemory, HooksSeeHostWritesAndComputeReads) {
+TEST_F(ModuleMemory, HooksSeeHostWritesAndComputeReadsAndOtherPoliciesHoldTheirPages) {
     m.set_writable({}, 26, 26, 0xf0);
     std::vector<std::pair<std::uint8_t, std::uint8_t>> seen;
     m.on_write({}, 26, 26,
@@ -121,6 +103,22 @@ TEST_F(ModuleMemory, HooksSeeHostWritesAndComputeReads) {
     m.write(127, bytes{0x00});
     read(m, 200, 2);  // page 00h: the hook is for page 01h only
     EXPECT_EQ(counter, 2);
+    // Other policies: an unsupported page reads FFh; a flat memory has no page select.
+    module_memory ff(paging::paged, unsupported_page::read_ff);
+    ff.add_page({0, 0}, filled(0x10));
+    ff.write(127, bytes{0x03});
+    EXPECT_EQ(ff.peek({}, 127), 0x03);
+    EXPECT_EQ(read(ff, 200, 2), (bytes{0xff, 0xff}));
+    ff.write(200, bytes{0x55});  // nothing to write into; no crash, nothing stored
+    ff.write(127, bytes{0x00});
+    EXPECT_EQ(read(ff, 200, 1)[0], static_cast<std::uint8_t>(0x10 + 72));
+
+    module_memory flat(paging::flat);
+    flat.add_page({}, filled(0x40));
+    flat.set_writable({}, 127, 127);
+    flat.write(127, bytes{0x02});  // an ordinary byte on a flat memory (SFP A0h)
+    EXPECT_EQ(flat.peek({}, 127), 0x02);
+    EXPECT_EQ(read(flat, 128, 1)[0], 0x40);
 }
 
 }  // namespace
