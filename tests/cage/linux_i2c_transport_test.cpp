@@ -176,7 +176,7 @@ TEST(board_file, sfp_lines_default_to_the_cage_chip_and_errors_name_the_problem)
 }
 
 TEST_F(linux_transport_test,
-       reads_are_one_combined_transfer_writes_one_message_errors_their_errno) {
+       i2c_reads_are_one_combined_transfer_errors_carry_the_errno_and_nothing_leaks) {
     auto t = make();
     std::array<std::uint8_t, 4> out{};
     t->i2c_read(module_address, 148, out);
@@ -199,6 +199,21 @@ TEST_F(linux_transport_test,
     const auto before = io->transfers.size();
     EXPECT_EQ(error_of([&] { t->i2c_read(module_address, 253, out); }), EINVAL);
     EXPECT_EQ(io->transfers.size(), before);
+    // A line owned elsewhere is EBUSY, and everything opened is closed.
+    auto other = make();
+    EXPECT_TRUE(other->module_present());
+    EXPECT_EQ(error_of([&] { (void)t->module_present(); }), EBUSY);
+    t->pin_set(line::lpmode, true);
+    t->sfp_signal_set(sfp_signal::tx_disable, false);
+    t.reset();
+    other.reset();
+    EXPECT_TRUE(io->fds.empty());
+    // So is everything opened before a failed open, and the open's errno is the error.
+    io->paths.erase("/dev/gpiochip3");
+    EXPECT_EQ(error_of([&] { (void)make(); }), ENOENT);
+    EXPECT_TRUE(io->fds.empty());
+    io->open_errno = EACCES;
+    EXPECT_EQ(error_of([&] { (void)make("/dev/qsfp4"); }), EACCES);
 }
 
 TEST_F(linux_transport_test, cage_and_sfp_lines_map_to_the_board_file_with_their_polarity) {
@@ -239,24 +254,6 @@ TEST_F(linux_transport_test, cage_and_sfp_lines_map_to_the_board_file_with_their
     EXPECT_EQ(io->changes,
               (std::vector<std::string>{"/dev/gpiochip3:2=01", "/dev/gpiochip3:4=01"}));
     EXPECT_EQ(error_of([&] { t->sfp_signal_set(sfp_signal::los, true); }), EINVAL);
-}
-
-TEST_F(linux_transport_test, a_line_owned_elsewhere_is_ebusy_and_everything_opened_is_closed) {
-    {
-        auto t = make();
-        auto other = make();
-        EXPECT_TRUE(other->module_present());
-        EXPECT_EQ(error_of([&] { (void)t->module_present(); }), EBUSY);
-        t->pin_set(line::lpmode, true);
-        t->sfp_signal_set(sfp_signal::tx_disable, false);
-    }
-    EXPECT_TRUE(io->fds.empty());
-    // So is everything opened before a failed open, and the open's errno is the error.
-    io->paths.erase("/dev/gpiochip3");
-    EXPECT_EQ(error_of([&] { (void)make(); }), ENOENT);
-    EXPECT_TRUE(io->fds.empty());
-    io->open_errno = EACCES;
-    EXPECT_EQ(error_of([&] { (void)make("/dev/qsfp4"); }), EACCES);
 }
 
 // $QSFPD_ROOT at a directory of its own, where the board file and the device-tree markers are

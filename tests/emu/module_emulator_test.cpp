@@ -13,7 +13,6 @@ using Sff8636Power = emu_test;
 using ModuleReset = emu_test;
 using ModuleMonitors = emu_test;
 using ModuleFaults = emu_test;
-using ModuleAlarms = emu_test;
 using DspPages = emu_test;
 
 // --- CMIS module state machine (QSFP-DD 400G-FR4: power up 800 ms, power down 80 ms) ----------
@@ -235,7 +234,7 @@ TEST_F(ModuleMonitors, RegistersShowTheSeededValueMovingWithinItsNoiseDeterminis
 
 // --- fault injection in the module -------------------------------------------------------------
 
-TEST_F(ModuleFaults, LosFlapsOneStepPerPollAndBadPatternsAreRefused) {
+TEST_F(ModuleFaults, FlapsStepPerPollOrPeriodAndEvenATransientBetweenPollsLatches) {
     auto& m = insert("qsfp28_100g_lr4");
     m.flap(lane_flag::rx_los, 2, "0110", flap_step::per_poll);
     // Latched LOS (byte 3 bit 2) as the host polls it; live state as the step left it. A
@@ -252,24 +251,23 @@ TEST_F(ModuleFaults, LosFlapsOneStepPerPollAndBadPatternsAreRefused) {
     EXPECT_THROW(m.flap(lane_flag::rx_los, 0, "01x", flap_step::per_poll), std::invalid_argument);
     EXPECT_THROW(m.flap(lane_flag::rx_los, 4, "01", flap_step::per_poll), std::invalid_argument);
     EXPECT_THROW(m.flap(lane_flag::rx_los, 0, "01", flap_step::per_period), std::invalid_argument);
-}
-
-TEST_F(ModuleFaults, FlapsPerPeriodOnACmisLaneLatchEvenATransientBetweenPolls) {
-    auto& m = insert("qsfpdd_400g_fr4");
+    // Flaps per period on a CMIS lane; even a transient between polls latches.
+    cage.remove();
+    auto& fr4 = insert("qsfpdd_400g_fr4");
     select(0x11);
-    m.flap(lane_flag::tx_fault, 1, "1100", flap_step::per_period, 1s, false);
+    fr4.flap(lane_flag::tx_fault, 1, "1100", flap_step::per_period, 1s, false);
     EXPECT_EQ(polls(135, 0x02, {0ms, 1500ms}), "11");
-    EXPECT_TRUE(m.flag_live(lane_flag::tx_fault, 1));
+    EXPECT_TRUE(fr4.flag_live(lane_flag::tx_fault, 1));
     clock->advance(1s);  // step 2: '0'
-    EXPECT_FALSE(m.flag_live(lane_flag::tx_fault, 1));
+    EXPECT_FALSE(fr4.flag_live(lane_flag::tx_fault, 1));
     // Present since the last read, then clear; the pattern does not repeat: stays '0'.
     EXPECT_EQ(polls(135, 0x02, {0ms, 0ms, 10s}), "100");
     // A transient between two polls still latches.
-    m.flap(lane_flag::rx_lol, 0, "0001000", flap_step::per_period, 100ms, false);
+    fr4.flap(lane_flag::rx_lol, 0, "0001000", flap_step::per_period, 100ms, false);
     EXPECT_EQ(polls(148, 0xff, {0ms, 1s, 0ms}), "010");
 }
 
-TEST_F(ModuleAlarms, LatchedFlagsAssertTheInterruptAndAStuckTemperatureRaisesItsAlarms) {
+TEST_F(ModuleFaults, LatchedFlagsAssertTheInterruptAndStuckMonitorsRaiseTheirAlarms) {
     auto& m = insert("qsfp28_100g_lr4");
     EXPECT_EQ(polls(2, 0x02, {0ms}), "1");  // IntL deasserted
     EXPECT_FALSE(m.interrupt_asserted());
@@ -292,13 +290,12 @@ TEST_F(ModuleAlarms, LatchedFlagsAssertTheInterruptAndAStuckTemperatureRaisesIts
     m.unstick_all();
     EXPECT_LT(read16(22), 0x7f00);
     EXPECT_EQ(polls(6, 0xf0, {0ms, 0ms}), "a0");
-}
-
-TEST_F(ModuleAlarms, CmisLaneRxPowerLowAlarmAndLiveSfpFlags) {
-    auto& m = insert("qsfpdd_400g_fr4");
+    // A CMIS lane RX power low alarm.
+    cage.remove();
+    auto& fr4 = insert("qsfpdd_400g_fr4");
     select(0x11);
     EXPECT_EQ(read(149, 4), bytes(4, 0));
-    m.stick({0, 0x11}, 186 + 2 * 2, {0x00, 0x00});  // lane 3 RX power 0
+    fr4.stick({0, 0x11}, 186 + 2 * 2, {0x00, 0x00});  // lane 3 RX power 0
     // RX power high alarm, low alarm, high warning, low warning: lane 3 low alarm and warning.
     EXPECT_EQ(read(149, 4), (bytes{0, 0x04, 0, 0x04}));
     // The SFP's A2h alarm flags are live.

@@ -88,7 +88,7 @@ TEST(ProfileContents, Sff8636ModulesCarryWhatTheHandlersRead) {
     }
 }
 
-TEST(ProfileContents, DspPagesHoldAHealthyLink) {
+TEST(ProfileContents, DspPagesHoldAHealthyLinkAndCmisModulesAdvertiseTheirApplications) {
     for (const char* stem : {"qsfp28_100g_fr1_pam4", "qsfp28_100g_sr2_pam4"}) {
         SCOPED_TRACE(stem);
         const auto p = module_profile::load_named(stem);
@@ -116,9 +116,6 @@ TEST(ProfileContents, DspPagesHoldAHealthyLink) {
             EXPECT_TRUE(t(0) > t(2) && t(2) > t(3) && t(3) >= t(1)) << group;
         }
     }
-}
-
-TEST(ProfileContents, CmisModulesAdvertiseTheirApplications) {
     // Identifier, revision, application 1 (host interface, media interface, lane counts), end of
     // list.
     const auto fr4 = module_profile::load_named("qsfpdd_400g_fr4");

@@ -54,7 +54,7 @@ class EmuService : public ::testing::Test {
     std::thread thread;
 };
 
-TEST_F(EmuService, ADaemonInAnotherProcessReadsTheInsertedModule) {
+TEST_F(EmuService, ADaemonReachesTheCagesThroughTheSocketsAndBadRequestsAreRefused) {
     auto qsfp3 = open_cage(3);
     EXPECT_FALSE(qsfp3.module_present());
     EXPECT_EQ(ctl({"insert", "3", "qsfp28_100g_lr4"}), "0 true");
@@ -94,9 +94,7 @@ TEST_F(EmuService, ADaemonInAnotherProcessReadsTheInsertedModule) {
     ASSERT_EQ(ctl({"insert", "3", "qsfp28_100g_lr4"}), "0 true");
     EXPECT_TRUE(device.module_present());
     EXPECT_EQ(error_of([&] { (void)open_cage(9).pin_get(0); }), ECONNREFUSED);  // no such cage
-}
-
-TEST_F(EmuService, WritesPinsSignalsPokesAndFaultsCrossTheSocketsAndBadRequestsAreRefused) {
+    // Writes, pins, signals, pokes and faults cross the sockets.
     ASSERT_EQ(ctl({"insert", "1", "qsfp28_100g_lr4"}), "0 true");
     auto qsfp1 = open_cage(1);
     clock->advance(10s);
