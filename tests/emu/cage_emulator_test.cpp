@@ -12,7 +12,6 @@ namespace {
 
 using CagePresence = emu_test;
 using CageFaults = emu_test;
-using CageThreads = emu_test;
 using Converter = emu_test;
 using CageBus = emu_test;
 
@@ -47,7 +46,7 @@ TEST_F(CagePresence, AnEmptyCageNacksAModuleAnswersAfterItsWindowAndRefusesPages
     }
 }
 
-TEST_F(CageFaults, NackOrChosenErrnoForTheNextTransfersOrAtAnAddressRange) {
+TEST_F(CageFaults, NackOrErrnoForTheNextTransfersOrAnAddressRangeAndSafeWhilePolled) {
     insert("qsfp28_100g_lr4");
     cage.fail_next(3);
     for (int expected : {ENXIO, ENXIO, ENXIO, 0})
@@ -67,6 +66,34 @@ TEST_F(CageFaults, NackOrChosenErrnoForTheNextTransfersOrAtAnAddressRange) {
     cage.fail_at(0x50, 127, 127, ENXIO, 2);  // twice, then gone
     for (int expected : {ENXIO, ENXIO, 0})
         EXPECT_EQ(error_of([&] { write(127, {0}); }), expected);
+    // A daemon thread polls while the test thread injects faults and moves time: every transfer
+    // either succeeds or fails with an injected errno, and the bus counts every one.
+    cage.remove();
+    auto& m = insert("qsfpdd_400g_fr4");
+    const auto before = bus->counters(cage.bus_index()).transactions;
+    std::atomic<int> ok{0};
+    std::atomic<int> failed{0};
+    std::atomic<bool> unexpected{false};
+    std::thread poller([&] {
+        std::array<std::uint8_t, 16> buf{};
+        for (int i = 0; i < 2000; ++i) {
+            const int e = error_of([&] { cage.i2c_read(0x50, 0, buf); });
+            if (e != 0 && e != ENXIO && e != EIO) unexpected = true;
+            ++(e ? failed : ok);
+        }
+    });
+    for (int i = 0; i < 200; ++i) {
+        cage.fail_next(1, i % 2 ? ENXIO : EIO);
+        m.flap(lane_flag::rx_los, static_cast<unsigned>(i % 4), "10", flap_step::per_poll);
+        m.stick({}, 14, {0x20, static_cast<std::uint8_t>(i)});
+        clock->advance(10ms);
+        m.unstick_all();
+        m.stop_flaps();
+    }
+    poller.join();
+    EXPECT_FALSE(unexpected);
+    EXPECT_EQ(ok + failed, 2000);
+    EXPECT_EQ(bus->counters(cage.bus_index()).transactions - before, 2000u);
 }
 
 // --- paging on the real images ----------------------------------------------------------------
@@ -156,35 +183,6 @@ TEST_F(CageBus, EveryTransferIsAccountedWithItsWireTimeAtTheBusSpeedAndItsClockT
     }
     EXPECT_EQ(slow.accesses(c), (std::vector<clock::time_point>(times.begin() + 2, times.end())));
     EXPECT_EQ(slow.counters(c).transactions, 5u);
-}
-
-// A daemon thread polls while the test thread injects faults and moves time: every transfer
-// either succeeds or fails with an injected errno, and the bus counts every one.
-TEST_F(CageThreads, PollingWhileInjectingIsSafe) {
-    auto& m = insert("qsfpdd_400g_fr4");
-    std::atomic<int> ok{0};
-    std::atomic<int> failed{0};
-    std::atomic<bool> unexpected{false};
-    std::thread poller([&] {
-        std::array<std::uint8_t, 16> buf{};
-        for (int i = 0; i < 2000; ++i) {
-            const int e = error_of([&] { cage.i2c_read(0x50, 0, buf); });
-            if (e != 0 && e != ENXIO && e != EIO) unexpected = true;
-            ++(e ? failed : ok);
-        }
-    });
-    for (int i = 0; i < 200; ++i) {
-        cage.fail_next(1, i % 2 ? ENXIO : EIO);
-        m.flap(lane_flag::rx_los, static_cast<unsigned>(i % 4), "10", flap_step::per_poll);
-        m.stick({}, 14, {0x20, static_cast<std::uint8_t>(i)});
-        clock->advance(10ms);
-        m.unstick_all();
-        m.stop_flaps();
-    }
-    poller.join();
-    EXPECT_FALSE(unexpected);
-    EXPECT_EQ(ok + failed, 2000);
-    EXPECT_EQ(bus->counters(cage.bus_index()).transactions, 2000u);
 }
 
 }  // namespace

@@ -17,7 +17,7 @@ using DspPages = emu_test;
 
 // --- CMIS module state machine (QSFP-DD 400G-FR4: power up 800 ms, power down 80 ms) ----------
 
-TEST_F(CmisStates, PowerUpLatchesEachChangeAndSoftwareOrPinRequestsTakeThePowerDownAndBack) {
+TEST_F(CmisStates, PowerUpAndDownOnRequestsResetsAndAFaultHoldingUntilReset) {
     insert("qsfpdd_400g_fr4");
     EXPECT_EQ(polls(8, 0x01, {0ms, 0ms}), "10");  // state changed, cleared by the read
     // ModulePwrUp (no low power request), ModuleReady after 800 ms.
@@ -45,9 +45,9 @@ TEST_F(CmisStates, PowerUpLatchesEachChangeAndSoftwareOrPinRequestsTakeThePowerD
     cage.remove();  // inserted with the pin asserted: stays in low power
     insert("qsfpdd_400zr");
     EXPECT_EQ(polls(3, 0x0e, {10s}), "1");
-}
-
-TEST_F(CmisStates, SoftwareResetRestartsFromTheImageAndAFaultHoldsUntilReset) {
+    // A software reset restarts from the image.
+    cage.pin_set(cage::line::lpmode, false);
+    cage.remove();
     auto& m = insert("qsfpdd_400g_fr4");
     clock->advance(800ms);
     select(0x03);
@@ -78,7 +78,7 @@ std::string lit(cage_fixture& f) {
     return lanes;
 }
 
-TEST_F(Sff8636Power, DataReadyAfterPowerUpAndHighPowerNeedsItsEnableBitAndOverridesThePin) {
+TEST_F(Sff8636Power, HighPowerNeedsItsEnableBitOverridesThePinAndOnlyTheModulesLanesLight) {
     auto& m = insert("qsfp28_100g_lr4");
     EXPECT_EQ(polls(2, 0x01, {0ms, 300ms}), "10");  // Data_Not_Ready
     EXPECT_EQ(polls(6, 0x01, {0ms, 0ms}), "10");    // initialization complete, latched
@@ -110,9 +110,8 @@ TEST_F(Sff8636Power, DataReadyAfterPowerUpAndHighPowerNeedsItsEnableBitAndOverri
     write(86, {0x00});
     EXPECT_GT(read16(52), 9000);
     EXPECT_GT(read16(44), 0);
-}
-
-TEST_F(Sff8636Power, LanesBeyondTheModulesOwnHaveNoMonitorsAndNoAlarms) {
+    // Lanes beyond the module's own have no monitors, and no alarms.
+    cage.remove();
     for (const auto& [stem, lanes] :
          {std::pair{"qsfp28_100g_sr2_pam4", 2}, {"qsfpplus_dac_passive", 0}}) {
         SCOPED_TRACE(stem);
