@@ -4,7 +4,6 @@
 #include <linux/gpio.h>
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -16,7 +15,6 @@
 #include <filesystem>
 #include <map>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -186,8 +184,6 @@ TEST_F(linux_transport_test,
     t->i2c_write(module_address, 126, std::array<std::uint8_t, 2>{0x01, 0x11});
     EXPECT_EQ(io->transfers,
               (std::vector<std::string>{"w50:94 r50#4", "w51:60 r51#1", "w50:7e0111"}));
-    EXPECT_EQ(io->memory[0x50][126], 0x01);
-    EXPECT_EQ(io->memory[0x50][127], 0x11);
     // Bus errors carry the errno.
     io->i2c_errno = EREMOTEIO;
     EXPECT_EQ(error_of([&] { t->i2c_read(module_address, 0, out); }), EREMOTEIO);
@@ -258,18 +254,11 @@ TEST_F(linux_transport_test, cage_and_sfp_lines_map_to_the_board_file_with_their
 
 // $QSFPD_ROOT at a directory of its own, where the board file and the device-tree markers are
 // looked up.
-class root_test : public ::testing::Test {
-  protected:
-    root_test() {
-        std::filesystem::create_directories(root.path() / "etc/qsfpd");
-        std::filesystem::create_directories(root.path() / "proc/device-tree");
-        ::setenv("QSFPD_ROOT", root.path().c_str(), 1);
-    }
-    ~root_test() override { ::unsetenv("QSFPD_ROOT"); }
-    qsfpd::test::temp_dir root{"cage-root"};
-};
-
-TEST_F(root_test, the_board_file_and_the_platform_markers_are_found_under_the_root) {
+TEST(root, the_board_file_and_the_platform_markers_are_found_under_it) {
+    const qsfpd::test::temp_dir root("cage-root");
+    std::filesystem::create_directories(root.path() / "etc/qsfpd");
+    std::filesystem::create_directories(root.path() / "proc/device-tree");
+    ::setenv("QSFPD_ROOT", root.path().c_str(), 1);
     EXPECT_NE(message_of([] { qsfp_device device("/dev/qsfp3"); }).find("board file"),
               std::string::npos);
     root.write("etc/qsfpd/board.json", board_json);
@@ -279,9 +268,8 @@ TEST_F(root_test, the_board_file_and_the_platform_markers_are_found_under_the_ro
     EXPECT_EQ(device.read_byte(0), 0x0D);
     // A device path alone goes to the Linux transport, which reports that the board file's i2c
     // device cannot be opened.
-    root.write("etc/qsfpd/board.json", R"({"cages": {"/dev/qsfp3": {"i2c": ")" +
-                                           (root.path() / "no-such-i2c").string() +
-                                           R"(", "gpiochip": "/dev/gpiochip2"}}})");
+    root.write("etc/qsfpd/board.json",
+               R"({"cages": {"/dev/qsfp3": {"i2c": "/no-such-i2c", "gpiochip": "/dev/x"}}})");
     EXPECT_EQ(error_of([&] { qsfp_device device("/dev/qsfp3"); }), ENOENT);
     // The platform markers come from the device tree.
     for (const auto& [name, marker] : {std::pair{"zelt20", &qsfp_device::is_qsfp_zelt20},
@@ -292,6 +280,7 @@ TEST_F(root_test, the_board_file_and_the_platform_markers_are_found_under_the_ro
         root.write(std::string("proc/device-tree/") + name, std::string(1, '\0'));
         EXPECT_TRUE(marker()) << name;
     }
+    ::unsetenv("QSFPD_ROOT");
 }
 
 }  // namespace

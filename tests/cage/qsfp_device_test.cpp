@@ -139,8 +139,7 @@ TEST_F(qsfp_device_test, ready_follows_data_not_ready_for_sff8636_and_take_over_
     bus->set_byte(0, 0, 0x11);
     EXPECT_TRUE(selects_page_3(device));
     auto fresh = qsfp_device::take_over(device);
-    EXPECT_EQ(fresh->name(), "qsfp device");
-    EXPECT_EQ(fresh->path(), "cage0");
+    EXPECT_EQ(fresh->name() + " at " + fresh->path(), "qsfp device at cage0");
     EXPECT_EQ(error_of([&] { device.read_byte(0); }), ENODEV);
     EXPECT_EQ(error_of([&] { (void)qsfp_device::take_over(device); }), ENODEV);
     EXPECT_TRUE(selects_page_3(*fresh));

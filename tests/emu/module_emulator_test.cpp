@@ -89,7 +89,6 @@ TEST_F(Sff8636Power, HighPowerNeedsItsEnableBitOverridesThePinAndOnlyTheModulesL
     EXPECT_GT(read16(50), 9000);  // about 1 mW in 0.1 uW
     EXPECT_GT(read16(42), 0);     // bias
     cage.pin_set(cage::line::lpmode, true);
-    EXPECT_TRUE(m.in_low_power());
     EXPECT_EQ(lit(*this), "0000");
     write(93, {0x04 | 0x01});  // override, power set clear: high power despite the pin
     EXPECT_EQ(lit(*this), "1111");
@@ -153,7 +152,6 @@ TEST_F(ModuleReset, ResetPinAndReinsertionRestoreTheImageButBehaviourHooksSurviv
     write(140, {0x20});
     EXPECT_EQ(read1(141), 0x21);
     cage.pin_set(cage::line::reset, true);
-    EXPECT_TRUE(cage.pin_get(cage::line::reset));
     clock->advance(10s);
     EXPECT_EQ(read_errno(0), ENXIO);  // held in reset
     cage.pin_set(cage::line::reset, false);
@@ -269,10 +267,8 @@ TEST_F(ModuleFaults, FlapsStepPerPollOrPeriodAndEvenATransientBetweenPollsLatche
 TEST_F(ModuleFaults, LatchedFlagsAssertTheInterruptAndStuckMonitorsRaiseTheirAlarms) {
     auto& m = insert("qsfp28_100g_lr4");
     EXPECT_EQ(polls(2, 0x02, {0ms}), "1");  // IntL deasserted
-    EXPECT_FALSE(m.interrupt_asserted());
     m.flap(lane_flag::tx_fault, 3, "10", flap_step::per_period, 1s, false);
     EXPECT_EQ(polls(2, 0x02, {0ms}), "0");
-    EXPECT_TRUE(m.interrupt_asserted());
     clock->advance(1s);
     EXPECT_EQ(read(3, 19)[1], 0x08);  // byte 4: TX fault lane 4; reading clears all flags
     EXPECT_EQ(polls(2, 0x02, {0ms}), "1");
