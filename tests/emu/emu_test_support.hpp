@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
+#include <bit>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -56,10 +56,18 @@ struct cage_fixture {
     void write(std::uint8_t offset, bytes data, std::uint8_t device = 0x50) {
         cage.i2c_write(device, offset, data);
     }
-    void write1(std::uint8_t offset, std::uint8_t value, std::uint8_t device = 0x50) {
-        write(offset, {value}, device);
-    }
     void select(std::uint8_t page, std::uint8_t bank = 0) { write(126, {bank, page}); }
+    // Bits `mask` of byte `offset`, read after each wait in turn and shifted down: one hex digit
+    // per read ("10" for a latched flag that the first read cleared).
+    std::string polls(std::uint8_t offset, std::uint8_t mask,
+                      std::initializer_list<std::chrono::milliseconds> waits) {
+        std::string digits;
+        for (const auto wait : waits) {
+            clock->advance(wait);
+            digits += "0123456789abcdef"[(read1(offset) & mask) >> std::countr_zero(mask)];
+        }
+        return digits;
+    }
     // errno of a read that throws, or 0.
     int read_errno(std::uint8_t offset, std::size_t n = 1, std::uint8_t device = 0x50) {
         return error_of([&] { read(offset, n, device); });

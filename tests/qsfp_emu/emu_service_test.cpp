@@ -9,7 +9,6 @@
 #include "emu_ctl.hpp"
 #include "hex_bytes.hpp"
 #include "qsfp_device.hpp"
-#include "qsfp_reg_map.hpp"
 #include "remote_cage_transport.hpp"
 #include "virtual_clock.hpp"
 
@@ -17,6 +16,7 @@ namespace {
 using namespace qsfpd;
 using namespace std::chrono_literals;
 using qsfpd::test::error_of;
+using qsfpd::test::message_of;
 using bytes = std::vector<std::uint8_t>;
 
 // The emulator process's service, run in-process on its real sockets; a daemon reaches its cages
@@ -36,22 +36,15 @@ class EmuService : public ::testing::Test {
         service.reset();
         std::filesystem::remove_all(dir);
     }
-    // Runs `qsfp-emu ctl` and returns its exit status, output in `out`.
-    int ctl(std::vector<std::string> args, std::string* out = nullptr, std::string* err = nullptr) {
+    // Runs `qsfp-emu ctl`: its exit status, a space and the first line it printed.
+    std::string ctl(std::vector<std::string> args) {
         args.insert(args.begin(), {"--dir", dir.string()});
-        std::ostringstream o, e;
-        const int status = emu::run_ctl(args, o, e);
-        if (out) *out = o.str();
-        if (err) *err = e.str();
-        return status;
+        std::ostringstream out;
+        const int status = emu::run_ctl(args, out, out);
+        return std::to_string(status) + " " + out.str().substr(0, out.str().find('\n'));
     }
     remote::remote_cage_transport open_cage(unsigned index) {
         return remote::remote_cage_transport((dir / ("qsfp" + std::to_string(index))).string());
-    }
-    static std::string read_text(remote::remote_cage_transport& cage, std::uint8_t offset) {
-        bytes b(16);
-        cage.i2c_read(0x50, offset, b);
-        return std::string(b.begin(), b.end());
     }
 
     std::shared_ptr<virtual_clock> clock = std::make_shared<virtual_clock>();
@@ -61,104 +54,86 @@ class EmuService : public ::testing::Test {
     std::thread thread;
 };
 
-TEST_F(EmuService, ADaemonInAnotherProcessReadsTheInsertedModule) {
+TEST_F(EmuService, ADaemonReachesTheCagesThroughTheSocketsAndBadRequestsAreRefused) {
     auto qsfp3 = open_cage(3);
     EXPECT_FALSE(qsfp3.module_present());
-    EXPECT_EQ(ctl({"insert", "3", "qsfp28_100g_lr4"}), 0);
+    EXPECT_EQ(ctl({"insert", "3", "qsfp28_100g_lr4"}), "0 true");
     EXPECT_TRUE(qsfp3.module_present());
-    bytes id(1);
+    bytes name(16);
     // Not answering during the window after insertion, then answering.
-    EXPECT_EQ(error_of([&] { qsfp3.i2c_read(0x50, 0, id); }), ENXIO);
+    EXPECT_EQ(error_of([&] { qsfp3.i2c_read(0x50, 148, name); }), ENXIO);
     clock->advance(10s);
-    qsfp3.i2c_read(0x50, 0, id);
-    EXPECT_EQ(id[0], 0x11);  // QSFP28
-    EXPECT_EQ(read_text(qsfp3, 148), "DELL            ");
-    EXPECT_EQ(read_text(qsfp3, 168), "3MFXG           ");
-    std::string out;
-    EXPECT_EQ(ctl({"peek", "3", "148", "4"}, &out), 0);
-    EXPECT_EQ(out, "\"44 45 4c 4c\"\n");
-    EXPECT_EQ(ctl({"counters"}, &out), 0);
-    EXPECT_NE(out.find(R"("name":"qsfp3","transactions":)"), std::string::npos);
-    EXPECT_EQ(out.find(R"("name":"qsfp3","transactions":0,)"), std::string::npos);
-    // Every access so far happened at the virtual clock's whole seconds.
-    EXPECT_NE(out.find(R"("recent_access_ms_in_second":[0,0,)"), std::string::npos) << out;
-    EXPECT_EQ(ctl({"remove", "3"}), 0);
+    qsfp3.i2c_read(0x50, 148, name);
+    EXPECT_EQ(std::string(name.begin(), name.end()), "DELL            ");
+    EXPECT_EQ(ctl({"peek", "3", "148", "4"}), R"(0 "44 45 4c 4c")");
+    const auto out = ctl({"counters"});
+    // The bus in total and per cage: a nack (11 bits) and a combined read of 16 bytes (174 bits)
+    // at 400 kHz, both at the virtual clock's whole seconds.
+    const std::string counts = R"("transactions":2,"reads":2,"writes":0,"nacks":1,"errors":0,)"
+                               R"("bytes":16,"wire_time_ns":462500)";
+    EXPECT_EQ(out.rfind(R"(0 {"speed_hz":400000,"total":{)" + counts + "},", 0), 0u) << out;
+    EXPECT_NE(
+        out.find(R"({"name":"qsfp3",)" + counts +
+                 R"(,"last_access_ns":1576800010000000000,"recent_access_ms_in_second":[0,0]})"),
+        std::string::npos);
+    EXPECT_EQ(ctl({"remove", "3"}), "0 true");
     EXPECT_FALSE(qsfp3.module_present());
+    // A device path naming the socket needs the emulator transport installed.
+    const auto path = (dir / "qsfp3").string();
+    cage::qsfp_device::set_transport_factory({});
+    EXPECT_NE(message_of([&] {
+                  cage::qsfp_device device(path);
+              }).find("emulator transport is not available"),
+              std::string::npos);
+    cage::qsfp_device::set_transport_factory([](const std::string& socket) {
+        return std::make_shared<remote::remote_cage_transport>(socket);
+    });
+    cage::qsfp_device device(path);
+    cage::qsfp_device::set_transport_factory({});
+    EXPECT_FALSE(device.module_present());
+    ASSERT_EQ(ctl({"insert", "3", "qsfp28_100g_lr4"}), "0 true");
+    EXPECT_TRUE(device.module_present());
     EXPECT_EQ(error_of([&] { (void)open_cage(9).pin_get(0); }), ECONNREFUSED);  // no such cage
-}
-
-TEST_F(EmuService, WritesPinsSignalsPokesAndFaultsCrossTheSockets) {
-    ASSERT_EQ(ctl({"insert", "1", "qsfp28_100g_lr4"}), 0);
+    // Writes, pins, signals, pokes and faults cross the sockets.
+    ASSERT_EQ(ctl({"insert", "1", "qsfp28_100g_lr4"}), "0 true");
     auto qsfp1 = open_cage(1);
     clock->advance(10s);
-    std::string out;
     qsfp1.pin_set(cage::line::lpmode, true);
     EXPECT_TRUE(qsfp1.pin_get(cage::line::lpmode));
-    EXPECT_EQ(ctl({"pins", "1"}, &out), 0);
-    EXPECT_NE(out.find(R"("present":true,"lpmode":true,"reset":false)"), std::string::npos) << out;
+    EXPECT_EQ(ctl({"pins", "1"}).rfind(R"(0 {"present":true,"lpmode":true,"reset":false,)", 0), 0u);
     qsfp1.i2c_write(0x50, 86, bytes{0x0f});
-    EXPECT_EQ(ctl({"peek", "1", "86", "1"}, &out), 0);
-    EXPECT_EQ(out, "\"0f\"\n");
-    EXPECT_EQ(ctl({"poke", "1", "88", "5a"}), 0);
+    EXPECT_EQ(ctl({"peek", "1", "86", "1"}), R"(0 "0f")");
+    EXPECT_EQ(ctl({"poke", "1", "88", "5a"}), "0 true");
     bytes b(1);
     qsfp1.i2c_read(0x50, 88, b);
     EXPECT_EQ(b[0], 0x5a);
     EXPECT_EQ(error_of([&] { (void)qsfp1.sfp_signal_get(cage::sfp_signal::los); }), ENOTSUP);
 
-    EXPECT_EQ(ctl({"fault", R"({"cage":1,"kind":"errno","errno":5,"count":2})"}), 0);
+    EXPECT_EQ(ctl({"fault", R"({"cage":1,"kind":"errno","errno":5,"count":2})"}), "0 true");
     EXPECT_EQ(error_of([&] { qsfp1.i2c_read(0x50, 0, b); }), EIO);
     EXPECT_EQ(error_of([&] { qsfp1.i2c_write(0x50, 0, b); }), EIO);
     EXPECT_EQ(error_of([&] { qsfp1.i2c_read(0x50, 0, b); }), 0);
 
-    ASSERT_EQ(ctl({"insert", "2", "qsa_sfpplus_10g_sr"}), 0);
+    ASSERT_EQ(ctl({"insert", "2", "qsa_sfpplus_10g_sr"}), "0 true");
     auto qsfp2 = open_cage(2);
     qsfp2.sfp_signal_set(cage::sfp_signal::tx_disable, true);
     EXPECT_TRUE(qsfp2.sfp_signal_get(cage::sfp_signal::tx_disable));
     EXPECT_TRUE(service->cage(2).sfp_signal_get(cage::sfp_signal::tx_disable));
-}
-
-TEST_F(EmuService, QsfpDeviceDrivesACageOfTheRunningEmulator) {
-    cage::qsfp_device::set_transport_factory([](const std::string& path) {
-        return std::make_shared<remote::remote_cage_transport>(path);
-    });
-    ASSERT_EQ(ctl({"insert", "2", "qsfpdd_400zr"}), 0);
-    auto device = std::make_shared<cage::qsfp_device>((dir / "qsfp2").string());
-    EXPECT_TRUE(device->module_present());
-    device->pin_set(cage::line::reset, false);
-    EXPECT_FALSE(device->i2c_is_ready());
-    clock->advance(10s);
-    EXPECT_TRUE(device->i2c_is_ready());
-    cage::qsfp_reg_map map(*device);
-    EXPECT_EQ(map.get_identifier(), 0x18);
-    EXPECT_EQ(map.get_status_revision_compliance() >> 4, 4);
-    EXPECT_TRUE(map.is_coherent_transceiver());
-    EXPECT_FALSE(map.get_vendor_name().empty());
-    // Upper pages through page select, seen by the emulator as ordinary transfers.
-    std::string before, after;
-    ASSERT_EQ(ctl({"counters"}, &before), 0);
-    std::array<std::uint8_t, 8> page1{};
-    device->i2c_read(0x01 * 128 + 128, page1);
-    ASSERT_EQ(ctl({"counters"}, &after), 0);
-    EXPECT_NE(before, after);
-    cage::qsfp_device::set_transport_factory({});
-}
-
-TEST_F(EmuService, BadControlRequestsAreRefusedClearly) {
-    std::string out, err;
-    EXPECT_EQ(ctl({"insert", "9", "qsfp28_100g_lr4"}, &out, &err), 1);
-    EXPECT_EQ(err, "qsfp-emu ctl: Invalid params: 'cage' must be below 4 (error -32602)\n");
-    EXPECT_EQ(ctl({"insert", "0", "no_such_profile"}, &out, &err), 1);
-    EXPECT_NE(err.find("Cannot insert no_such_profile"), std::string::npos) << err;
-    EXPECT_EQ(ctl({"peek", "0", "0"}, &out, &err), 1);
-    EXPECT_NE(err.find("No module in the cage"), std::string::npos);
-    EXPECT_EQ(ctl({"fault", R"({"cage":0,"kind":"sideways"})"}, &out, &err), 1);
-    EXPECT_EQ(ctl({"frobnicate"}, &out, &err), 2);
-    EXPECT_EQ(ctl({"pins", "0", "extra"}, &out, &err), 2);
-    EXPECT_EQ(emu::run_ctl({"--dir", (dir / "nowhere").string(), "counters"}, std::cout, std::cerr),
-              3);
-}
-
-TEST(HexBytes, RoundTripAndRefusals) {
+    // Bad control requests are refused clearly.
+    EXPECT_EQ(ctl({"insert", "9", "qsfp28_100g_lr4"}),
+              "1 qsfp-emu ctl: Invalid params: 'cage' must be below 4 (error -32602)");
+    const auto no_profile = ctl({"insert", "0", "no_such_profile"});
+    EXPECT_EQ(no_profile.rfind("1 qsfp-emu ctl: Cannot insert no_such_profile: profile ", 0), 0u);
+    EXPECT_EQ(ctl({"peek", "0", "0"}), "1 qsfp-emu ctl: No module in the cage (error -6)");
+    ASSERT_EQ(ctl({"insert", "0", "qsfp28_100g_lr4"}), "0 true");
+    EXPECT_EQ(ctl({"fault", R"({"cage":0,"kind":"sideways"})"}),
+              "1 qsfp-emu ctl: Invalid params: 'kind' must be nack, errno, at, flap, stick, "
+              "module_fault or clear (error -32602)");
+    EXPECT_EQ(ctl({"frobnicate"}), "2 qsfp-emu ctl: unknown method frobnicate");
+    EXPECT_EQ(ctl({"pins", "0", "extra"}), "2 qsfp-emu ctl: too many arguments for pins");
+    std::ostringstream sink;
+    EXPECT_EQ(emu::run_ctl({"--dir", (dir / "nowhere").string(), "counters"}, sink, sink), 3);
+    // The hex forms of peek and poke.
     EXPECT_EQ(from_hex("0a FF\n10"), (bytes{0x0a, 0xff, 0x10}));
     EXPECT_EQ(from_hex("0aff10"), (bytes{0x0a, 0xff, 0x10}));
     EXPECT_THROW(from_hex("0a f"), std::invalid_argument);

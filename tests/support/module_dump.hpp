@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -15,12 +14,10 @@ inline std::vector<std::uint8_t> load_module_dump(const std::string& file_name) 
     std::ifstream in(std::string(QSFPD_TESTDATA_DIR) + "/module-dumps/" + file_name);
     if (!in) throw std::runtime_error("missing module dump " + file_name);
     std::vector<std::uint8_t> bytes;
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.empty() || line[0] == '#') continue;
-        std::istringstream words(line);
-        std::string word;
-        while (words >> word)
+    for (std::string word; in >> word;) {
+        if (word[0] == '#')
+            std::getline(in, word);  // the rest of the comment
+        else
             bytes.push_back(static_cast<std::uint8_t>(std::stoul(word, nullptr, 16)));
     }
     if (bytes.empty() || bytes.size() % 16 != 0)
