@@ -162,7 +162,10 @@ TEST(ProfileValidation, BadOrMissingProfilesAreRefusedNamingFileAndField) {
              {sff8636_json(with(lower, 0, "18"), page00), "identifier"},
              {R"({"name": "t", "family": "xfp", "lanes": 1, "pages": {}})", "'family'"},
              {R"({"name": "t", "family": "cmis", "lanes": 0, "pages": {}})", "'lanes'"},
-             {"{ not json", "JSON error"}}) {
+             {"{ not json", "JSON error"},
+             // A hostile file is a parse error, not a stack overflow.
+             {std::string(200000, '[') + std::string(200000, ']'),
+              "JSON error: nesting deeper than 64 levels"}}) {
         const auto err = profile_error_of(json);
         EXPECT_NE(err.find(fragment), std::string::npos) << fragment << " in: " << err;
     }
