@@ -164,7 +164,7 @@ linux_i2c_transport::linux_i2c_transport(cage_wiring wiring, std::shared_ptr<lin
         i2c_fd_ = open_or_throw(wiring_.i2c, O_RDWR);
         cage_chip_.fd = open_or_throw(wiring_.cage.gpiochip, O_RDWR);
         if (wiring_.sfp) {
-            sfp_chip_.emplace();
+            sfp_chip_.emplace(chip{});
             sfp_chip_->group = &*wiring_.sfp;
             // Sharing the chip fd would be fine for the kernel, but one fd per group keeps the
             // ownership simple.

@@ -124,8 +124,11 @@ double number_or(const rapidjson::Value& obj, const char* name, double fallback,
 
 std::chrono::milliseconds ms_or(const rapidjson::Value& obj, const char* name,
                                 std::chrono::milliseconds fallback, std::string_view origin) {
+    // Bounded so that the value converts, and the clock's nanoseconds after it cannot overflow.
+    constexpr double max_ms = 24.0 * 3600 * 1000;
     const double v = number_or(obj, name, static_cast<double>(fallback.count()), origin);
     if (v < 0) fail(origin, name, "must not be negative");
+    if (!(v <= max_ms)) fail(origin, name, "must be at most 86400000 (a day)");
     return std::chrono::milliseconds(static_cast<long long>(v));
 }
 

@@ -175,5 +175,17 @@ TEST(ProfileValidation, BadOrMissingProfilesAreRefusedNamingFileAndField) {
               std::string::npos);
 }
 
+TEST(ProfileValidation, TimesBeyondADayAreRefused) {
+    auto with_not_ready = [](const std::string& ms) {
+        auto json = sff8636_json(valid_lower(), valid_page00());
+        json.insert(json.size() - 1, R"(, "behaviour": {"i2c_not_ready_ms": )" + ms + "}");
+        return json;
+    };
+    EXPECT_EQ(module_profile::parse(with_not_ready("86400000"), "ok.json").i2c_not_ready,
+              std::chrono::hours(24));
+    for (const char* ms : {"86400001", "9e15", "1e300"})
+        EXPECT_NE(error_of(with_not_ready(ms)).find("i2c_not_ready_ms"), std::string::npos) << ms;
+}
+
 }  // namespace
 }  // namespace qsfpd::emu

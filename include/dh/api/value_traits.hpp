@@ -111,8 +111,8 @@ T from_json(const json_value& value) {
         if (!value.IsBool()) throw json_value_conversion_error("Expected a boolean value");
         return value.GetBool();
     } else if constexpr (std::is_integral_v<T> || std::is_enum_v<T>) {
-        using I = std::conditional_t<std::is_enum_v<T>, std::underlying_type<T>,
-                                     std::type_identity<T>>::type;
+        using I = typename std::conditional_t<std::is_enum_v<T>, std::underlying_type<T>,
+                                              std::type_identity<T>>::type;
         if (value.IsInt64()) {
             const std::int64_t v = value.GetInt64();
             if (std::in_range<I>(v)) return static_cast<T>(v);
