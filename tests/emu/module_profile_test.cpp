@@ -146,10 +146,11 @@ std::string sff8636_json(const std::string& lower, const std::string& page00) {
            R"(", "00": ")" + page00 + R"("}})";
 }
 
+// Identifier 11h, every other byte 0: both checksums 0 except CC_BASE (byte 191) = 11h.
+const std::string lower = "11" + std::string(254, '0');
+const std::string page00 = "11" + std::string(124, '0') + "11" + std::string(128, '0');
+
 TEST(ProfileValidation, BadOrMissingProfilesAreRefusedNamingFileAndField) {
-    // Identifier 11h, every other byte 0: both checksums 0 except CC_BASE (byte 191) = 11h.
-    const std::string lower = "11" + std::string(254, '0');
-    const std::string page00 = "11" + std::string(124, '0') + "11" + std::string(128, '0');
     EXPECT_EQ(profile_error_of(sff8636_json(lower, page00)), "accepted");
     auto with = [](std::string s, std::size_t at, const char* hex) {
         return s.replace(at, 2, hex);
@@ -177,14 +178,15 @@ TEST(ProfileValidation, BadOrMissingProfilesAreRefusedNamingFileAndField) {
 
 TEST(ProfileValidation, TimesBeyondADayAreRefused) {
     auto with_not_ready = [](const std::string& ms) {
-        auto json = sff8636_json(valid_lower(), valid_page00());
+        auto json = sff8636_json(lower, page00);
         json.insert(json.size() - 1, R"(, "behaviour": {"i2c_not_ready_ms": )" + ms + "}");
         return json;
     };
     EXPECT_EQ(module_profile::parse(with_not_ready("86400000"), "ok.json").i2c_not_ready,
               std::chrono::hours(24));
     for (const char* ms : {"86400001", "9e15", "1e300"})
-        EXPECT_NE(error_of(with_not_ready(ms)).find("i2c_not_ready_ms"), std::string::npos) << ms;
+        EXPECT_NE(profile_error_of(with_not_ready(ms)).find("i2c_not_ready_ms"), std::string::npos)
+            << ms;
 }
 
 }  // namespace
