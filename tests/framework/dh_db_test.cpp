@@ -13,11 +13,6 @@ namespace {
 using namespace qsfpd::test;
 using namespace dh::api;
 
-std::string info_text(const dh_db_leaf_node& node) {
-    rapidjson::Document scratch;
-    return dh::to_json_text(node.get_info(scratch.GetAllocator()));
-}
-
 rapidjson::Document json(const char* text) {
     rapidjson::Document doc;
     doc.Parse<rapidjson::kParseNanAndInfFlag>(text);
@@ -26,15 +21,6 @@ rapidjson::Document json(const char* text) {
 
 class DhDb : public ::testing::Test {
   protected:
-    // Subscribes a new recording session to `node` and returns it with the current value.
-    std::pair<std::shared_ptr<recording_session>, std::string> subscribe(dh_db_leaf_node& node) {
-        auto session = std::make_shared<recording_session>();
-        rapidjson::Document scratch;
-        dh::json_value current;
-        node.subscribe(session, node.get_path(), scratch.GetAllocator(), current);
-        return {session, dh::to_json_text(current)};
-    }
-
     template <auto getter>
     std::shared_ptr<dh_db_leaf_node> volatile_node(const char* path) {
         return volatile_value<getter>::create(db, path, owner);
@@ -91,17 +77,16 @@ TEST_F(DhDb, ListingMatchesWholeComponentsAndIsSorted) {
                              "database/x", "data-x/y", "config/adminStatus", "data"})
         keep.push_back(status_value<int>::create(db, path, owner, 0));
     auto paths = [&](std::string_view prefix) {
-        std::vector<std::string> found;
+        std::string found;
         for (const auto& e : db.list(prefix))
-            found.push_back(e.path);
+            found += e.path + " ";
         return found;
     };
-    EXPECT_EQ(paths("data"), (std::vector<std::string>{"data", "data/lane/0/rxPower",
-                                                       "data/lane/1/rxPower", "data/temperature"}));
-    EXPECT_EQ(paths("data/lane/"),
-              (std::vector<std::string>{"data/lane/0/rxPower", "data/lane/1/rxPower"}));
-    EXPECT_EQ(paths("").size(), 7u);
-    EXPECT_EQ(paths("").front(), "config/adminStatus");
+    EXPECT_EQ(paths("data"), "data data/lane/0/rxPower data/lane/1/rxPower data/temperature ");
+    EXPECT_EQ(paths("data/lane/"), "data/lane/0/rxPower data/lane/1/rxPower ");
+    EXPECT_EQ(paths(""),
+              "config/adminStatus data data-x/y data/lane/0/rxPower data/lane/1/rxPower "
+              "data/temperature database/x ");
 }
 
 TEST_F(DhDb, GettersAndSettersGetTheirBoundArgumentsOnEveryCall) {
@@ -140,10 +125,6 @@ TEST_F(DhDb, InfoNamesKindValueTypeCapabilitiesAndConstraints) {
          R"~({"path":"config/ratio","description":"config value (read,write,subscribe)",)~"
          R"~("type":"config param","valueType":"double",)~"
          R"~("capabilities":{"read":true,"write":true,"subscribe":true}})~"},
-        {pushed_volatile_value_impl<int>::create(db, "alarms/los/severity", owner),
-         R"~({"path":"alarms/los/severity","description":"pushed volatile value (read, subscribe)",)~"
-         R"~("valueType":"32-bit signed integer","capabilities":{"read":true,"subscribe":true},)~"
-         R"~("type":"pushed volatile value"})~"},
         {command<&test_owner::restart>::create(db, "command/restart", owner),
          R"~({"path":"command/restart","description":"command value returning response (write)",)~"
          R"("type":"command","valueType":"bool","returnType":"unknown","capabilities":{"write":true}})"},
@@ -151,8 +132,9 @@ TEST_F(DhDb, InfoNamesKindValueTypeCapabilitiesAndConstraints) {
          R"~({"path":"data/dhReady","description":"status value (read,subscribe)","valueType":"bool",)~"
          R"~("capabilities":{"read":true,"subscribe":true},"type":"status value"})~"},
     };
+    rapidjson::Document scratch;
     for (const auto& [node, info] : rows)
-        EXPECT_EQ(info_text(*node), info);
+        EXPECT_EQ(dh::to_json_text(node->get_info(scratch.GetAllocator())), info);
 }
 
 TEST_F(DhDb, GetterExceptionsBecomeErrorTextsByClass) {
@@ -203,7 +185,6 @@ TEST_F(DhDb, ConfigParamRangesAndDefault) {
     expect_error([&] { range->set("", json("11")); }, -22,
                  "Value 11 is out of range, allowed range is [-10, 10]");
     EXPECT_EQ(owner->level, 10);
-    expect_error([&] { range->set("", json("2.5")); }, -22, "Expected an integer value");
     expect_error([&] { range->set("", json("4294967296")); }, -22,
                  "Integer value out of range of 32-bit signed integer");
     range->reset();  // back to the default through the setter
@@ -219,46 +200,14 @@ TEST_F(DhDb, ConfigParamRangesAndDefault) {
     expect_error([&] { plain->set("", json("-Infinity")); }, -22, "Argument value is infinite.");
 }
 
-TEST_F(DhDb, CommandConvertsItsArgumentAndReturnsTheResponse) {
-    auto node = command<&test_owner::restart>::create(db, "command/restart", owner);
+// Commands with an argument and a response are run in the protocol and qsfpctl tests.
+TEST_F(DhDb, CommandWithoutArgumentOrResponseAnswersNull) {
     rapidjson::Document scratch;
     dh::json_value out;
-    node->run("", json("true"), scratch.GetAllocator(), out);
-    EXPECT_EQ(dh::to_json_text(out), R"("restarted hard")");
-    expect_error([&] { node->run("", json(R"("yes")"), scratch.GetAllocator(), out); }, -22,
-                 "Expected a boolean value");
     auto clear = command<&test_owner::clear_counters>::create(db, "command/clear", owner);
     clear->run("", json("null"), scratch.GetAllocator(), out);
     EXPECT_TRUE(out.IsNull());
     EXPECT_EQ(owner->last_restart, "cleared");
-}
-
-TEST_F(DhDb, PushedValueNotifiesSubscribersOnChangeOnly) {
-    auto node = pushed_volatile_value_impl<int>::create(db, "alarms/los/severity", owner);
-    expect_error([&] { node->get_text(""); }, -61, "Value has not been set");
-    auto [session, current] = subscribe(*node);
-    EXPECT_EQ(current, "null");
-    EXPECT_TRUE(node->update(1));
-    node->update(1);
-    node->update(0);
-    const std::string changed =
-        R"({"jsonrpc":"2.0","method":"changed","params":{"path":"alarms/los/severity","value":)";
-    EXPECT_EQ(session->lines(), (std::vector<std::string>{changed + "1}}\n", changed + "0}}\n"}));
-    node->unsubscribe(session);
-    node->update(1);
-    EXPECT_EQ(session->lines().size(), 2u);
-}
-
-TEST_F(DhDb, HistoryIsBoundedAndOrdered) {
-    auto node = status_value<int>::create(db, "alarms/x/severity", owner);
-    for (int i = 0; i < 40; ++i)
-        node->update(i);
-    auto history = node->history();
-    ASSERT_EQ(history.size(), dh_db_event_node::history_capacity);
-    EXPECT_EQ(history.front().value, "24");
-    EXPECT_EQ(history.back().value, "39");
-    for (std::size_t i = 1; i < history.size(); ++i)
-        EXPECT_LE(history[i - 1].time, history[i].time);
 }
 
 TEST_F(DhDb, PolledValueAnswersFromTheLastPollAndKeepsFailures) {
@@ -283,23 +232,17 @@ TEST_F(DhDb, HysteresisPublishesStepsAtOnceAndDriftAfterPersisting) {
     auto node =
         hysteresis_filtered_value<polled_volatile_value_impl<&test_owner::get_temperature>>::create(
             db, "data/temperature", owner, 0.5, 0.1);
-    auto poll = [&](double t) {
-        owner->temperature = t;
-        node->periodic_task(false);
-        return node->last_value().value();
+    // {polled, published}: the first value; noise; a step of 0.6 at once; a drift of 0.2 held
+    // back until it persisted for three polls; drift again, where noise restarts the count.
+    const std::pair<double, double> polls[] = {
+        {20.0, 20.0},  {20.05, 20.0}, {20.6, 20.6},  {20.8, 20.6},  {20.8, 20.6},   {20.8, 20.8},
+        {20.95, 20.8}, {20.85, 20.8}, {20.95, 20.8}, {20.95, 20.8}, {20.95, 20.95},
     };
-    EXPECT_EQ(poll(20.0), 20.0);   // first value
-    EXPECT_EQ(poll(20.05), 20.0);  // noise
-    EXPECT_EQ(poll(20.6), 20.6);   // a step of 0.6 is published at once
-    EXPECT_EQ(poll(20.8), 20.6);   // drift of 0.2: held back...
-    EXPECT_EQ(poll(20.8), 20.6);
-    EXPECT_EQ(poll(20.8), 20.8);   // ...until it persisted for three polls
-    EXPECT_EQ(poll(20.95), 20.8);  // drift again
-    EXPECT_EQ(poll(20.85), 20.8);  // back to noise: the count restarts
-    EXPECT_EQ(poll(20.95), 20.8);
-    EXPECT_EQ(poll(20.95), 20.8);
-    EXPECT_EQ(poll(20.95), 20.95);
-    EXPECT_EQ(node->parameters(), (std::pair<double, double>{0.5, 0.1}));
+    for (std::size_t i = 0; i < std::size(polls); ++i) {
+        owner->temperature = polls[i].first;
+        node->periodic_task(false);
+        EXPECT_EQ(node->last_value(), polls[i].second) << "poll " << i;
+    }
 }
 
 TEST_F(DhDb, HysteresisOnPushedValuesUsesItsComparison) {
@@ -324,7 +267,10 @@ TEST_F(DhDb, AsyncValuesRunTheGetterInTheBackground) {
 
     auto event = async_volatile_value<dh_db_event_node, &test_owner::get_temperature>::create(
         db, "data/c", owner);
-    auto [session, current] = subscribe(*event);
+    auto session = std::make_shared<recording_session>();
+    rapidjson::Document scratch;
+    dh::json_value current;
+    event->subscribe(session, event->get_path(), scratch.GetAllocator(), current);
     event->periodic_task(false);
     // The result arrives from the background pool: wait for its notification.
     ASSERT_TRUE(session->wait_for_lines(1));
@@ -387,12 +333,18 @@ TEST_F(RpcProcessor, NodeMethodsAnswerWithTheirResults) {
 }
 
 // Subscribing and unsubscribing are the server's tests' business, over real connections.
-TEST_F(RpcProcessor, HistoryListsEveryChange) {
-    severity->update(1);
-    severity->update(0);
-    const auto history = call(request("history", R"({"path":"alarms/los/severity"})"));
-    EXPECT_NE(history.find(R"("value":0},{"time":")"), std::string::npos) << history;
-    EXPECT_NE(history.find(R"("value":1},{"time":")"), std::string::npos) << history;
+TEST_F(RpcProcessor, HistoryKeepsTheLastChangesOldestFirst) {
+    for (int i = 1; i < 40; ++i)
+        severity->update(i);
+    const auto text = call(request("history", R"({"path":"alarms/los/severity"})"));
+    rapidjson::Document answer;
+    answer.Parse(text.c_str());
+    ASSERT_TRUE(answer.IsObject() && answer.HasMember("result")) << text;
+    const auto history = answer["result"].GetArray();
+    ASSERT_EQ(history.Size(), dh_db_event_node::history_capacity) << text;
+    for (rapidjson::SizeType i = 0; i < history.Size(); ++i)  // of 0 to 39, the last ones
+        EXPECT_EQ(history[i]["value"].GetInt(), int(40 - history.Size() + i)) << text;
+    EXPECT_TRUE(history[0]["time"].IsString()) << text;
 }
 
 TEST_F(RpcProcessor, ErrorClasses) {
@@ -465,23 +417,9 @@ TEST_F(RpcProcessor, OnlyWaitingRequestsLeaveTheNetworkThread) {
     EXPECT_FALSE(blocks(request("get", R"({"path":"alarms/los/severity"})")));
     EXPECT_TRUE(blocks(request("get", R"({"path":"data/temperature"})")));
     EXPECT_TRUE(blocks(request("set", R"({"path":"config/adminStatus","value":"up"})")));
-    EXPECT_TRUE(blocks(request("run", R"({"path":"command/restart"})")));
     const std::string list = R"({"jsonrpc":"2.0","id":1,"method":"list"})";
     EXPECT_FALSE(blocks(list));
     EXPECT_TRUE(blocks("[" + list + "," + request("run", R"(["command/restart"])", "2") + "]"));
-}
-
-TEST_F(RpcProcessor, ExtraMethodsBesideTheNodeMethods) {
-    processor.add_method("echo", [](const dh::json_value* params) -> std::string {
-        if (params == nullptr)
-            throw dh_error(dh::rpc::invalid_params, "Invalid params: nothing to echo");
-        return dh::to_json_text(*params);
-    });
-    expect_answers({
-        {request("echo", R"({"a":[1,2]})"), result(R"({"a":[1,2]})")},
-        {R"({"jsonrpc":"2.0","id":2,"method":"echo"})",
-         error(-32602, "Invalid params: nothing to echo", "2")},
-    });
 }
 
 }  // namespace

@@ -11,12 +11,10 @@
 namespace qsfpd::test {
 // A command whose setter waits until the test lets it go: a tuning that takes seconds.
 struct slow_owner : std::enable_shared_from_this<slow_owner> {
-    std::promise<void> release;
-    std::shared_future<void> released = release.get_future().share();
-    std::promise<void> entered;
+    std::promise<void> entered, release;
     std::string tune(const double&) {
         entered.set_value();
-        released.wait();
+        release.get_future().wait();
         return "tuned";
     }
 };
@@ -44,18 +42,12 @@ class Server : public ::testing::Test {
         };
     }
     device_handler_api& api() { return *server->api; }
-    line_socket tcp() { return line_socket::tcp(api().tcp_port()); }
-    // Waits (bounded) for the server's thread to reach this count.
-    static bool becomes(const std::function<std::size_t()>& count, std::size_t n) {
-        for (int i = 0; i < 5000 && count() != n; ++i)
+    line_socket tcp() { return line_socket(api().tcp_port()); }
+    // Waits (bounded) for the server's thread to bring this count of the server to `n`.
+    bool becomes(std::size_t (device_handler_api::*count)() const, std::size_t n) {
+        for (int i = 0; i < 5000 && (api().*count)() != n; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        return count() == n;
-    }
-    bool connections_become(std::size_t n) {
-        return becomes([&] { return api().connection_count(); }, n);
-    }
-    bool pending_input_becomes(std::size_t n) {
-        return becomes([&] { return api().pending_input_bytes(); }, n);
+        return (api().*count)() == n;
     }
 
     temp_dir dir{"server"};
@@ -64,14 +56,12 @@ class Server : public ::testing::Test {
     std::shared_ptr<slow_owner> slow = std::make_shared<slow_owner>();
     std::shared_ptr<status_value<int>> severity;
     std::vector<std::shared_ptr<dh_db_leaf_node>> nodes;
+    std::shared_ptr<qsfpd::virtual_clock> clock = std::make_shared<qsfpd::virtual_clock>();
     std::optional<running_server> server;
 };
 
-TEST_F(Server, TcpAndUnixSocketSpeakTheSameProtocol) {
+TEST_F(Server, PipelinedRequestsAreAnsweredInOrder) {
     start();
-    EXPECT_EQ(line_socket::unix_socket(socket_path).request(get("data/temperature")),
-              result("21.5"));
-    // Pipelined requests are answered in order.
     auto client = tcp();
     client.send(get("alarms/los/severity", "2") + "\n" + get("no/such", "3") + "\r\n" +
                 get("data/temperature", "4") + "\n");
@@ -83,11 +73,12 @@ TEST_F(Server, TcpAndUnixSocketSpeakTheSameProtocol) {
 TEST_F(Server, SubscribersReceiveChangesUntilTheyUnsubscribe) {
     start();
     auto a = tcp();
-    auto b = line_socket::unix_socket(socket_path);
+    auto b = tcp();
     const std::string params = R"({"path":"alarms/los/severity"})";
     for (auto* s : {&a, &b})
         EXPECT_EQ(s->request(request("subscribe", params)), result("0"));
     severity->update(1);
+    severity->update(1);  // no change, no notification
     const std::string changed =
         R"({"jsonrpc":"2.0","method":"changed","params":{"path":"alarms/los/severity","value":)";
     EXPECT_EQ(a.read_line(), changed + "1}}");
@@ -98,7 +89,7 @@ TEST_F(Server, SubscribersReceiveChangesUntilTheyUnsubscribe) {
     EXPECT_EQ(b.request(get("alarms/los/severity", "3")), result("0", "3"));
     // A closed client leaves no subscription behind.
     { auto gone = std::move(a); }
-    ASSERT_TRUE(connections_become(1));
+    ASSERT_TRUE(becomes(&device_handler_api::connection_count, 1));
     EXPECT_EQ(severity->subscriber_count(), 0u);
 }
 
@@ -119,9 +110,7 @@ TEST_F(Server, AWaitingCommandHoldsUpOnlyItsOwnConnection) {
 
 // Finished or not, a line over the limit gets an error and its connection closes.
 TEST_F(Server, ALineOverTheLimitClosesItsConnectionAlone) {
-    device_handler_api::limits limits;
-    limits.max_line_bytes = 1000;
-    start(limits);
+    start({.max_line_bytes = 1000, .clock = clock});
     auto unfinished = tcp();
     auto finished = tcp();
     auto bystander = tcp();
@@ -134,33 +123,26 @@ TEST_F(Server, ALineOverTheLimitClosesItsConnectionAlone) {
     EXPECT_EQ(bystander.request(get("data/temperature")), result("21.5"));
 }
 
-TEST_F(Server, HalfALineStallsNoOneAndStoppingClosesEveryConnection) {
+TEST_F(Server, StoppingClosesEveryConnection) {
     start();
-    auto half = tcp();
-    half.send(R"({"jsonrpc":"2.0","id":1,"meth)");
-    auto other = line_socket::unix_socket(socket_path);
-    EXPECT_EQ(other.request(get("data/temperature")), result("21.5"));
-    half.send(R"(od":"get","params":{"path":"alarms/los/severity"}})"
-              "\n");
-    EXPECT_EQ(half.read_line(), result("0"));
-    server->stop();
-    EXPECT_TRUE(half.closed_by_peer());
-    EXPECT_TRUE(other.closed_by_peer());
+    auto client = tcp();
+    EXPECT_EQ(client.request(get("alarms/los/severity")), result("0"));
+    api().stop();
+    server->thread.join();
+    EXPECT_TRUE(client.closed_by_peer());
 }
 
 TEST_F(Server, AClientThatNeverReadsIsDisconnected) {
-    device_handler_api::limits limits;
-    limits.max_output_bytes = 256 * 1024;
-    start(limits);
+    start({.max_output_bytes = 256 * 1024, .clock = clock});
     auto big = status_value<std::string>::create(api().get_db(), "data/big", owner);
     auto sleeper = tcp();
     EXPECT_EQ(sleeper.request(request("subscribe", R"({"path":"data/big"})")), result("null"));
     auto reader = tcp();
-    ASSERT_TRUE(connections_become(2));
+    ASSERT_TRUE(becomes(&device_handler_api::connection_count, 2));
     // Far more than the socket buffers and the limit together; the sleeper reads none of it.
     for (int i = 0; i < 4000 && api().connection_count() == 2; ++i)
         big->update(std::string(8192, 'a' + i % 26) + std::to_string(i));
-    EXPECT_TRUE(connections_become(1));
+    EXPECT_TRUE(becomes(&device_handler_api::connection_count, 1));
     EXPECT_EQ(reader.request(get("alarms/los/severity")), result("0"));
 }
 
@@ -176,20 +158,15 @@ TEST_F(Server, AThousandConnectionsAtOnce) {
     for (int i = 0; i < 1000; ++i)
         answered += clients[i].read_line() == result("0", std::to_string(i));
     EXPECT_EQ(answered, 1000);
-    EXPECT_EQ(api().connection_count(), 1000u);
-    EXPECT_EQ(line_socket::unix_socket(socket_path).request(get("data/temperature")),
-              result("21.5"));
     clients.clear();
-    EXPECT_TRUE(connections_become(0));
+    EXPECT_TRUE(becomes(&device_handler_api::connection_count, 0));
 }
 
 TEST_F(Server, ConnectionsBeyondTheLimitAreTurnedAway) {
-    device_handler_api::limits limits;
-    limits.max_connections = 2;
-    start(limits);
+    start({.max_connections = 2, .clock = clock});
     auto a = tcp();
     auto b = tcp();
-    ASSERT_TRUE(connections_become(2));
+    ASSERT_TRUE(becomes(&device_handler_api::connection_count, 2));
     auto c = tcp();
     EXPECT_EQ(c.read_line(), error(-32603, "Too many connections", "null"));
     EXPECT_TRUE(c.closed_by_peer());
@@ -200,7 +177,6 @@ TEST_F(Server, ConnectionsBeyondTheLimitAreTurnedAway) {
 TEST_F(Server, ReadObjectsConvertAnotherHandlersValuesAndOutliveTheServer) {
     auto client = std::make_shared<device_handler_client>(socket_path);
     device_handler_read_object<std::string> oper(client, "data/operStatus");
-    device_handler_read_object<double> temperature(client, "data/temperature");
     device_handler_read_object<bool> missing(client, "data/missing");
     expect_error([&] { oper.read(); }, -111);
     for (int round = 0; round < 2; ++round) {
@@ -208,7 +184,6 @@ TEST_F(Server, ReadObjectsConvertAnotherHandlersValuesAndOutliveTheServer) {
         nodes.push_back(
             status_value<std::string>::create(api().get_db(), "data/operStatus", owner, "up"));
         EXPECT_EQ(oper.read(), "up");
-        EXPECT_DOUBLE_EQ(temperature.read(), 21.5);
         EXPECT_EQ(missing.try_read(), std::nullopt);
         expect_error([&] { missing.read(); }, -2, "No such node: data/missing");
         server->stop();
@@ -220,10 +195,9 @@ TEST_F(Server, ReadObjectsConvertAnotherHandlersValuesAndOutliveTheServer) {
 TEST_F(Server, EveryTextSentIsValidUtf8) {
     start();
     auto& db = api().get_db();
-    const std::shared_ptr<test_owner> none;
     auto description =
-        const_value<std::string>::create(db, "inventory/description", none, "100G \xFF\xFE LR4");
-    auto vendor = status_value<std::string>::create(db, "inventory/vendor", none, "OK");
+        const_value<std::string>::create(db, "inventory/description", owner, "100G \xFF\xFE LR4");
+    auto vendor = status_value<std::string>::create(db, "inventory/vendor", owner, "OK");
     auto client = tcp();
     EXPECT_EQ(client.request(get("inventory/description")),
               result("\"100G \xEF\xBF\xBD\xEF\xBF\xBD LR4\""));
@@ -237,23 +211,20 @@ TEST_F(Server, EveryTextSentIsValidUtf8) {
 }
 
 TEST_F(Server, UnfinishedLinesOfAllClientsTogetherAreBounded) {
-    device_handler_api::limits limits;
-    limits.max_pending_input_bytes = 64 * 1024;
-    limits.small_line_bytes = 1024;
-    start(limits);
+    start({.max_pending_input_bytes = 64 * 1024, .small_line_bytes = 1024, .clock = clock});
     auto first = tcp();
     auto second = tcp();
     auto third = tcp();
     auto small = tcp();
     const std::string part(30 * 1024, ' ');
     first.send(part);
-    ASSERT_TRUE(pending_input_becomes(part.size()));
+    ASSERT_TRUE(becomes(&device_handler_api::pending_input_bytes, part.size()));
     second.send(part);
-    ASSERT_TRUE(pending_input_becomes(2 * part.size()));
+    ASSERT_TRUE(becomes(&device_handler_api::pending_input_bytes, 2 * part.size()));
     third.send(part);  // beyond the total
     EXPECT_EQ(third.read_line(), error(-32603, "Server input buffer full", "null"));
     EXPECT_TRUE(third.closed_by_peer());
-    EXPECT_TRUE(pending_input_becomes(2 * part.size()));
+    EXPECT_TRUE(becomes(&device_handler_api::pending_input_bytes, 2 * part.size()));
     // A short request still fits, and the first clients keep their connections.
     small.send(R"({"jsonrpc":"2.0","id":7,)");
     small.send(R"("method":"get","params":{"path":"data/temperature"}})"
@@ -261,30 +232,27 @@ TEST_F(Server, UnfinishedLinesOfAllClientsTogetherAreBounded) {
     EXPECT_EQ(small.read_line(), result("21.5", "7"));
     first.send(get("data/temperature") + "\n");
     EXPECT_EQ(first.read_line(), result("21.5"));
-    EXPECT_TRUE(pending_input_becomes(part.size()));
+    EXPECT_TRUE(becomes(&device_handler_api::pending_input_bytes, part.size()));
 }
 
 TEST_F(Server, ALineLeftUnfinishedTooLongClosesItsConnection) {
-    auto clock = std::make_shared<qsfpd::virtual_clock>();
-    device_handler_api::limits limits;
-    limits.clock = clock;
-    limits.partial_line_timeout = std::chrono::seconds(30);
-    limits.stall_check_period = std::chrono::milliseconds(2);
-    start(limits);
+    start({.partial_line_timeout = std::chrono::seconds(30),
+           .stall_check_period = std::chrono::milliseconds(2),
+           .clock = clock});
     auto slow_client = tcp();
     slow_client.send(R"({"jsonrpc":"2.0","id":1,)");
-    ASSERT_TRUE(pending_input_becomes(24));
+    ASSERT_TRUE(becomes(&device_handler_api::pending_input_bytes, 24));
     clock->advance(std::chrono::seconds(29));
     slow_client.send(R"("method":"get","params":{"path":"data/temperature"}})"
                      "\n");
     EXPECT_EQ(slow_client.read_line(), result("21.5"));
     slow_client.send(R"({"jsonrpc")");  // a new line: its own 30 s from now
-    ASSERT_TRUE(pending_input_becomes(10));
+    ASSERT_TRUE(becomes(&device_handler_api::pending_input_bytes, 10));
     clock->advance(std::chrono::seconds(30));
     EXPECT_EQ(slow_client.read_line(),
               error(-32600, "Request line not finished within 30000 ms", "null"));
     EXPECT_TRUE(slow_client.closed_by_peer());
-    EXPECT_TRUE(pending_input_becomes(0));
+    EXPECT_TRUE(becomes(&device_handler_api::pending_input_bytes, 0));
 }
 
 }  // namespace

@@ -4,10 +4,8 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -34,46 +32,43 @@ inline std::string error(int code, const std::string& message, const std::string
            R"(,"message":")" + message + "\"}}";
 }
 
-// A server on `socket_path` and, unless `local_only`, a free TCP port, serving on its own thread
-// until stop().
+// A server on `socket_path` and a free TCP port, serving on its own thread until stop().
 struct running_server {
-    explicit running_server(std::string socket_path, device_handler_api::limits limits = {},
-                            bool local_only = false)
-        : api(std::make_unique<device_handler_api>(std::move(socket_path), 0, local_only, limits,
+    explicit running_server(std::string socket_path, device_handler_api::limits limits = {})
+        : api(std::make_unique<device_handler_api>(std::move(socket_path), 0, false, limits,
                                                    false)),
           thread([this] { api->start(); }) {}
     ~running_server() { stop(); }
+    // Stops serving and destroys the server, which drops every client connection.
     void stop() {
-        if (!thread.joinable()) return;
+        if (!api) return;
         api->stop();
-        thread.join();
+        if (thread.joinable()) thread.join();
+        api.reset();
     }
 
     std::unique_ptr<device_handler_api> api;
     std::thread thread;
 };
 
-// A plain blocking client socket for protocol tests: every wait is bounded.
+// A plain blocking client socket to a local TCP port for protocol tests: every wait is bounded.
 class line_socket {
   public:
-    static line_socket tcp(unsigned short port) {
+    explicit line_socket(unsigned short port)
+        : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in addr{};
         addr.sin_family = AF_INET;
         addr.sin_port = htons(port);
         addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return line_socket(AF_INET, &addr, sizeof addr);
-    }
-    static line_socket unix_socket(const std::string& path) {
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-        return line_socket(AF_UNIX, &addr, sizeof addr);
+        if (fd_ >= 0 && ::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0)
+            return;
+        if (fd_ >= 0) ::close(fd_);
+        throw std::runtime_error("connect failed");
     }
 
     line_socket(line_socket&& other) noexcept : fd_(other.fd_), buffer_(std::move(other.buffer_)) {
         other.fd_ = -1;
     }
-    line_socket& operator=(line_socket&&) = delete;
     ~line_socket() {
         if (fd_ >= 0) ::close(fd_);
     }
@@ -115,12 +110,6 @@ class line_socket {
     }
 
   private:
-    line_socket(int family, const void* addr, socklen_t size)
-        : fd_(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        if (fd_ >= 0 && ::connect(fd_, static_cast<const sockaddr*>(addr), size) == 0) return;
-        if (fd_ >= 0) ::close(fd_);
-        throw std::runtime_error("connect failed");
-    }
     bool wait_readable() {
         pollfd p{fd_, POLLIN, 0};
         return ::poll(&p, 1, 5000) > 0;
