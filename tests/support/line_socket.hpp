@@ -4,43 +4,71 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
+
+#include "device_handler_api.hpp"
 
 namespace qsfpd::test {
 
-// A plain blocking client socket for protocol tests: every wait is bounded.
+// {"jsonrpc":"2.0","id":id,"method":method,"params":params}; no id makes it a notification.
+// Lines carry no line end.
+inline std::string request(const std::string& method, const std::string& params,
+                           std::string id = "1") {
+    if (!id.empty()) id = R"("id":)" + id + ",";
+    return R"({"jsonrpc":"2.0",)" + id + R"("method":")" + method + R"(","params":)" + params + "}";
+}
+inline std::string result(const std::string& value, const std::string& id = "1") {
+    return R"({"jsonrpc":"2.0","id":)" + id + R"(,"result":)" + value + "}";
+}
+// `message` as it appears in JSON, escapes included.
+inline std::string error(int code, const std::string& message, const std::string& id = "1") {
+    return R"({"jsonrpc":"2.0","id":)" + id + R"(,"error":{"code":)" + std::to_string(code) +
+           R"(,"message":")" + message + "\"}}";
+}
+
+// A server on `socket_path` and a free TCP port, serving on its own thread until stop().
+struct running_server {
+    explicit running_server(std::string socket_path, device_handler_api::limits limits = {})
+        : api(std::make_unique<device_handler_api>(std::move(socket_path), 0, false, limits,
+                                                   false)),
+          thread([this] { api->start(); }) {}
+    ~running_server() { stop(); }
+    // Stops serving and destroys the server, which drops every client connection.
+    void stop() {
+        if (!api) return;
+        api->stop();
+        if (thread.joinable()) thread.join();
+        api.reset();
+    }
+
+    std::unique_ptr<device_handler_api> api;
+    std::thread thread;
+};
+
+// A plain blocking client socket to a local TCP port for protocol tests: every wait is bounded.
 class line_socket {
   public:
-    static line_socket tcp(unsigned short port) {
-        line_socket s(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    explicit line_socket(unsigned short port)
+        : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in addr{};
         addr.sin_family = AF_INET;
         addr.sin_port = htons(port);
         addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (::connect(s.fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
-            throw std::runtime_error("connect failed");
-        return s;
-    }
-    static line_socket unix_socket(const std::string& path) {
-        line_socket s(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-        if (::connect(s.fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
-            throw std::runtime_error("connect failed");
-        return s;
+        if (fd_ >= 0 && ::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0)
+            return;
+        if (fd_ >= 0) ::close(fd_);
+        throw std::runtime_error("connect failed");
     }
 
     line_socket(line_socket&& other) noexcept : fd_(other.fd_), buffer_(std::move(other.buffer_)) {
         other.fd_ = -1;
     }
-    line_socket& operator=(line_socket&&) = delete;
     ~line_socket() {
         if (fd_ >= 0) ::close(fd_);
     }
@@ -55,28 +83,24 @@ class line_socket {
     }
 
     // The next line without its "\n", or nothing on time-out or end of stream.
-    std::optional<std::string> read_line(int timeout_ms = 5000) {
-        while (true) {
-            if (auto nl = buffer_.find('\n'); nl != std::string::npos) {
-                std::string line = buffer_.substr(0, nl);
-                buffer_.erase(0, nl + 1);
-                return line;
-            }
-            if (!wait_readable(timeout_ms)) return std::nullopt;
-            char chunk[65536];
-            const auto n = ::recv(fd_, chunk, sizeof chunk, 0);
+    std::optional<std::string> read_line() {
+        std::size_t nl;
+        char chunk[65536];
+        while ((nl = buffer_.find('\n')) == std::string::npos) {
+            const auto n = wait_readable() ? ::recv(fd_, chunk, sizeof chunk, 0) : 0;
             if (n <= 0) return std::nullopt;
             buffer_.append(chunk, static_cast<std::size_t>(n));
         }
+        std::string line = buffer_.substr(0, nl);
+        buffer_.erase(0, nl + 1);
+        return line;
     }
 
     // True when the peer closed the connection (after any pending bytes are drained).
-    bool closed_by_peer(int timeout_ms = 5000) {
+    bool closed_by_peer() {
         char chunk[65536];
-        while (wait_readable(timeout_ms)) {
-            const auto n = ::recv(fd_, chunk, sizeof chunk, 0);
-            if (n <= 0) return true;
-        }
+        while (wait_readable())
+            if (::recv(fd_, chunk, sizeof chunk, 0) <= 0) return true;
         return false;
     }
 
@@ -86,12 +110,9 @@ class line_socket {
     }
 
   private:
-    explicit line_socket(int fd) : fd_(fd) {
-        if (fd_ < 0) throw std::runtime_error("socket failed");
-    }
-    bool wait_readable(int timeout_ms) {
+    bool wait_readable() {
         pollfd p{fd_, POLLIN, 0};
-        return ::poll(&p, 1, timeout_ms) > 0;
+        return ::poll(&p, 1, 5000) > 0;
     }
 
     int fd_;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <map>
@@ -12,6 +14,18 @@
 #include "dh_session.hpp"
 
 namespace qsfpd::test {
+
+// Runs `f`, which must throw a dh_error with this code and (unless empty) this text.
+template <class F>
+void expect_error(F&& f, int code, const std::string& text = {}) {
+    try {
+        f();
+        ADD_FAILURE() << "no error thrown, expected " << code << " " << text;
+    } catch (const dh_error& e) {
+        EXPECT_EQ(e.code(), code) << e.text();
+        EXPECT_TRUE(text.empty() || e.text() == text) << e.text() << " instead of " << text;
+    }
+}
 
 // A stand-in for a handler: getters and setters of every shape the node kinds bind to.
 struct test_owner : std::enable_shared_from_this<test_owner> {
