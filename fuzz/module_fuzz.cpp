@@ -36,40 +36,6 @@ namespace {
 using namespace std::chrono_literals;
 using qsfpd::handler_class;
 
-// The manager's reads for the selection rules: CMIS modules have no transmitter-technology,
-// page-flag or link-code bytes, and read as absent.
-class reg_map_reader : public qsfpd::identification_reader {
-  public:
-    explicit reg_map_reader(qsfpd::cage::qsfp_reg_map& map) : map_(map) {}
-    std::uint8_t identifier() override { return map_.get_identifier(); }
-    std::uint8_t transmitter_technology() override {
-        return sff_only<std::uint8_t>([&] { return map_.get_dev_tech(); });
-    }
-    unsigned cmis_major_revision() override { return map_.get_status_revision_compliance() >> 4; }
-    bool coherent() override { return map_.is_coherent_transceiver(); }
-    bool page_20_21_implemented_195() override {
-        return sff_only<bool>([&] { return map_.get_page_20_21_impl_195(); });
-    }
-    bool page_20_21_implemented_221() override {
-        return sff_only<bool>([&] { return map_.get_page_20_21_impl_221(); });
-    }
-    std::uint8_t link_codes() override {
-        return sff_only<std::uint8_t>([&] { return map_.get_link_codes(); });
-    }
-
-  private:
-    template <class T, class F>
-    static T sff_only(F&& read) {
-        try {
-            return read();
-        } catch (const std::system_error& e) {
-            if (e.code().value() == ENOTSUP) return T{};
-            throw;
-        }
-    }
-    qsfpd::cage::qsfp_reg_map& map_;
-};
-
 // What the catalogue says of a module it lists.
 struct catalogue_hit {
     handler_class cls;
@@ -77,40 +43,17 @@ struct catalogue_hit {
     qsfp_flags_s flags;
 };
 
-handler_class class_of(qsfpd::catalogue_list list) {
-    using l = qsfpd::catalogue_list;
-    switch (list) {
-        case l::optical_4lane:
-            return handler_class::optical_4lane;
-        case l::optical_1or2lane:
-            return handler_class::optical_1or2lane;
-        case l::optical_1lane:
-            return handler_class::optical_1lane;
-        case l::passive:
-            return handler_class::passive;
-        case l::optical_dd_1lane:
-            return handler_class::dd_acacia_1lane;
-        case l::optical_cmis5_1lane:
-            return handler_class::dd_cmis5_1lane_hpower;
-        case l::optical_1lane_pam4:
-            return handler_class::optical_1lane_pam4;
-        case l::optical_dd_4lane:
-            return handler_class::dd_optical_4lane;
-    }
-    return handler_class::optical_4lane;
-}
-
 // The repository's catalogue, loaded once; each entry's factory reports its class.
 const qsfpd::probe_map& catalogue(std::optional<catalogue_hit>& hit) {
     static std::optional<catalogue_hit>* current = nullptr;
     static const qsfpd::probe_map map = qsfpd::load_probe_map(
         QSFPD_SOURCE_DIR "/etc/transceiver_qsfp.json",
         [](qsfpd::catalogue_list list) -> qsfpd::probe_factory {
-            return
-                [cls = class_of(list)](const std::string&, const std::string&,
-                                       const std::string& description, const qsfp_flags_s& flags) {
-                    *current = catalogue_hit{cls, description, flags};
-                };
+            return [cls = qsfpd::handler_for_list(list)](const std::string&, const std::string&,
+                                                         const std::string& description,
+                                                         const qsfp_flags_s& flags) {
+                *current = catalogue_hit{cls, description, flags};
+            };
         },
         "fuzz");
     current = &hit;
@@ -211,8 +154,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     auto transport = std::make_shared<qsfpd::test::fake_transport>();
     const bool sfp = !input.empty() && input[0] == 0x03;
     if (sfp)
-        transport->set_sfp(input.first(std::min<std::size_t>(input.size(), 256)),
-                           input.size() > 256 ? input.subspan(256) : input.subspan(0, 0));
+        transport->set_sfp(input);  // A0h, then A2h from byte 256
     else
         transport->load_flat(input);
 
@@ -239,7 +181,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             cls = hit->cls;
         } else {
             reg_map.forget_identity();
-            reg_map_reader reader(reg_map);
+            qsfpd::reg_map_identification_reader reader(reg_map);
             const auto selection = qsfpd::select_by_identification(reader);
             cls = selection.handler;
             converter = selection.converter;

@@ -2,6 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <system_error>
+
+#include "qsfp_reg_map.hpp"
 
 namespace qsfpd {
 namespace {
@@ -29,6 +33,17 @@ constexpr std::array<std::pair<handler_class, std::string_view>, 9> class_names 
 // Table 6-18, upper nibble).
 bool is_copper_technology(std::uint8_t technology) {
     return technology == 0x80 || technology > 0x9F;
+}
+
+// Reads a byte only SFF-8636 modules have; a CMIS module's register map answers ENOTSUP.
+template <class T, class F>
+T sff_only(F&& read) {
+    try {
+        return read();
+    } catch (const std::system_error& e) {
+        if (e.code().value() == ENOTSUP) return T{};
+        throw;
+    }
 }
 
 }  // namespace
@@ -78,6 +93,51 @@ handler_selection select_by_identification(identification_reader& module) {
     if (is_single_lane_link_code(module.link_codes()))
         return {handler_class::optical_1lane, selection_warning::unsupported_optical};
     return {handler_class::optical_4lane, selection_warning::unsupported_optical};
+}
+
+std::uint8_t reg_map_identification_reader::identifier() {
+    return map_.get_identifier();
+}
+std::uint8_t reg_map_identification_reader::transmitter_technology() {
+    return sff_only<std::uint8_t>([&] { return map_.get_dev_tech(); });
+}
+unsigned reg_map_identification_reader::cmis_major_revision() {
+    return map_.get_status_revision_compliance() >> 4;
+}
+bool reg_map_identification_reader::coherent() {
+    return map_.is_coherent_transceiver();
+}
+bool reg_map_identification_reader::page_20_21_implemented_195() {
+    return sff_only<bool>([&] { return map_.get_page_20_21_impl_195(); });
+}
+bool reg_map_identification_reader::page_20_21_implemented_221() {
+    return sff_only<bool>([&] { return map_.get_page_20_21_impl_221(); });
+}
+std::uint8_t reg_map_identification_reader::link_codes() {
+    return sff_only<std::uint8_t>([&] { return map_.get_link_codes(); });
+}
+
+handler_class handler_for_list(catalogue_list list) {
+    using l = catalogue_list;
+    switch (list) {
+        case l::optical_4lane:
+            return handler_class::optical_4lane;
+        case l::optical_1or2lane:
+            return handler_class::optical_1or2lane;
+        case l::optical_1lane:
+            return handler_class::optical_1lane;
+        case l::passive:
+            return handler_class::passive;
+        case l::optical_dd_1lane:
+            return handler_class::dd_acacia_1lane;
+        case l::optical_cmis5_1lane:
+            return handler_class::dd_cmis5_1lane_hpower;
+        case l::optical_1lane_pam4:
+            return handler_class::optical_1lane_pam4;
+        case l::optical_dd_4lane:
+            return handler_class::dd_optical_4lane;
+    }
+    return handler_class::optical_4lane;
 }
 
 }  // namespace qsfpd

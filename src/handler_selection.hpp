@@ -4,7 +4,13 @@
 #include <string>
 #include <string_view>
 
+#include "transceiver_catalogue.hpp"
+
 namespace qsfpd {
+
+namespace cage {
+class qsfp_reg_map;
+}
 
 // The handler classes the manager can create.
 enum class handler_class {
@@ -47,6 +53,26 @@ class identification_reader {
     virtual bool page_20_21_implemented_221() = 0;
     virtual std::uint8_t link_codes() = 0;
 };
+
+// The identification reads straight from a module's register map. CMIS modules have no
+// transmitter-technology, page-flag or link-code bytes: they read as absent.
+class reg_map_identification_reader : public identification_reader {
+  public:
+    explicit reg_map_identification_reader(cage::qsfp_reg_map& map) : map_(map) {}
+    std::uint8_t identifier() override;
+    std::uint8_t transmitter_technology() override;
+    unsigned cmis_major_revision() override;
+    bool coherent() override;
+    bool page_20_21_implemented_195() override;
+    bool page_20_21_implemented_221() override;
+    std::uint8_t link_codes() override;
+
+  private:
+    cage::qsfp_reg_map& map_;
+};
+
+// The handler class each catalogue list creates.
+handler_class handler_for_list(catalogue_list list);
 
 // The fallback when the catalogue does not know the module: the rules, in their order.
 handler_selection select_by_identification(identification_reader& module);

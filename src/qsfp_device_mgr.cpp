@@ -15,64 +15,6 @@ namespace line = qsfpd::cage::line;
 
 namespace {
 
-// The handler class each catalogue list creates.
-handler_class class_of(qsfpd::catalogue_list list) {
-    using l = qsfpd::catalogue_list;
-    switch (list) {
-        case l::optical_4lane:
-            return handler_class::optical_4lane;
-        case l::optical_1or2lane:
-            return handler_class::optical_1or2lane;
-        case l::optical_1lane:
-            return handler_class::optical_1lane;
-        case l::passive:
-            return handler_class::passive;
-        case l::optical_dd_1lane:
-            return handler_class::dd_acacia_1lane;
-        case l::optical_cmis5_1lane:
-            return handler_class::dd_cmis5_1lane_hpower;
-        case l::optical_1lane_pam4:
-            return handler_class::optical_1lane_pam4;
-        case l::optical_dd_4lane:
-            return handler_class::dd_optical_4lane;
-    }
-    return handler_class::optical_4lane;
-}
-
-// The identification reads of the fallback rules, straight from the register map. CMIS modules
-// have no transmitter-technology, page-flag or link-code bytes: they read as absent.
-class reg_map_reader : public qsfpd::identification_reader {
-  public:
-    explicit reg_map_reader(qsfpd::cage::qsfp_reg_map& map) : map_(map) {}
-    std::uint8_t identifier() override { return map_.get_identifier(); }
-    std::uint8_t transmitter_technology() override {
-        return sff_only<std::uint8_t>([&] { return map_.get_dev_tech(); });
-    }
-    unsigned cmis_major_revision() override { return map_.get_status_revision_compliance() >> 4; }
-    bool coherent() override { return map_.is_coherent_transceiver(); }
-    bool page_20_21_implemented_195() override {
-        return sff_only<bool>([&] { return map_.get_page_20_21_impl_195(); });
-    }
-    bool page_20_21_implemented_221() override {
-        return sff_only<bool>([&] { return map_.get_page_20_21_impl_221(); });
-    }
-    std::uint8_t link_codes() override {
-        return sff_only<std::uint8_t>([&] { return map_.get_link_codes(); });
-    }
-
-  private:
-    template <class T, class F>
-    static T sff_only(F&& read) {
-        try {
-            return read();
-        } catch (const std::system_error& e) {
-            if (e.code().value() == ENOTSUP) return T{};
-            throw;
-        }
-    }
-    qsfpd::cage::qsfp_reg_map& map_;
-};
-
 // One OEM line is sold under another name: the handler shows that name, the description keeps
 // the original part number.
 void rewrite_oem_names(const std::string& part_number, std::string& part_name,
@@ -245,7 +187,7 @@ void qsfp_device_mgr::generate_probe_function() {
     probe_map_ = qsfpd::load_probe_map(
         qsfpd::system_path("/etc/transceiver_qsfp.json"),
         [this](qsfpd::catalogue_list list) -> qsfpd::probe_factory {
-            const handler_class cls = class_of(list);
+            const handler_class cls = qsfpd::handler_for_list(list);
             return [this, cls](const std::string& vendor, const std::string& part_number,
                                const std::string& description, const qsfp_flags_s& flags) {
                 handler_for_class(cls, vendor, part_number, description, flags);
@@ -398,7 +340,7 @@ void qsfp_device_mgr::create_handler(const std::string& vendor, const std::strin
             << " ms (vendor: " << vendor << ", part number: " << part_number << ").";
     } catch (const std::out_of_range&) {
         reg_map_->forget_identity();
-        reg_map_reader reader(*reg_map_);
+        qsfpd::reg_map_identification_reader reader(*reg_map_);
         const auto selection = qsfpd::select_by_identification(reader);
         const std::string tail =
             device_path_ + " inserted (vendor: " + vendor + ", part number: " + part_number + ").";
