@@ -224,4 +224,19 @@ TEST_F(RpcProcessor, ExtraMethodsBesideTheNodeMethods) {
               R"({"jsonrpc":"2.0","id":3,"result":0})"
               "\n");
 }
+
+// A multi-byte sequence started in the last bytes of a line is refused before the parser would
+// take its continuation bytes from past the end of the buffer.
+TEST_F(RpcProcessor, CutOffUtf8SequenceAtTheEndIsRefused) {
+    const std::string start = R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":")";
+    for (const std::string tail : {"\xF0", "\xF0\x9F", "\xE2\x82", "\xC3", "\xF0\xF0"})
+        EXPECT_EQ(call(start + tail),
+                  R"~({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"Parse error: )~"
+                  R"~(UTF-8 sequence cut off at the end of the line (at byte 57)"}})~"
+                  "\n")
+            << tail.size() << " bytes";
+    // A complete sequence at the end still reaches the parser, and its own verdict.
+    EXPECT_NE(call(start + "\xE2\x82\xAC").find("Parse error: Missing a closing quotation mark"),
+              std::string::npos);
+}
 }  // namespace
