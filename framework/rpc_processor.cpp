@@ -92,6 +92,19 @@ std::string iso_time(std::chrono::system_clock::time_point t) {
     return buffer;
 }
 
+// The parser's encoding check takes the continuation bytes of a multi-byte sequence without
+// looking for the end of the text: a sequence started in the last bytes of a line would be read,
+// and in place written, past the line's buffer. Such a line is never valid JSON. Returns where
+// the cut-off sequence starts.
+std::optional<std::size_t> cut_off_utf8_sequence(const char* line, std::size_t length) {
+    for (std::size_t i = length > 3 ? length - 3 : 0; i < length; ++i) {
+        const auto c = static_cast<unsigned char>(line[i]);
+        const std::size_t continuation = c >= 0xF0 ? 3 : c >= 0xE0 ? 2 : c >= 0xC0 ? 1 : 0;
+        if (length - i - 1 < continuation) return i;
+    }
+    return std::nullopt;
+}
+
 enum class method_id { get, set, run, info, list, subscribe, unsubscribe, history, unknown };
 
 method_id find_method(std::string_view name) {
@@ -137,6 +150,13 @@ bool request_processor::parse(char* line, std::size_t length, request_document& 
         response = error_line(
             nullptr, parse_error,
             "Parse error: NUL character in the request (at byte " + std::to_string(offset) + ")");
+        return false;
+    }
+    if (const auto at = cut_off_utf8_sequence(line, length)) {
+        response =
+            error_line(nullptr, parse_error,
+                       "Parse error: UTF-8 sequence cut off at the end of the line (at byte " +
+                           std::to_string(*at) + ")");
         return false;
     }
     line[length] = '\0';  // the line's "\n" (or the spare byte after it) ends the text

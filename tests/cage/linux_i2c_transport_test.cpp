@@ -168,7 +168,7 @@ TEST(board_file, sfp_lines_default_to_the_cage_chip_and_errors_name_the_problem)
         {R"({"cages": {"/dev/q": {"i2c": "a", "gpiochip": "b", "active_low": ["x"]}}})",
          "unknown line x"}};
     for (const auto& [json, fragment] : cases) {
-        const auto message = message_of([&] { (void)parse_board_file(json, "/dev/q"); });
+        const auto message = message_of([&text = json] { (void)parse_board_file(text, "/dev/q"); });
         EXPECT_NE(message.find(fragment), std::string::npos) << message;
     }
 }

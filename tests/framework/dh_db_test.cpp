@@ -148,7 +148,7 @@ TEST_F(DhDb, GetterExceptionsBecomeErrorTextsByClass) {
         {volatile_node<&test_owner::get_dh_failure>("f"), -5, "Module unplugged "},
     };
     for (const auto& [node, code, text] : rows)
-        expect_error([&] { node->get_text(node->get_path()); }, code, text);
+        expect_error([&n = node] { n->get_text(n->get_path()); }, code, text);
 }
 
 TEST_F(DhDb, NodeWhoseOwnerIsGoneAnswersObjectHasBeenRemoved) {
@@ -403,6 +403,16 @@ TEST_F(RpcProcessor, HostileInput) {
         std::string::npos);
     // A very deep document far beyond any stack is refused without recursion.
     EXPECT_NE(call(std::string(1 << 20, '[')).find("nesting deeper"), std::string::npos);
+    // A multi-byte sequence started in the last bytes of a line is refused before the parser
+    // would take its continuation bytes from past the end of the buffer; a complete one passes.
+    const std::string start = R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":")";
+    for (const std::string tail : {"\xF0", "\xF0\x9F", "\xE2\x82", "\xC3", "\xF0\xF0"})
+        EXPECT_NE(
+            call(start + tail).find("UTF-8 sequence cut off at the end of the line (at byte 57)"),
+            std::string::npos)
+            << tail.size() << " bytes";
+    EXPECT_NE(call(start + "\xE2\x82\xAC").find("Parse error: Missing a closing quotation mark"),
+              std::string::npos);
 }
 
 TEST_F(RpcProcessor, OnlyWaitingRequestsLeaveTheNetworkThread) {
