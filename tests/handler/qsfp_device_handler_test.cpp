@@ -70,7 +70,8 @@ class Handler : public handler_fixture {
     // The advertised pages as "number description|" each.
     std::string advertised() {
         std::string out;
-        for (const auto& p : dump("data/pageDump/advertised")["pages"].GetArray())
+        const auto doc = dump("data/pageDump/advertised");  // outlives the loop over its pages
+        for (const auto& p : doc["pages"].GetArray())
             out +=
                 fmt::format("{:02X}h {}|", p["pageNumber"].GetUint(), p["description"].GetString());
         return out;

@@ -193,7 +193,11 @@ std::string emu_service::control(const std::string& method, const rapidjson::Val
                 const auto page = page_of(address + i, bank, offset);
                 bytes.push_back(module->peek(page, offset, device));
             }
-            return "\"" + to_hex(bytes) + "\"";
+            // Built by appending: GCC 12 sees a false overlap in "\"" + ... (-Wrestrict).
+            std::string quoted(1, '"');
+            quoted += to_hex(bytes);
+            quoted += '"';
+            return quoted;
         }
         std::vector<std::uint8_t> bytes;
         try {
