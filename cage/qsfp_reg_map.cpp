@@ -44,7 +44,52 @@ constexpr std::uint8_t bit_rate_see_extended = 0xFF;
 constexpr std::uint32_t bit_rate_unit_mbps = 100;
 constexpr std::uint32_t extended_bit_rate_unit_mbps = 250;
 
+// CMIS state duration codes (page 01h bytes 144, 167, ...), upper bound of each in ms; codes
+// from 0Dh (">= 50 min") on are held at 50 min.
+constexpr std::array<unsigned, 13> duration_code_ms = {
+    1, 5, 10, 50, 100, 500, 1000, 5000, 10000, 60000, 300000, 600000, 3000000,
+};
+unsigned duration_ms(std::uint8_t code) {
+    return code < duration_code_ms.size() ? duration_code_ms[code] : duration_code_ms.back();
+}
+
+constexpr std::array<std::string_view, 13> config_status_names = {
+    "Undefined",
+    "ConfigSuccess",
+    "ConfigRejected",
+    "ConfigRejectedInvalidAppSel",
+    "ConfigRejectedInvalidDataPath",
+    "ConfigRejectedInvalidSI",
+    "ConfigRejectedLanesInUse",
+    "ConfigRejectedPartialDataPath",
+    "Reserved",
+    "Reserved",
+    "Reserved",
+    "Reserved",
+    "ConfigInProgress",
+};
+
+constexpr std::array<std::string_view, 8> module_state_names = {
+    "Reserved",    "ModuleLowPwr", "ModulePwrUp", "ModuleReady",
+    "ModulePwrDn", "ModuleFault",  "Reserved",    "Reserved",
+};
+
+// The number of data paths a service asks for: "4x100GbE-4x100GbE" four, any other one.
+unsigned data_paths_of(const std::string& service) {
+    if (service.size() > 1 && service[1] == 'x' && service[0] >= '1' && service[0] <= '8')
+        return static_cast<unsigned>(service[0] - '0');
+    return 1;
+}
+
 }  // namespace
+
+std::string_view config_status_name(std::uint8_t code) {
+    return code < config_status_names.size() ? config_status_names[code] : "Custom";
+}
+
+std::string_view module_state_name(std::uint8_t state) {
+    return module_state_names[state & 0x07];
+}
 
 memory_map qsfp_reg_map::family() {
     if (!family_) family_ = memory_map_of(get_identifier());
@@ -273,6 +318,264 @@ unsigned qsfp_reg_map::get_banks_supported() {
         return 1;
     }
     return 1u << code;
+}
+
+// --- CMIS --------------------------------------------------------------------------------------
+
+void qsfp_reg_map::write_raw(const field_def& f, std::span<const std::uint8_t> bytes) {
+    device_.i2c_write_bank(f.bank, f.address(), bytes);
+}
+
+bool qsfp_reg_map::paged_flag(const field_def& f) {
+    if (!get_dd_support_paging()) return false;
+    return read_flag(cmis_only(f));
+}
+
+field_def qsfp_reg_map::dd_lane_of(const field_def& f, unsigned lane) {
+    if (lane >= max_dd_lanes)
+        throw std::system_error(EINVAL, std::generic_category(),
+                                std::string(f.name) + ": no lane " + std::to_string(lane));
+    return fields::nth(cmis_only(f), lane, f.length);
+}
+
+field_def qsfp_reg_map::dd_threshold_of(const field_def& group, threshold t) {
+    return fields::nth(cmis_only(group), static_cast<unsigned>(t), group.length);
+}
+
+cmis_app_advertisement qsfp_reg_map::get_appcode_advertisement(unsigned n) {
+    if (n < 1 || n > 15)
+        throw std::system_error(EINVAL, std::generic_category(),
+                                "no application " + std::to_string(n));
+    cmis_app_advertisement out;
+    std::array<std::uint8_t, app_descriptor_size> descriptor{};
+    if (n <= 8) {
+        read(fields::nth(cmis_only(fields::cm("app_descriptors")), n - 1, app_descriptor_size),
+             descriptor);
+    } else {
+        if (!get_dd_support_paging()) return out;  // no page 01h: the list ends at 8
+        read(fields::nth(fields::cm("app_descriptors_9_15"), n - 9, app_descriptor_size),
+             descriptor);
+    }
+    out.host_interface_id = descriptor[0];
+    out.media_interface_id = descriptor[1];
+    out.host_lane_count = descriptor[2] >> 4;
+    out.media_lane_count = descriptor[2] & 0x0F;
+    out.host_lane_assignment_options = descriptor[3];
+    if (out.host_interface_id != app_list_end && get_dd_support_paging())
+        out.media_lane_assignment_options =
+            read_u8(fields::nth(fields::cm("media_lane_assignment"), n - 1, 1));
+    return out;
+}
+
+unsigned qsfp_reg_map::get_total_application_code_advertisement() {
+    const auto lower = read_raw(cmis_only(fields::cm("app_descriptors")));
+    unsigned total = 0;
+    for (std::size_t at = 0; at < lower.size(); at += app_descriptor_size, ++total)
+        if (lower[at] == app_list_end) return total;
+    if (!get_dd_support_paging()) return total;
+    const auto upper = read_raw(fields::cm("app_descriptors_9_15"));
+    for (std::size_t at = 0; at < upper.size(); at += app_descriptor_size, ++total)
+        if (upper[at] == app_list_end) return total;
+    return total;
+}
+
+unsigned qsfp_reg_map::get_dd_dp_init_max_ms() {
+    if (!get_dd_support_paging()) return 0;
+    return duration_ms(read_bits(fields::cm("dp_init_duration")));
+}
+
+unsigned qsfp_reg_map::get_dd_module_pwr_up_max_ms() {
+    if (!get_dd_support_paging()) return 0;
+    return duration_ms(read_bits(fields::cm("module_pwr_up_duration")));
+}
+
+unsigned qsfp_reg_map::get_dd_tx_bias_multiplier() {
+    if (!get_dd_support_paging()) return 1;
+    const std::uint8_t code = read_bits(fields::cm("tx_bias_multiplier"));
+    return code < 3 ? 1u << code : 1u;
+}
+
+void qsfp_reg_map::set_dd_tx_disable(bool disable) {
+    const std::array<std::uint8_t, 1> value{static_cast<std::uint8_t>(disable ? 0xFF : 0x00)};
+    write_raw(cmis_only(fields::cm("tx_disable")), value);
+}
+
+bool qsfp_reg_map::get_dd_lane_tx_disable(unsigned lane) {
+    if (lane >= max_dd_lanes)
+        throw std::system_error(EINVAL, std::generic_category(), "tx_disable: no such lane");
+    return (get_dd_tx_disable() >> lane) & 1u;
+}
+
+void qsfp_reg_map::set_dd_lane_tx_disable(unsigned lane, bool disable) {
+    if (lane >= max_dd_lanes)
+        throw std::system_error(EINVAL, std::generic_category(), "tx_disable: no such lane");
+    const auto bit = static_cast<std::uint8_t>(1u << lane);
+    write_register(cmis_only(fields::cm("tx_disable")).address(), disable ? bit : 0, bit);
+}
+
+bool qsfp_reg_map::get_dd_tx_laser_enabled(unsigned lanes) {
+    const unsigned mask = (1u << std::min(lanes, max_dd_lanes)) - 1;
+    return (get_dd_tx_disable() & mask) == 0;
+}
+
+bool qsfp_reg_map::get_dd_tx_laser_disabled(unsigned lanes) {
+    const unsigned mask = (1u << std::min(lanes, max_dd_lanes)) - 1;
+    return (get_dd_tx_disable() & mask) == mask;
+}
+
+bool qsfp_reg_map::get_auto_squelch() {
+    return read_u8(cmis_only(fields::cm("auto_squelch_disable_rx"))) == 0xFF;
+}
+
+void qsfp_reg_map::set_dd_auto_squelch_disable(bool disable) {
+    const std::array<std::uint8_t, 1> value{static_cast<std::uint8_t>(disable ? 0xFF : 0x00)};
+    write_raw(cmis_only(fields::cm("auto_squelch_disable_rx")), value);
+}
+
+std::uint8_t qsfp_reg_map::read_lane_nibble(const field_def& f, unsigned lane) {
+    if (lane >= max_dd_lanes)
+        throw std::system_error(EINVAL, std::generic_category(),
+                                std::string(f.name) + ": no lane " + std::to_string(lane));
+    const std::uint8_t byte = read_u8(fields::nth(cmis_only(f), lane / 2, 1));
+    return lane % 2 == 0 ? byte & 0x0F : byte >> 4;
+}
+
+void qsfp_reg_map::write_all_lanes_nibble(const field_def& f, std::uint8_t id) {
+    std::array<std::uint8_t, 4> bytes{};
+    bytes.fill(static_cast<std::uint8_t>((id & 0x0F) << 4 | (id & 0x0F)));
+    write_raw(cmis_only(f), bytes);
+    // Staged signal-integrity values take effect on ApplyImmediate, without a data path re-init.
+    const std::array<std::uint8_t, 1> all{0xFF};
+    write_raw(fields::cm("apply_immediate"), all);
+}
+
+void qsfp_reg_map::set_dd_rx_output_pre_cursor_control(std::uint8_t id) {
+    write_all_lanes_nibble(fields::cm("staged_rx_pre_cursor"), id);
+}
+void qsfp_reg_map::set_dd_rx_output_post_cursor_control(std::uint8_t id) {
+    write_all_lanes_nibble(fields::cm("staged_rx_post_cursor"), id);
+}
+void qsfp_reg_map::set_dd_rx_output_amplitude_control(std::uint8_t id) {
+    write_all_lanes_nibble(fields::cm("staged_rx_amplitude"), id);
+}
+unsigned qsfp_reg_map::get_dd_lane_rx_output_pre_cursor_control(unsigned lane) {
+    return read_lane_nibble(fields::cm("active_rx_pre_cursor"), lane);
+}
+unsigned qsfp_reg_map::get_dd_lane_rx_output_post_cursor_control(unsigned lane) {
+    return read_lane_nibble(fields::cm("active_rx_post_cursor"), lane);
+}
+unsigned qsfp_reg_map::get_dd_lane_rx_output_amplitude_control(unsigned lane) {
+    return read_lane_nibble(fields::cm("active_rx_amplitude"), lane);
+}
+
+std::uint8_t qsfp_reg_map::get_dd_active_cntl_set_app() {
+    return read_u8(cmis_only(fields::cm("active_dp_config")));
+}
+
+std::array<std::uint8_t, 8> qsfp_reg_map::get_dd_active_app_per_lane() {
+    const auto bytes = read_raw(cmis_only(fields::cm("active_dp_config")));
+    std::array<std::uint8_t, 8> out{};
+    for (std::size_t lane = 0; lane < out.size(); ++lane)
+        out[lane] = bytes[lane] >> 4;
+    return out;
+}
+
+std::array<std::uint8_t, 8> qsfp_reg_map::get_dd_staged_dp_config() {
+    const auto bytes = read_raw(cmis_only(fields::cm("staged_dp_config")));
+    std::array<std::uint8_t, 8> out{};
+    std::copy_n(bytes.begin(), out.size(), out.begin());
+    return out;
+}
+
+void qsfp_reg_map::set_application_code(std::uint8_t code, const std::string& service) {
+    const auto app = get_appcode_advertisement(code);
+    if (app.host_interface_id == app_list_end || app.host_lane_count == 0 ||
+        app.host_lane_count > max_dd_lanes)
+        throw std::system_error(EINVAL, std::generic_category(),
+                                "application " + std::to_string(code) + " is not advertised");
+    // Data paths start on the host lanes the advertisement allows, without overlapping.
+    std::array<std::uint8_t, 8> config{};
+    unsigned wanted = data_paths_of(service);
+    unsigned next_free = 0;
+    for (unsigned first = 0; first < max_dd_lanes && wanted > 0; ++first) {
+        if (first < next_free || !((app.host_lane_assignment_options >> first) & 1u)) continue;
+        if (first + app.host_lane_count > max_dd_lanes) break;
+        for (unsigned lane = first; lane < first + app.host_lane_count; ++lane)
+            config[lane] = static_cast<std::uint8_t>(code << 4 | first << 1);
+        next_free = first + app.host_lane_count;
+        --wanted;
+    }
+    if (next_free == 0)
+        throw std::system_error(
+            EINVAL, std::generic_category(),
+            "application " + std::to_string(code) + " allows no host lane to start on");
+    write_raw(fields::cm("staged_dp_config"), config);
+    set_dd_apply_dp_init(0xFF);
+}
+
+void qsfp_reg_map::set_dd_apply_dp_init(std::uint8_t lanes) {
+    const std::array<std::uint8_t, 1> value{lanes};
+    write_raw(cmis_only(fields::cm("apply_dp_init")), value);
+}
+
+void qsfp_reg_map::set_dd_dp_deinit(std::uint8_t lanes) {
+    const std::array<std::uint8_t, 1> value{lanes};
+    write_raw(cmis_only(fields::cm("dp_deinit")), value);
+}
+
+std::uint8_t qsfp_reg_map::get_dd_config_status(unsigned lane) {
+    return read_lane_nibble(fields::cm("config_status"), lane);
+}
+
+std::uint8_t qsfp_reg_map::get_dd_dp_state(unsigned lane) {
+    return read_lane_nibble(fields::cm("dp_state"), lane);
+}
+
+unsigned qsfp_reg_map::get_current_bitrate(std::string_view interface_name) {
+    const auto g = interface_name.find('G');
+    if (g == std::string_view::npos) return 0;
+    std::size_t first = g;
+    while (first > 0 && interface_name[first - 1] >= '0' && interface_name[first - 1] <= '9')
+        --first;
+    unsigned rate = 0;
+    for (std::size_t i = first; i < g; ++i)
+        rate = rate * 10 + static_cast<unsigned>(interface_name[i] - '0');
+    if (first != g) return rate;
+    // "ZR400-OFEC-16QAM": the rate follows the letters.
+    std::size_t digits = 0;
+    while (digits < interface_name.size() &&
+           !(interface_name[digits] >= '0' && interface_name[digits] <= '9'))
+        ++digits;
+    for (; digits < interface_name.size() && interface_name[digits] >= '0' &&
+           interface_name[digits] <= '9';
+         ++digits)
+        rate = rate * 10 + static_cast<unsigned>(interface_name[digits] - '0');
+    return rate;
+}
+
+cmis_flags_and_monitors qsfp_reg_map::get_dd_flags_and_monitors(unsigned lanes) {
+    cmis_flags_and_monitors out;
+    read(cmis_only(fields::cm("status_flags_monitors")), out.lower);
+    const unsigned used = std::clamp(lanes, 1u, max_dd_lanes);
+    // Through the RX power of the last lane in use: one read covers flags and monitors.
+    const std::size_t length = 186u + 2u * used - cmis_flags_and_monitors::lane_first;
+    read(fields::cm("lane_flags"), std::span(out.lane).first(length));
+    return out;
+}
+
+cmis_flags_and_monitors qsfp_reg_map::get_dd_int_flags() {
+    cmis_flags_and_monitors out;
+    read(cmis_only(fields::cm("status_flags_monitors")), out.lower);
+    constexpr auto& flags = fields::cm("lane_flags");
+    read(flags, std::span(out.lane).first(flags.length));
+    return out;
+}
+
+void qsfp_reg_map::set_dd_media_tx_1_chan_nbr(std::int16_t channel) {
+    const auto raw = static_cast<std::uint16_t>(channel);
+    const std::array<std::uint8_t, 2> bytes{static_cast<std::uint8_t>(raw >> 8),
+                                            static_cast<std::uint8_t>(raw & 0xFF)};
+    write_raw(cmis_only(fields::cm("media_tx_1_chan_nbr")), bytes);
 }
 
 }  // namespace qsfpd::cage

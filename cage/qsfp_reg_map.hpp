@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -48,6 +49,81 @@ struct sff8636_monitors {
   private:
     static std::uint8_t lane_byte(std::uint8_t first, unsigned lane) {
         return static_cast<std::uint8_t>(first + 2 * (lane & 3));
+    }
+};
+
+// CMIS: one application descriptor (lower page 86.. for applications 1-8, page 01h 223.. for
+// 9-15) with its media lane assignment options (page 01h 176..).
+struct cmis_app_advertisement {
+    std::uint8_t host_interface_id = 0xFF;  // FFh ends the list
+    std::uint8_t media_interface_id = 0;
+    std::uint8_t host_lane_count = 0;
+    std::uint8_t media_lane_count = 0;
+    std::uint8_t host_lane_assignment_options = 0;
+    std::uint8_t media_lane_assignment_options = 0;
+};
+
+// CMIS module states (lower page byte 3 bits 3-1) and data path states (page 11h, nibbles).
+enum class cmis_module_state : std::uint8_t {
+    low_pwr = 1,
+    pwr_up = 2,
+    ready = 3,
+    pwr_dn = 4,
+    fault = 5,
+};
+enum class cmis_dp_state : std::uint8_t {
+    deactivated = 1,
+    init = 2,
+    deinit = 3,
+    activated = 4,
+    tx_turn_on = 5,
+    tx_turn_off = 6,
+    initialized = 7,
+};
+// ConfigStatusLane codes (page 11h bytes 202-205).
+enum class cmis_config_status : std::uint8_t {
+    undefined = 0,
+    success = 1,
+    rejected = 2,
+    rejected_invalid_app_sel = 3,
+    rejected_invalid_data_path = 4,
+    rejected_invalid_si = 5,
+    rejected_lane_in_use = 6,
+    rejected_partial_data_path = 7,
+    in_progress = 12,
+};
+std::string_view config_status_name(std::uint8_t code);
+std::string_view module_state_name(std::uint8_t state);
+
+// What one CMIS monitoring cycle reads, in two transactions: lower page bytes 3..15 (state,
+// latched module flags, temperature) and page 11h from the latched lane flags (135) through the
+// RX power of the last lane in use. The flag reads clear the flags.
+struct cmis_flags_and_monitors {
+    static constexpr std::uint8_t lower_first = 3;
+    static constexpr std::uint8_t lane_first = 135;
+    std::array<std::uint8_t, 13> lower{};
+    std::array<std::uint8_t, 67> lane{};  // 135..201, filled up to the lanes read
+
+    std::uint8_t lower_at(std::uint8_t byte) const { return lower[byte - lower_first]; }
+    std::uint8_t lane_at(std::uint8_t byte) const { return lane[byte - lane_first]; }
+    std::uint8_t module_state() const { return (lower_at(3) >> 1) & 0x07; }
+    // Byte 9: bit 0 high alarm, 1 low alarm, 2 high warning, 3 low warning.
+    std::uint8_t temperature_flags() const { return lower_at(9) & 0x0F; }
+    std::int16_t temperature() const {
+        return static_cast<std::int16_t>(lower_at(14) << 8 | lower_at(15));
+    }
+    std::uint8_t tx_fault() const { return lane_at(135); }
+    std::uint8_t tx_los() const { return lane_at(136); }
+    std::uint8_t rx_los() const { return lane_at(147); }
+    std::uint8_t rx_lol() const { return lane_at(148); }
+    std::uint16_t tx_power(unsigned lane) const { return u16(154, lane); }
+    std::uint16_t tx_bias(unsigned lane) const { return u16(170, lane); }
+    std::uint16_t rx_power(unsigned lane) const { return u16(186, lane); }
+
+  private:
+    std::uint16_t u16(std::uint8_t first, unsigned index) const {
+        const unsigned at = first + 2 * (index & 7) - lane_first;
+        return static_cast<std::uint16_t>(lane[at] << 8 | lane[at + 1]);
     }
 };
 
@@ -195,7 +271,9 @@ class qsfp_reg_map {
     std::uint16_t get_free_side_wavelength() {
         return read_u16(sff_only(fields::sff("free_side_wavelength")));
     }
-    std::uint8_t get_max_case_temperature() { return read_u8(sff_only(fields::sff("max_case_temp"))); }
+    std::uint8_t get_max_case_temperature() {
+        return read_u8(sff_only(fields::sff("max_case_temp")));
+    }
     bool get_free_side_rate_sel_impl() { return read_flag(sff_only(fields::sff("rate_sel_impl"))); }
     bool get_free_side_appl_sel_impl() { return read_flag(sff_only(fields::sff("appl_sel_impl"))); }
 
@@ -254,6 +332,145 @@ class qsfp_reg_map {
         return read_s16(threshold_of(fields::sff("laser_temp_diff_thresholds"), t));
     }
 
+    // --- CMIS (QSFP-DD) ---------------------------------------------------------------------
+    std::uint8_t get_dd_fw_major_rev() { return read_u8(cmis_only(fields::cm("fw_major"))); }
+    std::uint8_t get_dd_fw_minor_rev() { return read_u8(cmis_only(fields::cm("fw_minor"))); }
+    // Lower page byte 3 as it is: the state is bits 3-1.
+    std::uint8_t get_dd_mod_state() { return read_u8(cmis_only(fields::cm("module_state_byte"))); }
+    std::uint8_t get_dd_module_fault_cause() {
+        return read_u8(cmis_only(fields::cm("module_fault_cause")));
+    }
+    bool get_dd_low_pwr_request_sw() {
+        return read_flag(cmis_only(fields::cm("low_pwr_request_sw")));
+    }
+    void set_dd_low_pwr_request_sw(bool low) {
+        write_flag(cmis_only(fields::cm("low_pwr_request_sw")), low);
+    }
+    bool get_dd_low_pwr_allow_request_hw() {
+        return read_flag(cmis_only(fields::cm("low_pwr_allow_request_hw")));
+    }
+    void set_dd_low_pwr_allow_request_hw(bool allow) {
+        write_flag(cmis_only(fields::cm("low_pwr_allow_request_hw")), allow);
+    }
+
+    // Media type encoding (lower page byte 85): picks the media code table.
+    std::uint8_t get_media_type_encoding() { return get_media_type(); }
+    // Application n, 1..15; n above 8 on a flat-memory module reads as the end of the list.
+    cmis_app_advertisement get_appcode_advertisement(unsigned n);
+    // Applications before the first descriptor whose host id is FFh.
+    unsigned get_total_application_code_advertisement();
+
+    // Advertised pages and features (page 01h; a flat-memory module has none of them).
+    bool get_dd_support_customer_eeprom() { return paged_flag(fields::cm("page_03_supported")); }
+    bool get_dd_support_diagnostics() { return paged_flag(fields::cm("diag_pages_supported")); }
+    bool get_dd_support_vdm() { return paged_flag(fields::cm("vdm_pages_supported")); }
+    bool get_dd_support_laser_capabilities() {
+        return paged_flag(fields::cm("transmitter_tunable"));
+    }
+    unsigned get_dd_supported_banks_10h_to_1fh() { return get_banks_supported(); }
+    bool get_dd_auto_squelch_disable_supported() {
+        return paged_flag(fields::cm("auto_squelch_disable_rx_supported"));
+    }
+    bool get_dd_rx_output_pre_cursor_supported() {
+        return paged_flag(fields::cm("rx_output_pre_cursor_supported"));
+    }
+    bool get_dd_rx_output_post_cursor_supported() {
+        return paged_flag(fields::cm("rx_output_post_cursor_supported"));
+    }
+    bool get_dd_rx_output_amplitude_supported() {
+        return paged_flag(fields::cm("rx_output_amplitude_supported"));
+    }
+    // Nominal wavelength, 0.05 nm units (0: none advertised).
+    std::uint16_t get_dd_wavelength() {
+        return read_u16(cmis_only(fields::cm("nominal_wavelength")));
+    }
+    // Worst-case durations (duration codes of page 01h bytes 144 and 167) in milliseconds.
+    unsigned get_dd_dp_init_max_ms();
+    unsigned get_dd_module_pwr_up_max_ms();
+    // The multiplier of the TX bias monitors (1, 2 or 4).
+    unsigned get_dd_tx_bias_multiplier();
+
+    // Lane TX disable (page 10h byte 130), lanes 0..7.
+    std::uint8_t get_dd_tx_disable() { return read_u8(cmis_only(fields::cm("tx_disable"))); }
+    void set_dd_tx_disable(bool disable);
+    bool get_dd_lane_tx_disable(unsigned lane);
+    void set_dd_lane_tx_disable(unsigned lane, bool disable);
+    // Every one of the first `lanes` transmitters enabled / disabled.
+    bool get_dd_tx_laser_enabled(unsigned lanes);
+    bool get_dd_tx_laser_disabled(unsigned lanes);
+
+    // RX auto squelch (page 10h byte 139): "disabled" on every lane.
+    bool get_auto_squelch();
+    void set_dd_auto_squelch_disable(bool disable);
+
+    // RX output equalisation: writes stage the value for all lanes and apply it at once
+    // (ApplyImmediate); reads give the active value of one lane.
+    void set_dd_rx_output_pre_cursor_control(std::uint8_t id);
+    void set_dd_rx_output_post_cursor_control(std::uint8_t id);
+    void set_dd_rx_output_amplitude_control(std::uint8_t id);
+    unsigned get_dd_lane_rx_output_pre_cursor_control(unsigned lane);
+    unsigned get_dd_lane_rx_output_post_cursor_control(unsigned lane);
+    unsigned get_dd_lane_rx_output_amplitude_control(unsigned lane);
+
+    // Application select. The active control set's first lane as it is (AppSel in bits 7-4).
+    std::uint8_t get_dd_active_cntl_set_app();
+    // AppSel of each host lane in the active control set (0: lane unused).
+    std::array<std::uint8_t, 8> get_dd_active_app_per_lane();
+    // Stages application `code` in control set 0 on as many data paths as the service asks for
+    // ("Nx..." services: N, others one) and the advertisement allows, unused lanes with AppSel 0,
+    // then applies it with data path re-init on every lane.
+    void set_application_code(std::uint8_t code, const std::string& service);
+    // The staged control set as it is (8 lanes), and a data-path re-init of every lane with it.
+    std::array<std::uint8_t, 8> get_dd_staged_dp_config();
+    void set_dd_apply_dp_init(std::uint8_t lanes = 0xFF);
+    void set_dd_dp_deinit(std::uint8_t lanes);
+    std::uint8_t get_dd_config_status(unsigned lane);
+    std::uint8_t get_dd_dp_state(unsigned lane);
+    // A current bit rate in Gbit/s from an interface name: the number before its first "G"
+    // ("400GBASE-DR4" 400, "ZR400-OFEC-16QAM" 400); 0 when the name has none.
+    static unsigned get_current_bitrate(std::string_view interface_name);
+
+    // Flags and monitors of a cycle (see cmis_flags_and_monitors); `lanes` 1..8.
+    cmis_flags_and_monitors get_dd_flags_and_monitors(unsigned lanes);
+    // The latched flags alone (module and lane), one read each.
+    cmis_flags_and_monitors get_dd_int_flags();
+    std::uint16_t get_dd_ch_rx_pwr(unsigned lane) {
+        return read_u16(dd_lane_of(fields::cm("lane_rx_power"), lane));
+    }
+    std::uint16_t get_dd_ch_tx_pwr(unsigned lane) {
+        return read_u16(dd_lane_of(fields::cm("lane_tx_power"), lane));
+    }
+    std::uint16_t get_dd_ch_tx_bias(unsigned lane) {
+        return read_u16(dd_lane_of(fields::cm("lane_tx_bias"), lane));
+    }
+    std::int16_t get_dd_temperature() { return read_s16(cmis_only(fields::cm("temperature"))); }
+    std::uint16_t get_dd_supply_voltage() {
+        return read_u16(cmis_only(fields::cm("supply_voltage")));
+    }
+    // Page 02h thresholds, raw.
+    std::int16_t get_dd_temp_threshold(threshold t) {
+        return read_s16(dd_threshold_of(fields::cm("temp_thresholds"), t));
+    }
+    std::uint16_t get_dd_vcc_threshold(threshold t) {
+        return read_u16(dd_threshold_of(fields::cm("vcc_thresholds"), t));
+    }
+    std::uint16_t get_dd_tx_power_threshold(threshold t) {
+        return read_u16(dd_threshold_of(fields::cm("tx_power_thresholds"), t));
+    }
+    std::uint16_t get_dd_tx_bias_threshold(threshold t) {
+        return read_u16(dd_threshold_of(fields::cm("tx_bias_thresholds"), t));
+    }
+    std::uint16_t get_dd_rx_power_threshold(threshold t) {
+        return read_u16(dd_threshold_of(fields::cm("rx_power_thresholds"), t));
+    }
+    // Tunable laser channel of media lane 1 (page 12h).
+    std::int16_t get_dd_media_tx_1_chan_nbr() {
+        return read_s16(cmis_only(fields::cm("media_tx_1_chan_nbr")));
+    }
+    void set_dd_media_tx_1_chan_nbr(std::int16_t channel);
+
+    static constexpr unsigned max_dd_lanes = 8;
+
     // Paging: a flat-memory module has only page 00h.
     bool get_flat_memory() { return read_flag(pick(fields::both("flat_mem"))); }
     bool get_support_paging() { return !get_flat_memory(); }
@@ -286,6 +503,13 @@ class qsfp_reg_map {
   private:
     static constexpr std::uint8_t all_lanes_high_rate = 0xAA;
 
+    field_def dd_lane_of(const field_def& f, unsigned lane);
+    field_def dd_threshold_of(const field_def& group, threshold t);
+    // A page 01h flag; false on a flat-memory module, which has no page 01h.
+    bool paged_flag(const field_def& f);
+    std::uint8_t read_lane_nibble(const field_def& f, unsigned lane);
+    void write_all_lanes_nibble(const field_def& f, std::uint8_t id);
+    void write_raw(const field_def& f, std::span<const std::uint8_t> bytes);
     field_def lane_of(const field_def& f, unsigned lane);
     field_def threshold_of(const field_def& group, threshold t);
     void set_rate_bits(const field_def& f, unsigned lane, unsigned mbps);

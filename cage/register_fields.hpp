@@ -201,6 +201,67 @@ inline constexpr std::array cmis = {
     u8("media_interface_technology", 0x00, 212, "CMIS Table 8-36 byte 212, MediaInterfaceTechnology (10h C-band, 11h L-band tunable)"),
     raw("app_descriptors_9_15", 0x01, 223, 250, "CMIS page 01h bytes 223-250, application descriptors 9-15 (host and media codes)"),
     bits("banks_supported", 0x01, 142, 0x03, "CMIS page 01h byte 142 bits 1-0, BanksSupported (0: 1 bank, 1: 2, 2: 4)"),
+
+    // Lower page: status, flags, monitors, controls (CMIS 5.2 Tables 8-4..8-10).
+    u8("module_state_byte", 0x00, 3, "CMIS lower page byte 3, ModuleState in bits 3-1, InterruptDeasserted bit 0"),
+    raw("module_flags", 0x00, 8, 11, "CMIS lower page bytes 8-11, module flags, latched (clear on read)"),
+    s16("temperature", 0x00, 14, "CMIS lower page bytes 14-15, TempMonValue, 1/256 degC"),
+    u16("supply_voltage", 0x00, 16, "CMIS lower page bytes 16-17, VccMonValue, 100 uV"),
+    raw("status_flags_monitors", 0x00, 3, 15, "CMIS lower page bytes 3-15: state, flags, temperature; one transaction"),
+    flag("low_pwr_allow_request_hw", 0x00, 26, 6, "CMIS lower page byte 26 bit 6, LowPwrAllowRequestHW"),
+    flag("low_pwr_request_sw", 0x00, 26, 4, "CMIS lower page byte 26 bit 4, LowPwrRequestSW"),
+    u8("fw_major", 0x00, 39, "CMIS lower page byte 39, active firmware major revision"),
+    u8("fw_minor", 0x00, 40, "CMIS lower page byte 40, active firmware minor revision"),
+    u8("module_fault_cause", 0x00, 41, "CMIS lower page byte 41, ModuleFaultCause (6: temperature)"),
+
+    // Page 01h advertisement (CMIS 5.2 Tables 8-36..8-49).
+    u16("nominal_wavelength", 0x01, 138, "CMIS page 01h bytes 138-139, NominalWavelength, 0.05 nm"),
+    flag("vdm_pages_supported", 0x01, 142, 6, "CMIS page 01h byte 142 bit 6, VDMPagesSupported (20h-2Fh)"),
+    flag("diag_pages_supported", 0x01, 142, 5, "CMIS page 01h byte 142 bit 5, DiagnosticPagesSupported (13h-14h)"),
+    flag("page_03_supported", 0x01, 142, 2, "CMIS page 01h byte 142 bit 2, Page03hSupported (user EEPROM)"),
+    bits("dp_init_duration", 0x01, 144, 0x0F, "CMIS page 01h byte 144 bits 3-0, MaxDurationDPInit (duration code)"),
+    bits("dp_deinit_duration", 0x01, 144, 0xF0, "CMIS page 01h byte 144 bits 7-4, MaxDurationDPDeinit"),
+    flag("transmitter_tunable", 0x01, 155, 6, "CMIS page 01h byte 155 bit 6, TransmitterIsTunable (pages 04h, 12h)"),
+    flag("auto_squelch_disable_rx_supported", 0x01, 156, 2, "CMIS page 01h byte 156 bit 2, AutoSquelchDisableRxSupported"),
+    bits("tx_bias_multiplier", 0x01, 160, 0x18, "CMIS page 01h byte 160 bits 4-3, TxBiasCurrentScalingFactor (x1, x2, x4)"),
+    flag("rx_output_amplitude_supported", 0x01, 162, 2, "CMIS page 01h byte 162 bit 2, RxOutputAmplitudeControlSupported"),
+    flag("rx_output_pre_cursor_supported", 0x01, 162, 3, "CMIS page 01h byte 162 bits 4-3 = x1b, Rx output EQ pre-cursor control"),
+    flag("rx_output_post_cursor_supported", 0x01, 162, 4, "CMIS page 01h byte 162 bits 4-3 = 1xb, Rx output EQ post-cursor control"),
+    bits("module_pwr_up_duration", 0x01, 167, 0x0F, "CMIS page 01h byte 167 bits 3-0, MaxDurationModulePwrUp"),
+    u8("media_lane_assignment", 0x01, 176, "CMIS page 01h bytes 176-190, MediaLaneAssignmentOptions of applications 1-15"),
+
+    // Page 02h thresholds, each group high alarm, low alarm, high warning, low warning (Table 8-50).
+    s16("temp_thresholds", 0x02, 128, "CMIS page 02h bytes 128-135, temperature thresholds"),
+    u16("vcc_thresholds", 0x02, 136, "CMIS page 02h bytes 136-143, supply voltage thresholds"),
+    u16("tx_power_thresholds", 0x02, 176, "CMIS page 02h bytes 176-183, TX optical power thresholds, 0.1 uW"),
+    u16("tx_bias_thresholds", 0x02, 184, "CMIS page 02h bytes 184-191, TX bias thresholds, 2 uA"),
+    u16("rx_power_thresholds", 0x02, 192, "CMIS page 02h bytes 192-199, RX optical power thresholds, 0.1 uW"),
+
+    // Page 10h lane controls and staged control set 0, bank 0 = lanes 1-8 (Tables 8-54..8-64).
+    u8("dp_deinit", 0x10, 128, "CMIS page 10h byte 128, DPDeinitLane<n>, bit n-1 (1: deinitialise)"),
+    u8("tx_disable", 0x10, 130, "CMIS page 10h byte 130, OutputDisableTx<n>, bit n-1"),
+    u8("auto_squelch_disable_rx", 0x10, 139, "CMIS page 10h byte 139, AutoSquelchDisableRx<n>, bit n-1"),
+    u8("apply_dp_init", 0x10, 143, "CMIS page 10h byte 143, SCS0::ApplyDPInit lane mask (write only)"),
+    u8("apply_immediate", 0x10, 144, "CMIS page 10h byte 144, SCS0::ApplyImmediate lane mask (write only)"),
+    raw("staged_dp_config", 0x10, 145, 152, "CMIS page 10h bytes 145-152, SCS0::DPConfigLane1-8: AppSel 7-4, DataPathID 3-1, ExplicitControl 0"),
+    raw("staged_rx_pre_cursor", 0x10, 162, 165, "CMIS page 10h bytes 162-165, SCS0 Rx output EQ pre-cursor target, nibble per lane (lane 1 low)"),
+    raw("staged_rx_post_cursor", 0x10, 166, 169, "CMIS page 10h bytes 166-169, SCS0 Rx output EQ post-cursor target"),
+    raw("staged_rx_amplitude", 0x10, 170, 173, "CMIS page 10h bytes 170-173, SCS0 Rx output amplitude target"),
+
+    // Page 11h lane status, flags and monitors, bank 0 (Tables 8-74..8-89).
+    raw("dp_state", 0x11, 128, 131, "CMIS page 11h bytes 128-131, DPStateHostLane<n>, nibble per lane (lane 1 low)"),
+    raw("lane_flags", 0x11, 135, 152, "CMIS page 11h bytes 135-152, latched lane flags (clear on read)"),
+    u16("lane_tx_power", 0x11, 154, "CMIS page 11h bytes 154-169, OpticalPowerTx<n>, 0.1 uW"),
+    u16("lane_tx_bias", 0x11, 170, "CMIS page 11h bytes 170-185, LaserBiasTx<n>, 2 uA x multiplier"),
+    u16("lane_rx_power", 0x11, 186, "CMIS page 11h bytes 186-201, OpticalPowerRx<n>, 0.1 uW"),
+    raw("config_status", 0x11, 202, 205, "CMIS page 11h bytes 202-205, ConfigStatusLane<n>, nibble per lane (lane 1 low)"),
+    raw("active_dp_config", 0x11, 206, 213, "CMIS page 11h bytes 206-213, active control set DPConfigLane1-8 (AppSel 7-4)"),
+    raw("active_rx_pre_cursor", 0x11, 223, 226, "CMIS page 11h bytes 223-226, active Rx output EQ pre-cursor, nibble per lane"),
+    raw("active_rx_post_cursor", 0x11, 227, 230, "CMIS page 11h bytes 227-230, active Rx output EQ post-cursor"),
+    raw("active_rx_amplitude", 0x11, 231, 234, "CMIS page 11h bytes 231-234, active Rx output amplitude"),
+
+    // Page 12h tunable laser control, media lane 1 (Table 8-91).
+    s16("media_tx_1_chan_nbr", 0x12, 136, "CMIS page 12h bytes 136-137, ChannelNumberTx1"),
 };
 
 // clang-format on

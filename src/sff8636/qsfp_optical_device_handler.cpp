@@ -18,9 +18,6 @@ namespace {
 // SFF-8636 byte 6, the temperature flags.
 constexpr std::uint8_t temp_high_alarm_bit = 0x80;
 constexpr std::uint8_t temp_high_warning_bit = 0x20;
-constexpr unsigned cycles_per_bucket = 10;
-// TX fault: "not detected" is logged no sooner than this after "detected".
-constexpr double tx_fault_log_hold_seconds = 3.0;
 constexpr unsigned max_lanes = qsfpd::cage::qsfp_reg_map::max_lanes;
 
 // Rounds to `decimals` places. Dividing by the power of ten gives the double nearest to the
@@ -29,10 +26,6 @@ double round_to(double value, int decimals) {
     const double scale = std::pow(10.0, decimals);
     const double rounded = std::round(value * scale) / scale;
     return rounded == 0.0 ? 0.0 : rounded;
-}
-
-double seconds_between(qsfpd::clock::time_point from, qsfpd::clock::time_point to) {
-    return std::chrono::duration<double>(to - from).count();
 }
 
 }  // namespace
@@ -64,7 +57,7 @@ qsfp_optical_device_handler::qsfp_optical_device_handler(
                           std::move(description), flags, std::move(data_model), unit, num_units,
                           std::move(clock)),
       lane_count_(std::min(lane_count, max_lanes)),
-      lane_mask_((1u << lane_count_) - 1) {
+      alarms_(lane_count_, 0.0, clock_) {
     const std::shared_ptr<qsfp_optical_device_handler> no_owner;
     oper_status_node_ =
         status_value<std::string>::create(db_, path("data/operStatus"), no_owner, "down");
@@ -78,6 +71,7 @@ qsfp_optical_device_handler::qsfp_optical_device_handler(
         los_threshold_dbm_ = power_dbm(reg_map_->get_rx_power_threshold(threshold::low_alarm));
         tx_power_low_alarm_dbm_ = power_dbm(reg_map_->get_tx_power_threshold(threshold::low_alarm));
     });
+    alarms_ = optical_alarms(lane_count_, los_threshold_dbm_, clock_);
     warm_or_cold_start();
 }
 
@@ -132,14 +126,19 @@ void qsfp_optical_device_handler::start() {
         ->set_value(tx_enabled);
     group_node(
         command<&self_type::set_tx_enable_command>::create(db_, path("command/txEnable"), self));
-    tx_fault_alarm_ =
+    optical_alarms::nodes alarm_nodes;
+    alarm_nodes.tx_fault =
         group_node(status_value<int>::create(db_, path("alarms/txFault/severity"), self, 0));
-    los_alarm_ =
+    alarm_nodes.los =
         group_node(status_value<int>::create(db_, path("alarms/lossOfSignal/severity"), self, 0));
-    lol_alarm_ =
+    alarm_nodes.lol =
         group_node(status_value<int>::create(db_, path("alarms/lossOfLock/severity"), self, 0));
-    temperature_alarm_ =
+    alarm_nodes.temperature =
         group_node(status_value<int>::create(db_, path("alarms/temperature/severity"), self, 0));
+    {
+        auto lock = lock_handler();
+        alarms_.attach(std::move(alarm_nodes));
+    }
     group_node(
         volatile_value<&self_type::get_channel_id>::create(db_, path("data/channelId"), self));
     group_node(volatile_value<&self_type::get_nominal_laser_wavelength>::create(
@@ -264,58 +263,14 @@ void qsfp_optical_device_handler::lower_bytes_read(unsigned first,
 
 void qsfp_optical_device_handler::process_flags(const sff8636_int_flags& flags,
                                                 double total_rx_power) {
-    const auto now = clock_->now();
-    for (unsigned lane = 0; lane < lane_count_; ++lane) {
-        lane_tx_fault_[lane] = (flags.tx_fault() >> lane) & 1u;
-        lane_los_[lane] = (flags.rx_los() >> lane) & 1u;
-        lane_lol_[lane] = (flags.rx_lol() >> lane) & 1u;
-    }
-
-    if (++cycle_ >= cycles_per_bucket) {
-        cycle_ = 0;
-        los_.shift();
-        lol_.shift();
-    }
-
-    const bool tx_fault = (flags.tx_fault() & lane_mask_) != 0;
-    tx_fault_alarm_->update(tx_fault ? 1 : 0);
-    if (tx_fault && !tx_fault_state_) {
-        tx_fault_state_ = true;
-        tx_fault_set_ = now;
-        MSG_LOG(msg_log::info, info_tag()) << "TX_FAULT detected " << module_name();
-    } else if (!tx_fault && tx_fault_state_ &&
-               seconds_between(tx_fault_set_, now) > tx_fault_log_hold_seconds) {
-        tx_fault_state_ = false;
-        tx_fault_cleared_ = now;
-        MSG_LOG(msg_log::info, info_tag()) << "TX_FAULT not detected " << module_name();
-    }
-
-    bool raw_los = (flags.rx_los() & lane_mask_) != 0;
-    if (!raw_los) raw_los = total_rx_power < los_threshold_dbm_;
-    auto publish = [&](const event_suppression::outcome& o,
-                       const std::shared_ptr<status_value<int>>& alarm) {
-        if (!o.message.empty()) MSG_LOG(msg_log::info, info_tag()) << o.message << module_name();
-        if (o.push) alarm->update(*o.push);
-    };
-    publish(los_.update(raw_los), los_alarm_);
-
-    // Loss of lock means nothing without light: it is never reported under LOS.
-    const std::uint8_t lol_bits = los_.state() ? 0 : (flags.rx_lol() & lane_mask_);
-    for (unsigned lane = 0; lane < lane_count_; ++lane)
-        lane_lol_[lane] = (lol_bits >> lane) & 1u;
-    publish(lol_.update(lol_bits != 0), lol_alarm_);
-
-    const bool temp_alarm = flags.temperature() & temp_high_alarm_bit;
-    const bool temp_warning = flags.temperature() & temp_high_warning_bit;
-    if (temp_alarm != temp_alarm_state_) {
-        temp_alarm_state_ = temp_alarm;
-        temp_alarm_changed_ = now;
-    }
-    if (temp_warning != temp_warning_state_) {
-        temp_warning_state_ = temp_warning;
-        temp_warning_changed_ = now;
-    }
-    temperature_alarm_->update(temp_alarm_state_ ? 2 : temp_warning_state_ ? 1 : 0);
+    optical_alarms::inputs in;
+    in.tx_fault = flags.tx_fault();
+    in.rx_los = flags.rx_los();
+    in.rx_lol = flags.rx_lol();
+    in.temp_high_alarm = flags.temperature() & temp_high_alarm_bit;
+    in.temp_high_warning = flags.temperature() & temp_high_warning_bit;
+    in.total_rx_power_dbm = total_rx_power;
+    alarms_.process(in, info_tag(), module_name());
 }
 
 // --- Getters --------------------------------------------------------------------------------
@@ -390,19 +345,19 @@ void qsfp_optical_device_handler::check_lane(unsigned lane, const char* what) co
 bool qsfp_optical_device_handler::get_channel_tx_fault(unsigned lane) {
     auto lock = lock_handler();
     check_lane(lane, "TX fault");
-    return lane_tx_fault_[lane];
+    return alarms_.lane_tx_fault(lane);
 }
 
 bool qsfp_optical_device_handler::get_channel_los(unsigned lane) {
     auto lock = lock_handler();
     check_lane(lane, "LOS");
-    return lane_los_[lane];
+    return alarms_.lane_los(lane);
 }
 
 bool qsfp_optical_device_handler::get_channel_lol(unsigned lane) {
     auto lock = lock_handler();
     check_lane(lane, "LOL");
-    return lane_lol_[lane];
+    return alarms_.lane_lol(lane);
 }
 
 double qsfp_optical_device_handler::get_channel_rx_power(unsigned lane) {

@@ -8,8 +8,8 @@
 #include <span>
 #include <string>
 
-#include "event_suppression.hpp"
 #include "msg_log.hpp"
+#include "optical_alarms.hpp"
 #include "qsfp_device_handler.hpp"
 
 // An SFF-8636 optical QSFP/QSFP28 module: diagnostics, thresholds, per-lane flags, TX enable and
@@ -131,7 +131,6 @@ class qsfp_optical_device_handler : public qsfp_device_handler {
     double lane_power(unsigned lane, bool rx);
 
     unsigned lane_count_;
-    unsigned lane_mask_;
     bool warm_started_ = false;
     int fake_temperature_ = 0;
     std::optional<double> last_temperature_;
@@ -140,20 +139,7 @@ class qsfp_optical_device_handler : public qsfp_device_handler {
 
     // Flags a client's register read cleared since the last cycle, merged into the next one.
     decltype(qsfpd::cage::sff8636_int_flags::bytes) pending_flags_{};
-    std::array<bool, 4> lane_tx_fault_{};
-    std::array<bool, 4> lane_los_{};
-    std::array<bool, 4> lane_lol_{};
-
-    bool tx_fault_state_ = false;
-    qsfpd::clock::time_point tx_fault_set_{};
-    qsfpd::clock::time_point tx_fault_cleared_{};
-    event_suppression los_{"LOS"};
-    event_suppression lol_{"LOL"};
-    unsigned cycle_ = 0;
-    bool temp_alarm_state_ = false;
-    bool temp_warning_state_ = false;
-    qsfpd::clock::time_point temp_alarm_changed_{};
-    qsfpd::clock::time_point temp_warning_changed_{};
+    optical_alarms alarms_;
 
     struct monitor_snapshot {
         qsfpd::cage::sff8636_monitors values;
@@ -165,10 +151,6 @@ class qsfp_optical_device_handler : public qsfp_device_handler {
     std::shared_ptr<dh::api::const_value<unsigned>> nominal_bitrate_node_;
     std::shared_ptr<dh::api::const_value<unsigned>> lanes_node_;
     std::shared_ptr<dh::api::const_value<bool>> warm_started_node_;
-    std::shared_ptr<dh::api::status_value<int>> tx_fault_alarm_;
-    std::shared_ptr<dh::api::status_value<int>> los_alarm_;
-    std::shared_ptr<dh::api::status_value<int>> lol_alarm_;
-    std::shared_ptr<dh::api::status_value<int>> temperature_alarm_;
 };
 
 template <class Lanes>
