@@ -110,12 +110,22 @@ const field_def& qsfp_reg_map::cmis_only(const field_def& f) {
     return f;
 }
 
+void qsfp_reg_map::check_page(const field_def& f) {
+    if (f.page == 0 || f.byte < page_size || !is_cmis()) return;
+    if (!cmis_flat_) cmis_flat_ = read_flag(fields::cm("flat_mem"));
+    if (*cmis_flat_)
+        throw std::system_error(ENOTSUP, std::generic_category(),
+                                std::string(f.name) + ": a flat-memory module has no page " +
+                                    std::to_string(f.page));
+}
+
 void qsfp_reg_map::read(const field_def& f, std::span<std::uint8_t> out) {
+    check_page(f);
     try {
         device_.i2c_read_bank(f.bank, f.address(), out);
     } catch (const std::system_error&) {
         // A module that stopped answering may not be the one that comes back.
-        family_.reset();
+        forget_identity();
         throw;
     }
 }
@@ -182,11 +192,13 @@ void qsfp_reg_map::write_register(flat_address address, std::uint8_t data, std::
 }
 
 void qsfp_reg_map::write_flag(const field_def& f, bool value) {
+    check_page(f);
     if (f.bank != 0) throw std::system_error(EINVAL, std::generic_category(), "banked field write");
     write_register(f.address(), value ? f.mask : 0, f.mask);
 }
 
 void qsfp_reg_map::write_bits(const field_def& f, std::uint8_t value) {
+    check_page(f);
     if (f.bank != 0) throw std::system_error(EINVAL, std::generic_category(), "banked field write");
     write_register(f.address(), static_cast<std::uint8_t>(value << f.shift), f.mask);
 }
@@ -323,6 +335,7 @@ unsigned qsfp_reg_map::get_banks_supported() {
 // --- CMIS --------------------------------------------------------------------------------------
 
 void qsfp_reg_map::write_raw(const field_def& f, std::span<const std::uint8_t> bytes) {
+    check_page(f);
     device_.i2c_write_bank(f.bank, f.address(), bytes);
 }
 
@@ -410,7 +423,9 @@ void qsfp_reg_map::set_dd_lane_tx_disable(unsigned lane, bool disable) {
     if (lane >= max_dd_lanes)
         throw std::system_error(EINVAL, std::generic_category(), "tx_disable: no such lane");
     const auto bit = static_cast<std::uint8_t>(1u << lane);
-    write_register(cmis_only(fields::cm("tx_disable")).address(), disable ? bit : 0, bit);
+    constexpr auto& f = fields::cm("tx_disable");
+    check_page(cmis_only(f));
+    write_register(f.address(), disable ? bit : 0, bit);
 }
 
 bool qsfp_reg_map::get_dd_tx_laser_enabled(unsigned lanes) {

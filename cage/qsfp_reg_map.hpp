@@ -145,7 +145,10 @@ class qsfp_reg_map {
     // (after a module swap or reset).
     memory_map family();
     bool is_cmis() { return family() == memory_map::cmis; }
-    void forget_identity() { family_.reset(); }
+    void forget_identity() {
+        family_.reset();
+        cmis_flat_.reset();
+    }
 
     // Identification.
     std::uint8_t get_identifier() { return read_u8(fields::sff("identifier")); }
@@ -364,6 +367,9 @@ class qsfp_reg_map {
     bool get_dd_support_customer_eeprom() { return paged_flag(fields::cm("page_03_supported")); }
     bool get_dd_support_diagnostics() { return paged_flag(fields::cm("diag_pages_supported")); }
     bool get_dd_support_vdm() { return paged_flag(fields::cm("vdm_pages_supported")); }
+    bool get_dd_support_cdb() {
+        return get_dd_support_paging() && read_bits(fields::cm("cdb_instances")) != 0;
+    }
     bool get_dd_support_laser_capabilities() {
         return paged_flag(fields::cm("transmitter_tunable"));
     }
@@ -520,6 +526,10 @@ class qsfp_reg_map {
 
     qsfp_device& device_;
     std::optional<memory_map> family_;
+    std::optional<bool> cmis_flat_;
+    // Refuses a CMIS upper-page field on a flat-memory module: its page select is ignored, so the
+    // access would land on page 00h.
+    void check_page(const field_def& f);
 };
 
 }  // namespace qsfpd::cage

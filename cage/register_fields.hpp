@@ -221,6 +221,7 @@ inline constexpr std::array cmis = {
     flag("page_03_supported", 0x01, 142, 2, "CMIS page 01h byte 142 bit 2, Page03hSupported (user EEPROM)"),
     bits("dp_init_duration", 0x01, 144, 0x0F, "CMIS page 01h byte 144 bits 3-0, MaxDurationDPInit (duration code)"),
     bits("dp_deinit_duration", 0x01, 144, 0xF0, "CMIS page 01h byte 144 bits 7-4, MaxDurationDPDeinit"),
+    bits("cdb_instances", 0x01, 163, 0xC0, "CMIS page 01h byte 163 bits 7-6, CdbInstancesSupported (0: no CDB)"),
     flag("transmitter_tunable", 0x01, 155, 6, "CMIS page 01h byte 155 bit 6, TransmitterIsTunable (pages 04h, 12h)"),
     flag("auto_squelch_disable_rx_supported", 0x01, 156, 2, "CMIS page 01h byte 156 bit 2, AutoSquelchDisableRxSupported"),
     bits("tx_bias_multiplier", 0x01, 160, 0x18, "CMIS page 01h byte 160 bits 4-3, TxBiasCurrentScalingFactor (x1, x2, x4)"),

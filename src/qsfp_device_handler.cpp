@@ -426,9 +426,9 @@ void qsfp_device_handler::clear_page_advertisement() {
 }
 
 void qsfp_device_handler::add_page_advertisement(unsigned page, unsigned bank,
-                                                 std::string description) {
+                                                 std::string description, std::string banks) {
     auto lock = lock_handler();
-    advertised_.push_back({page, bank, std::move(description)});
+    advertised_.push_back({page, bank, std::move(description), std::move(banks)});
 }
 
 std::optional<qsfp_device_handler::page_advertisement> qsfp_device_handler::find_advertisement(
@@ -449,6 +449,8 @@ std::string qsfp_device_handler::get_page_advertisement() {
         entry.AddMember("bank", a.bank, allocator);
         entry.AddMember("pageNumber", a.page, allocator);
         entry.AddMember("description", rapidjson::Value(a.description, allocator), allocator);
+        if (!a.banks.empty())
+            entry.AddMember("banks", rapidjson::Value(a.banks, allocator), allocator);
         pages.PushBack(entry, allocator);
     }
     doc.AddMember("pages", pages, allocator);

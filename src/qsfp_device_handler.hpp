@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "clock.hpp"
+#include "msg_log.hpp"
 #include "dh/api/value_nodes.hpp"
 #include "dh_db.hpp"
 #include "qsfp_device.hpp"
@@ -74,6 +75,7 @@ class qsfp_device_handler : public std::enable_shared_from_this<qsfp_device_hand
         unsigned page;
         unsigned bank;
         std::string description;
+        std::string banks = {};  // how many banks of the page there are ("1 of 1"), if known
     };
 
     // Blocks on ZELT-20 until the gearbox handler reports "up" (deliberately no time-out: the
@@ -168,7 +170,8 @@ class qsfp_device_handler : public std::enable_shared_from_this<qsfp_device_hand
 
     // Replaces the advertised pages (subclasses whose module has other pages).
     void clear_page_advertisement();
-    void add_page_advertisement(unsigned page, unsigned bank, std::string description);
+    void add_page_advertisement(unsigned page, unsigned bank, std::string description,
+                                std::string banks = {});
     // Banks of banked pages the module has (SFF-8636 modules have none beyond bank 0).
     virtual unsigned _banks_supported();
     // Refuses a page-dump bank the module does not have.
@@ -185,6 +188,10 @@ class qsfp_device_handler : public std::enable_shared_from_this<qsfp_device_hand
     // Runs a register transaction; a failure is logged before it reaches the client.
     template <class F>
     decltype(auto) module_access(F&& f);
+    // Runs a register read for a getter; failures are logged with the getter's name and reach
+    // the client as a framework error ("Module unplugged ..." when the cage is empty).
+    template <class F>
+    decltype(auto) read_for(const char* getter, F&& read);
 
     void set_capability(int capability) { capability_ = capability; }
 
@@ -278,5 +285,29 @@ decltype(auto) qsfp_device_handler::module_access(F&& f) {
     } catch (const std::exception& e) {
         log_module_failure(e, false);
         throw;
+    }
+}
+
+template <class F>
+decltype(auto) qsfp_device_handler::read_for(const char* getter, F&& read) {
+    try {
+        return std::forward<F>(read)();
+    } catch (const dh_error&) {
+        throw;
+    } catch (const std::exception& e) {
+        bool present = false;
+        try {
+            present = device_->module_present();
+        } catch (const std::exception&) {
+            // A cage we cannot ask is as good as empty here.
+        }
+        if (!present) {
+            MSG_LOG(msg_log::error, module_name()) << "Module unplugged " << module_name();
+            throw dh_error(dh::errc::io_error, "Module unplugged " + module_name());
+        }
+        const std::string text =
+            std::string("Exception [") + e.what() + "] " + getter + " " + module_name();
+        MSG_LOG(msg_log::error, module_name()) << text;
+        throw dh_error(dh::errc::io_error, text);
     }
 }

@@ -114,11 +114,6 @@ class qsfp_optical_device_handler : public qsfp_device_handler {
   protected:
     void _set_port_admin_status(bool up) override;
 
-    // Runs a register read for a getter; failures are logged with the getter's name and reach
-    // the client as a framework error.
-    template <class F>
-    decltype(auto) read_for(const char* getter, F&& read);
-
     void lower_bytes_read(unsigned first, std::span<const std::uint8_t> bytes) override;
 
     // The monitors of this cycle, or fresh ones if the cycle's snapshot is stale.
@@ -164,28 +159,4 @@ double qsfp_optical_device_handler::total_power_dbm(const Lanes& raw_lane_powers
     }
     const double dbm = std::round(10.0 * std::log10(sum_mw) * 10.0) / 10.0 + 0.0;  // no -0.0
     return dbm <= floor_dbm ? no_light : dbm;
-}
-
-template <class F>
-decltype(auto) qsfp_optical_device_handler::read_for(const char* getter, F&& read) {
-    try {
-        return std::forward<F>(read)();
-    } catch (const dh_error&) {
-        throw;
-    } catch (const std::exception& e) {
-        bool present = false;
-        try {
-            present = device_->module_present();
-        } catch (const std::exception&) {
-            // A cage we cannot ask is as good as empty here.
-        }
-        if (!present) {
-            MSG_LOG(msg_log::error, module_name()) << "Module unplugged " << module_name();
-            throw dh_error(dh::errc::io_error, "Module unplugged " + module_name());
-        }
-        const std::string text =
-            std::string("Exception [") + e.what() + "] " + getter + " " + module_name();
-        MSG_LOG(msg_log::error, module_name()) << text;
-        throw dh_error(dh::errc::io_error, text);
-    }
 }

@@ -1,0 +1,163 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+#include <rapidjson/document.h>
+
+#include "app_code_tables.hpp"
+#include "application_list_file.hpp"
+#include "qsfp_device_handler.hpp"
+
+// What every CMIS module (QSFP-DD, QSFP with CMIS) has: the advertised applications and their
+// selection, module and lane transmitter enable, the RX output equalisation controls, auto
+// squelch, the CMIS version and firmware revision, and the CMIS page names of the page dump. The
+// optical and coherent CMIS handlers derive from it and reuse its application machinery.
+class qsfp_dd_device_handler : public qsfp_device_handler {
+  public:
+    using app_code_info_t = qsfpd::cmis::app_code_info_t;
+
+    // One advertised application: host and media interface, as decoded, with the lane counts
+    // and lane assignment options the module advertises for it.
+    struct applicationList_t {
+        unsigned app_sel = 0;
+        app_code_info_t host;
+        app_code_info_t media;
+        std::uint8_t host_lane_count = 0;
+        std::uint8_t media_lane_count = 0;
+        std::uint8_t host_lane_assignment = 0;
+        std::uint8_t media_lane_assignment = 0;
+        bool enhanced_mode = false;
+    };
+
+    // The tries of the ModuleLowPwr wait of an application change, 100 ms apart.
+    static constexpr unsigned low_power_wait_tries = 61;
+    static constexpr std::chrono::milliseconds low_power_wait_step{100};
+
+    qsfp_dd_device_handler(dh_db& db, std::shared_ptr<qsfpd::cage::qsfp_device> device,
+                           std::string root_path, std::shared_ptr<qsfpd::cage::qsfp_reg_map> reg_map,
+                           std::string vendor, std::string part_number, std::string part_name,
+                           std::string description, qsfp_flags_s flags, std::string data_model,
+                           unsigned unit, unsigned num_units,
+                           std::shared_ptr<qsfpd::clock> clock = qsfpd::clock::system(),
+                           bool return_to_high_power = true);
+    ~qsfp_dd_device_handler() override;
+
+    std::string get_page_advertisement() override;
+    void run_periodic_tasks() override {}
+    // The handler of "command/applicationCompatibleSelect": {"app_select": N, "service": S}.
+    virtual void set_application_code(const rapidjson::Document& document);
+
+    void start();
+
+    unsigned lane_count() const { return lane_count_; }
+
+    // Inventory.
+    unsigned get_cmis_major_version();
+    std::string get_cmis();
+    std::string get_fw_revision();
+
+    // Applications.
+    bool update_application_lists(bool from_file);
+    void read_application_and_update_app_codes();
+    dh::api::json_object get_application_list();
+    dh::api::json_object get_current_application();
+    unsigned get_application_number();
+    unsigned get_total_application_code();
+    bool application_compatible_select(dh::api::json_object document);
+
+    // Transmitters.
+    bool set_tx_enable(const bool& enable);
+    bool set_lane_tx_enable(const unsigned& lane, const bool& enable);
+    bool get_lane_tx_enable(unsigned lane);
+    bool get_tx_enabled();
+    bool get_tx_disabled();
+
+    // RX output equalisation and squelch.
+    bool get_rx_output_pre_cursor_supported();
+    bool get_rx_output_post_cursor_supported();
+    bool get_rx_output_amplitude_supported();
+    unsigned get_rx_output_pre_cursor_control_id(unsigned lane);
+    unsigned get_rx_output_post_cursor_control_id(unsigned lane);
+    unsigned get_rx_output_amplitude_control_id(unsigned lane);
+    void set_rx_output_pre_cursor_control(unsigned id);
+    void set_rx_output_post_cursor_control(unsigned id);
+    void set_rx_output_amplitude_control(unsigned id);
+    bool get_auto_squelch_enabled();
+    bool disable_auto_squelch(bool disable);
+
+    // The decoded applications, for subclasses and tests.
+    std::map<unsigned, applicationList_t> application_map();
+
+  protected:
+    unsigned _get_cmis_major_version();
+    std::string _get_cmis();
+    bool _get_tx_enabled();
+    bool _get_tx_disabled();
+    bool _get_lane_tx_enable(unsigned lane);
+    bool _get_auto_squelch_disable_supported();
+    bool _get_auto_squelch_enabled();
+    void _disable_auto_squelch(bool disable);
+    bool _get_rx_output_pre_cursor_supported();
+    bool _get_rx_output_post_cursor_supported();
+    bool _get_rx_output_amplitude_supported();
+    unsigned _get_application_number();
+    unsigned _get_current_bitrate();
+    const applicationList_t& _get_current_application_info();
+
+    bool _update_application_lists(bool from_file);
+    // Stages and applies application `code` for `service`, with the module held in low power
+    // meanwhile; then checks that the module took it.
+    void _set_application_code(unsigned code, const std::string& service);
+    // A data-path re-init with the staged control set, the module held in low power meanwhile.
+    void _apply_config();
+
+    bool _page_implemented(unsigned page, unsigned bank) override;
+    unsigned _banks_supported() override;
+
+    // Whether the module has upper pages (flat-memory modules have only page 00h).
+    bool paging() const { return paging_; }
+    // The application JSON of one decoded application (current application layout).
+    static std::string application_json(const applicationList_t& app);
+
+  private:
+    void publish_file_nodes(const qsfpd::cmis::application_file_contents& contents);
+    // Holds the low-power line and waits up to 61 x 100 ms for ModuleLowPwr.
+    void enter_low_power_for_reconfiguration();
+    void leave_low_power_after_reconfiguration();
+    // Waits for the module to run the new configuration and logs when it does not.
+    void check_application_taken(unsigned code);
+    const app_code_info_t* find_media_code(std::uint8_t encoding, unsigned id);
+    void check_rx_output(bool supported, const char* what, const char* name, unsigned id,
+                         unsigned min, unsigned max);
+    void require_paging(const char* what) const;
+
+    std::map<std::string, unsigned, std::less<>> service_map_;
+    std::unordered_map<unsigned, applicationList_t> app_map_;
+    qsfpd::cmis::custom_app_map custom_map_;
+    unsigned rx_pre_cursor_min_ = 0;
+    unsigned rx_pre_cursor_max_ = 7;
+    unsigned rx_post_cursor_min_ = 0;
+    unsigned rx_post_cursor_max_ = 7;
+    unsigned rx_amplitude_min_ = 0;
+    unsigned rx_amplitude_max_ = 3;
+    std::map<unsigned, std::string> page_names_;
+    bool return_to_high_power_;
+    bool paging_ = false;
+    unsigned lane_count_ = 1;
+
+    std::shared_ptr<dh::api::const_value<unsigned>> lanes_node_;
+    std::shared_ptr<dh::api::const_value<bool>> pre_cursor_supported_node_;
+    std::shared_ptr<dh::api::const_value<bool>> post_cursor_supported_node_;
+    std::shared_ptr<dh::api::const_value<bool>> amplitude_supported_node_;
+    std::shared_ptr<dh::api::const_value<std::string>> cmis_version_node_;
+    std::shared_ptr<dh::api::const_value<unsigned>> cmis_major_node_;
+    std::shared_ptr<dh::api::status_value<bool>> file_alarm_node_;
+    std::shared_ptr<dh::api::status_value<std::string>> file_version_node_;
+    std::shared_ptr<dh::api::status_value<std::string>> file_cmis_version_node_;
+};
