@@ -114,9 +114,9 @@ void qsfp_reg_map::check_page(const field_def& f) {
     if (f.page == 0 || f.byte < page_size || !is_cmis()) return;
     if (!cmis_flat_) cmis_flat_ = read_flag(fields::cm("flat_mem"));
     if (*cmis_flat_)
-        throw std::system_error(ENOTSUP, std::generic_category(),
-                                std::string(f.name) + ": a flat-memory module has no page " +
-                                    std::to_string(f.page));
+        throw std::system_error(
+            ENOTSUP, std::generic_category(),
+            std::string(f.name) + ": a flat-memory module has no page " + std::to_string(f.page));
 }
 
 void qsfp_reg_map::read(const field_def& f, std::span<std::uint8_t> out) {
@@ -575,6 +575,19 @@ cmis_flags_and_monitors qsfp_reg_map::get_dd_flags_and_monitors(unsigned lanes) 
     // Through the RX power of the last lane in use: one read covers flags and monitors.
     const std::size_t length = 186u + 2u * used - cmis_flags_and_monitors::lane_first;
     read(fields::cm("lane_flags"), std::span(out.lane).first(length));
+    return out;
+}
+
+cmis_flags_and_monitors qsfp_reg_map::get_dd_monitors(unsigned lanes) {
+    cmis_flags_and_monitors out;
+    constexpr auto& temperature = fields::cm("temperature");
+    read(cmis_only(temperature),
+         std::span(out.lower).subspan(temperature.byte - cmis_flags_and_monitors::lower_first, 2));
+    constexpr auto& first = fields::cm("lane_tx_power");
+    const unsigned used = std::clamp(lanes, 1u, max_dd_lanes);
+    const std::size_t length = 186u + 2u * used - first.byte;
+    read(first,
+         std::span(out.lane).subspan(first.byte - cmis_flags_and_monitors::lane_first, length));
     return out;
 }
 

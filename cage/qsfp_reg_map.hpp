@@ -438,6 +438,8 @@ class qsfp_reg_map {
 
     // Flags and monitors of a cycle (see cmis_flags_and_monitors); `lanes` 1..8.
     cmis_flags_and_monitors get_dd_flags_and_monitors(unsigned lanes);
+    // The monitors alone (temperature and the lanes' powers and bias), the flags left latched.
+    cmis_flags_and_monitors get_dd_monitors(unsigned lanes);
     // The latched flags alone (module and lane), one read each.
     cmis_flags_and_monitors get_dd_int_flags();
     std::uint16_t get_dd_ch_rx_pwr(unsigned lane) {

@@ -99,7 +99,15 @@ std::uint8_t reg_map_identification_reader::identifier() {
     return map_.get_identifier();
 }
 std::uint8_t reg_map_identification_reader::transmitter_technology() {
-    return sff_only<std::uint8_t>([&] { return map_.get_dev_tech(); });
+    if (!map_.is_cmis()) return map_.get_dev_tech();
+    // CMIS MediaInterfaceTechnology (page 00h byte 212) numbers the SFF-8636 transmitter
+    // technologies 0h-Fh as whole bytes (0Ah-0Fh copper), then adds the tunable lasers (10h,
+    // 11h) and three more copper kinds (12h-14h). Answered in the SFF-8636 byte-147 form.
+    constexpr std::uint8_t copper_unequalized = 0xA0;
+    const std::uint8_t technology = map_.get_media_interface_technology();
+    if (technology <= 0x0F) return static_cast<std::uint8_t>(technology << 4);
+    if (technology >= 0x12 && technology <= 0x14) return copper_unequalized;
+    return 0x00;
 }
 unsigned reg_map_identification_reader::cmis_major_revision() {
     return map_.get_status_revision_compliance() >> 4;

@@ -14,9 +14,9 @@
 #include <vector>
 
 #include "clock.hpp"
-#include "msg_log.hpp"
 #include "dh/api/value_nodes.hpp"
 #include "dh_db.hpp"
+#include "msg_log.hpp"
 #include "qsfp_device.hpp"
 #include "qsfp_flags.hpp"
 #include "qsfp_reg_map.hpp"

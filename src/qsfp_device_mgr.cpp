@@ -4,6 +4,7 @@
 
 #include "grid_schedule.hpp"
 #include "msg_log.hpp"
+#include "qsfp_dd_optical_4lane_device_handler.hpp"
 #include "qsfp_optical_1lane_device_handler.hpp"
 #include "qsfp_optical_1lane_pam4_device_handler.hpp"
 #include "qsfp_optical_1or2lane_device_handler.hpp"
@@ -86,6 +87,7 @@ std::map<handler_class, qsfp_device_mgr::handler_factory> qsfp_device_mgr::defau
         {handler_class::optical_1or2lane, factory_of<qsfp_optical_1or2lane_device_handler>()},
         {handler_class::optical_1lane, factory_of<qsfp_optical_1lane_device_handler>()},
         {handler_class::optical_1lane_pam4, factory_of<qsfp_optical_1lane_pam4_device_handler>()},
+        {handler_class::dd_optical_4lane, factory_of<qsfp_dd_optical_4lane_device_handler>()},
     };
 }
 

@@ -1,6 +1,7 @@
 #include "qsfp_dd_device_handler.hpp"
 
 #include <algorithm>
+#include <array>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -97,8 +98,8 @@ qsfp_dd_device_handler::qsfp_dd_device_handler(
             // The lane count of the first application: what the module's lanes carry by default.
             const auto first = reg_map_->get_appcode_advertisement(1);
             if (first.host_interface_id != end_of_list)
-                lane_count_ = first.media_lane_count != 0 ? first.media_lane_count
-                                                          : first.host_lane_count;
+                lane_count_ =
+                    first.media_lane_count != 0 ? first.media_lane_count : first.host_lane_count;
             lane_count_ = std::clamp(lane_count_, 1u, qsfpd::cage::qsfp_reg_map::max_dd_lanes);
             pre = _get_rx_output_pre_cursor_supported();
             post = _get_rx_output_post_cursor_supported();
@@ -134,9 +135,8 @@ void qsfp_dd_device_handler::start() {
         clear_page_advertisement();
         module_access([&] {
             const bool eeprom = paging_ && reg_map_->get_dd_support_customer_eeprom();
-            const std::string banks =
-                fmt::format("{} of 256", paging_ ? reg_map_->get_dd_supported_banks_10h_to_1fh()
-                                                 : 1u);
+            const std::string banks = fmt::format(
+                "{} of 256", paging_ ? reg_map_->get_dd_supported_banks_10h_to_1fh() : 1u);
             add_page_advertisement(0x00, 0, "Administrative Information", "1 of 1");
             if (!paging_) return;
             add_page_advertisement(0x01, 0, "Advertising", "1 of 1");
@@ -321,7 +321,9 @@ const cmis::app_code_info_t* qsfp_dd_device_handler::find_media_code(std::uint8_
     }
     if (const auto* found = cmis::find_code(*table, id)) return found;
     // Vendor codes: the operator's file first, then the ones built in, by part number.
-    for (const auto* customs : {&custom_map_, &cmis::builtin_custom_codes()}) {
+    const std::array<const cmis::custom_app_map*, 2> vendor_maps = {&custom_map_,
+                                                                    &cmis::builtin_custom_codes()};
+    for (const auto* customs : vendor_maps) {
         const auto product = customs->find(part_number_);
         if (product == customs->end()) continue;
         const auto code = product->second.find(id);
@@ -341,14 +343,14 @@ void qsfp_dd_device_handler::read_application_and_update_app_codes() {
     for (unsigned n = 1; n <= max_applications; ++n) {
         const auto adv = reg_map_->get_appcode_advertisement(n);
         if (adv.host_interface_id == end_of_list) break;
-        MSG_LOG(msg_log::info, tag) << "Reading advertisement. host_interface_id:"
-                                    << unsigned{adv.host_interface_id};
-        MSG_LOG(msg_log::info, tag) << "Reading advertisement. media_interface_id:"
-                                    << unsigned{adv.media_interface_id};
-        MSG_LOG(msg_log::info, tag) << "Reading advertisement. host_lane_count:"
-                                    << unsigned{adv.host_lane_count};
-        MSG_LOG(msg_log::info, tag) << "Reading advertisement. media_lane_count:"
-                                    << unsigned{adv.media_lane_count};
+        MSG_LOG(msg_log::info, tag)
+            << "Reading advertisement. host_interface_id:" << unsigned{adv.host_interface_id};
+        MSG_LOG(msg_log::info, tag)
+            << "Reading advertisement. media_interface_id:" << unsigned{adv.media_interface_id};
+        MSG_LOG(msg_log::info, tag)
+            << "Reading advertisement. host_lane_count:" << unsigned{adv.host_lane_count};
+        MSG_LOG(msg_log::info, tag)
+            << "Reading advertisement. media_lane_count:" << unsigned{adv.media_lane_count};
         MSG_LOG(msg_log::info, tag) << "Reading advertisement. host_lane_assignment_options:"
                                     << unsigned{adv.host_lane_assignment_options};
         MSG_LOG(msg_log::info, tag) << "Reading advertisement. media_lane_assignment_options:"
@@ -422,10 +424,9 @@ qsfp_dd_device_handler::_get_current_application_info() {
 json_object qsfp_dd_device_handler::get_current_application() {
     auto lock = lock_handler();
     require_paging("Current application");
-    const auto& app =
-        read_for("get_current_application", [&]() -> const applicationList_t& {
-            return _get_current_application_info();
-        });
+    const auto& app = read_for("get_current_application", [&]() -> const applicationList_t& {
+        return _get_current_application_info();
+    });
     return {application_json(app)};
 }
 
@@ -463,9 +464,8 @@ bool qsfp_dd_device_handler::application_compatible_select(json_object document)
 void qsfp_dd_device_handler::set_application_code(const rapidjson::Document& document) {
     auto lock = lock_handler();
     const std::string tag = config_tag();
-    if (!document.IsObject() || !document.HasMember("service") ||
-        !document["service"].IsString() || !document.HasMember("app_select") ||
-        !document["app_select"].IsNumber())
+    if (!document.IsObject() || !document.HasMember("service") || !document["service"].IsString() ||
+        !document.HasMember("app_select") || !document["app_select"].IsNumber())
         throw dh_error(dh::errc::invalid, "Invalid json structure.");
     const std::string service = document["service"].GetString();
     const auto& app_select = document["app_select"];
@@ -476,9 +476,9 @@ void qsfp_dd_device_handler::set_application_code(const rapidjson::Document& doc
     const bool whole = app_select.IsUint64() && app_select.GetUint64() <= max_applications;
     const unsigned number = whole ? static_cast<unsigned>(app_select.GetUint64()) : 0;
     if (!whole || number == 0 || number > total) {
-        const std::string shown = app_select.IsUint64()   ? std::to_string(app_select.GetUint64())
-                                  : app_select.IsInt64()  ? std::to_string(app_select.GetInt64())
-                                                          : to_text(app_select);
+        const std::string shown = app_select.IsUint64()  ? std::to_string(app_select.GetUint64())
+                                  : app_select.IsInt64() ? std::to_string(app_select.GetInt64())
+                                                         : to_text(app_select);
         throw dh_error(dh::errc::invalid, "Invalid application code " + shown + ". Range [1-" +
                                               std::to_string(total) + "].");
     }
@@ -489,8 +489,8 @@ void qsfp_dd_device_handler::set_application_code(const rapidjson::Document& doc
         active = _get_application_number();
     } catch (const std::system_error& e) {
         MSG_LOG(msg_log::warning, tag) << e.what();
-        MSG_LOG(msg_log::info, tag) << "No current application found. Setting application code "
-                                    << number;
+        MSG_LOG(msg_log::info, tag)
+            << "No current application found. Setting application code " << number;
         _set_application_code(number, service);
         return;
     }
@@ -575,7 +575,8 @@ void qsfp_dd_device_handler::check_application_taken(unsigned code) {
         if (!return_to_high_power_) return true;  // no data path runs in low power
         return module_state_of(reg_map_->get_dd_mod_state()) ==
                    static_cast<unsigned>(cmis_module_state::ready) &&
-               reg_map_->get_dd_dp_state(lane) == static_cast<std::uint8_t>(cmis_dp_state::activated);
+               reg_map_->get_dd_dp_state(lane) ==
+                   static_cast<std::uint8_t>(cmis_dp_state::activated);
     };
     for (unsigned attempt = 0; attempt < tries && !settled(); ++attempt)
         clock_->sleep_for(low_power_wait_step);
@@ -585,8 +586,8 @@ void qsfp_dd_device_handler::check_application_taken(unsigned code) {
     if (status != static_cast<std::uint8_t>(cmis_config_status::success) || running != code)
         MSG_LOG(msg_log::warning, config_tag())
             << "Application code " << code << " not taken by the module, config status "
-            << qsfpd::cage::config_status_name(status) << ", active application " << running
-            << " " << module_name();
+            << qsfpd::cage::config_status_name(status) << ", active application " << running << " "
+            << module_name();
 }
 
 // --- Transmitters -------------------------------------------------------------------------------
@@ -670,9 +671,9 @@ bool qsfp_dd_device_handler::set_lane_tx_enable(const unsigned& lane, const bool
                                lane, module_name());
             return;
         }
-        MSG_LOG(msg_log::info, tag) << fmt::format(
-            fmt::runtime(enable ? "TX lane {} enbled {}" : "TX lane {} disabled {}"), lane,
-            module_name());
+        MSG_LOG(msg_log::info, tag)
+            << fmt::format(fmt::runtime(enable ? "TX lane {} enbled {}" : "TX lane {} disabled {}"),
+                           lane, module_name());
         reg_map_->set_dd_lane_tx_disable(lane, !enable);
     });
     return true;
@@ -738,13 +739,12 @@ void qsfp_dd_device_handler::check_rx_output(bool supported, const char* what, c
 
 void qsfp_dd_device_handler::set_rx_output_pre_cursor_control(unsigned id) {
     auto lock = lock_handler();
-    const bool supported =
-        read_for("set_rx_output_pre_cursor_control", [&] { return _get_rx_output_pre_cursor_supported(); });
+    const bool supported = read_for("set_rx_output_pre_cursor_control",
+                                    [&] { return _get_rx_output_pre_cursor_supported(); });
     check_rx_output(supported, "pre-cursor", "pre-cursor", id, rx_pre_cursor_min_,
                     rx_pre_cursor_max_);
-    read_for("set_rx_output_pre_cursor_control", [&] {
-        reg_map_->set_dd_rx_output_pre_cursor_control(static_cast<std::uint8_t>(id));
-    });
+    read_for("set_rx_output_pre_cursor_control",
+             [&] { reg_map_->set_dd_rx_output_pre_cursor_control(static_cast<std::uint8_t>(id)); });
 }
 
 void qsfp_dd_device_handler::set_rx_output_post_cursor_control(unsigned id) {
@@ -763,9 +763,8 @@ void qsfp_dd_device_handler::set_rx_output_amplitude_control(unsigned id) {
     const bool supported = read_for("set_rx_output_amplitude_control",
                                     [&] { return _get_rx_output_amplitude_supported(); });
     check_rx_output(supported, "amplitude", "amplitude", id, rx_amplitude_min_, rx_amplitude_max_);
-    read_for("set_rx_output_amplitude_control", [&] {
-        reg_map_->set_dd_rx_output_amplitude_control(static_cast<std::uint8_t>(id));
-    });
+    read_for("set_rx_output_amplitude_control",
+             [&] { reg_map_->set_dd_rx_output_amplitude_control(static_cast<std::uint8_t>(id)); });
 }
 
 bool qsfp_dd_device_handler::_get_auto_squelch_disable_supported() {
@@ -789,8 +788,8 @@ bool qsfp_dd_device_handler::get_auto_squelch_enabled() {
 bool qsfp_dd_device_handler::disable_auto_squelch(bool disable) {
     auto lock = lock_handler();
     require_paging("Auto squelch");
-    const bool supported = read_for("disable_auto_squelch",
-                                    [&] { return _get_auto_squelch_disable_supported(); });
+    const bool supported =
+        read_for("disable_auto_squelch", [&] { return _get_auto_squelch_disable_supported(); });
     if (!supported)
         throw dh_error(dh::errc::invalid,
                        "Disabling auto squelch is not supported on this transceiver");

@@ -40,10 +40,11 @@ class qsfp_dd_device_handler : public qsfp_device_handler {
     static constexpr std::chrono::milliseconds low_power_wait_step{100};
 
     qsfp_dd_device_handler(dh_db& db, std::shared_ptr<qsfpd::cage::qsfp_device> device,
-                           std::string root_path, std::shared_ptr<qsfpd::cage::qsfp_reg_map> reg_map,
-                           std::string vendor, std::string part_number, std::string part_name,
-                           std::string description, qsfp_flags_s flags, std::string data_model,
-                           unsigned unit, unsigned num_units,
+                           std::string root_path,
+                           std::shared_ptr<qsfpd::cage::qsfp_reg_map> reg_map, std::string vendor,
+                           std::string part_number, std::string part_name, std::string description,
+                           qsfp_flags_s flags, std::string data_model, unsigned unit,
+                           unsigned num_units,
                            std::shared_ptr<qsfpd::clock> clock = qsfpd::clock::system(),
                            bool return_to_high_power = true);
     ~qsfp_dd_device_handler() override;

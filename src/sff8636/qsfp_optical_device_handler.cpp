@@ -20,31 +20,24 @@ constexpr std::uint8_t temp_high_alarm_bit = 0x80;
 constexpr std::uint8_t temp_high_warning_bit = 0x20;
 constexpr unsigned max_lanes = qsfpd::cage::qsfp_reg_map::max_lanes;
 
-// Rounds to `decimals` places. Dividing by the power of ten gives the double nearest to the
-// decimal (3.3, not 3.3000000000000003), and -0.0 is published as 0.0.
-double round_to(double value, int decimals) {
-    const double scale = std::pow(10.0, decimals);
-    const double rounded = std::round(value * scale) / scale;
-    return rounded == 0.0 ? 0.0 : rounded;
-}
+using qsfpd::units::round_to;
 
 }  // namespace
 
 double qsfp_optical_device_handler::temperature_celsius(std::int16_t raw) {
-    return round_to(raw / 256.0, 1);
+    return qsfpd::units::temperature_celsius(raw);
 }
 
 double qsfp_optical_device_handler::voltage_volts(std::uint16_t raw) {
-    return round_to(raw / 10000.0, 2);
+    return qsfpd::units::voltage_volts(raw);
 }
 
 double qsfp_optical_device_handler::bias_milliamps(std::uint16_t raw) {
-    return round_to(raw / 500.0, 2);
+    return qsfpd::units::bias_milliamps(raw);
 }
 
 double qsfp_optical_device_handler::power_dbm(std::uint16_t raw) {
-    if (raw == 0) return -99.0;
-    return round_to(10.0 * std::log10(raw / 10000.0), 1);
+    return qsfpd::units::power_dbm(raw);
 }
 
 qsfp_optical_device_handler::qsfp_optical_device_handler(

@@ -8,6 +8,7 @@
 #include <span>
 #include <string>
 
+#include "monitor_units.hpp"
 #include "msg_log.hpp"
 #include "optical_alarms.hpp"
 #include "qsfp_device_handler.hpp"
@@ -150,13 +151,5 @@ class qsfp_optical_device_handler : public qsfp_device_handler {
 
 template <class Lanes>
 double qsfp_optical_device_handler::total_power_dbm(const Lanes& raw_lane_powers) {
-    constexpr double no_light = -99.0;
-    constexpr double floor_dbm = -40.0;
-    double sum_mw = 0;
-    for (const auto raw : raw_lane_powers) {
-        if (raw == 0) return no_light;
-        sum_mw += raw / 10000.0;
-    }
-    const double dbm = std::round(10.0 * std::log10(sum_mw) * 10.0) / 10.0 + 0.0;  // no -0.0
-    return dbm <= floor_dbm ? no_light : dbm;
+    return qsfpd::units::total_power_dbm(raw_lane_powers);
 }
