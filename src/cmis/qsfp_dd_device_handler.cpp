@@ -513,6 +513,10 @@ void qsfp_dd_device_handler::set_application_code(const rapidjson::Document& doc
 }
 
 void qsfp_dd_device_handler::enter_low_power_for_reconfiguration() {
+    // A module heeds the LPMode line only with LowPwrAllowRequestHW set; some leave the factory
+    // without it, and would then be reconfigured at full power after a 6 s wait.
+    if (!reg_map_->get_dd_low_pwr_allow_request_hw())
+        reg_map_->set_dd_low_pwr_allow_request_hw(true);
     device_->pin_set(qsfpd::cage::line::lpmode, true);
     for (unsigned attempt = 0; attempt < low_power_wait_tries; ++attempt) {
         clock_->sleep_for(low_power_wait_step);

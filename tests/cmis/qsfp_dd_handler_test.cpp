@@ -1,0 +1,277 @@
+// The CMIS handlers against the emulator in virtual time: the advertisement decode, application
+// select with its refusals and read-back, transmitter and RX output controls, and the 4-lane
+// handler's alarms.
+
+#include <future>
+
+#include <fmt/format.h>
+
+#include "../handler/handler_test_support.hpp"
+#include "qsfp_dd_device_handler.hpp"
+#include "qsfp_dd_optical_4lane_device_handler.hpp"
+#include "qsfp_transport.hpp"
+
+namespace qsfpd::handler_test {
+namespace {
+
+// Page 10h / 11h bytes the tests look at.
+constexpr std::uint8_t staged_config = 145;  // DPConfigLane1..8
+constexpr std::uint8_t active_config = 206;  // active control set, lanes 1..8
+constexpr std::uint8_t tx_disable = 130;
+constexpr std::uint8_t rx_los_latched = 147;
+
+// The base CMIS handler on its own, its value group left idle so that virtual time moves only
+// when a test moves it.
+class test_dd_handler : public qsfp_dd_device_handler {
+  public:
+    using qsfp_dd_device_handler::qsfp_dd_device_handler;
+    void start() { qsfp_dd_device_handler::start(); }
+    using qsfp_dd_device_handler::_set_application_code;
+};
+
+class DdHandler : public handler_fixture {
+  protected:
+    std::shared_ptr<test_dd_handler> dd(std::string_view profile,
+                                        std::string part = "EMU-QDD-400G-FR4") {
+        insert(profile);
+        auto h = std::make_shared<test_dd_handler>(db, device, "qsfp", regs, "VENDOR", part,
+                                                   "PART NAME", "a description", qsfp_flags_s{},
+                                                   "optical", 3, 4, clock);
+        h->start();
+        return h;
+    }
+    std::array<std::uint8_t, 8> lanes(std::uint8_t page, std::uint8_t first) {
+        std::array<std::uint8_t, 8> out{};
+        for (unsigned i = 0; i < out.size(); ++i)
+            out[i] = module().peek({0, page}, static_cast<std::uint8_t>(first + i));
+        return out;
+    }
+    // Runs `op` on its own thread and moves virtual time until it is done (it sleeps on the
+    // clock while it waits for the module).
+    void while_time_moves(const std::function<void()>& op) {
+        auto done = std::async(std::launch::async, op);
+        while (done.wait_for(0ms) != std::future_status::ready) {
+            clock->wait_for_sleepers(1, 200ms);
+            clock->advance(100ms);
+        }
+        done.get();
+    }
+    void select(test_dd_handler& h, const std::string& json) {
+        while_time_moves([&] {
+            db.lookup("qsfp/command/applicationCompatibleSelect")
+                ->run("", parse(json), scratch.GetAllocator(), result);
+        });
+    }
+    static dh::json_value parse(const std::string& json) {
+        static rapidjson::Document doc;
+        doc.Parse(json.c_str());
+        return dh::json_value(doc, doc.GetAllocator());
+    }
+    rapidjson::Document scratch;
+    dh::json_value result;
+};
+
+TEST_F(DdHandler, TheApplicationListAgreesWithTheAdvertisementBytes) {
+    auto h = dd("qsfpdd_400g_fr4");
+    const auto apps = h->application_map();
+    ASSERT_EQ(apps.size(), 3u);
+    for (const auto& [number, app] : apps) {
+        const auto at = static_cast<std::uint8_t>(86 + 4 * (number - 1));
+        EXPECT_EQ(app.host.IdHex, fmt::format("{:X}", lower(at))) << number;
+        EXPECT_EQ(app.media.IdHex, fmt::format("{:X}", lower(at + 1))) << number;
+        EXPECT_EQ(app.host_lane_count, lower(at + 2) >> 4) << number;
+        EXPECT_EQ(app.media_lane_count, lower(at + 2) & 0x0F) << number;
+        EXPECT_EQ(app.host_lane_assignment, lower(at + 3)) << number;
+    }
+    EXPECT_EQ(apps.at(1).host.Interface, "400GAUI-8 C2M (Annex 120E)");
+    EXPECT_EQ(apps.at(1).media.Interface, "400G-FR4 MSA spec/400GBASE-FR4 (Clause 151)");
+    // C0h is a vendor code: no table knows it and no application file names it here.
+    EXPECT_EQ(apps.at(3).media.Interface, "Unknown");
+    EXPECT_EQ(values("alarm/readFromApplicationFile"), "true");
+    EXPECT_EQ(values("inventory/cmisVersion inventory/cmisMajorVersion data/applicationTotal"),
+              "\"4.0\" 4 3");
+    EXPECT_EQ(values("data/currentApplication"),
+              "{\"IdHex\":\"1D\",\"Interface\":\"400G-FR4 MSA spec/400GBASE-FR4 (Clause "
+              "151)\",\"Bitrate\":400,\"LaneCount\":4,\"LaneSignalRate\":53.125,\"Modulation\":"
+              "\"PAM4\",\"B/UI\":2.0,\"FEC\":\"RS(544,514)FEC\",\"LaneAssignment\":1,"
+              "\"EnhancedMode\":\"\",\"AppSel\":1}");
+}
+
+TEST_F(DdHandler, TheApplicationFileNamesAVendorCodeAndItsVersions) {
+    root.write("var/persistent/etc/application_list.json", R"({"version": 3, "CMISVer": "4.0",
+        "applicationTable": {"Custom": [{"ProductName": "EMU-QDD-400G-FR4", "ProductCodes": [
+        {"IdHex": "C0", "Interface": "400G-FR4-EXT", "bitrate": 400, "bitrate_org": 425,
+         "LaneCount": 4, "LaneSignallingRate": 53.125, "Modulation": "PAM4", "b/UI": 2,
+         "Enhanced_mode": ""}]}]}})");
+    auto h = dd("qsfpdd_400g_fr4");
+    EXPECT_EQ(h->application_map().at(3).media.Interface, "400G-FR4-EXT");
+    EXPECT_EQ(values("alarm/readFromApplicationFile data/applicationFileVersion "
+                     "data/applicationFileCMISVersion"),
+              "false \"3\" \"4.0\"");
+}
+
+TEST_F(DdHandler, ASparseAdvertisementAndAFlatMemoryModuleAreServed) {
+    auto sparse = dd("qsfpdd_dac_cisco_sparse", "68-103205-02");
+    const auto apps = sparse->application_map();
+    ASSERT_FALSE(apps.empty());
+    EXPECT_EQ(apps.begin()->second.host.Interface, "Unknown");  // host code 00h: undefined
+    sparse.reset();
+    db = dh_db{};
+
+    auto flat = dd("qsfpdd_dac_fithonteng_flat", "CU4EP54-01000-EF");
+    EXPECT_EQ(flat->application_map().at(1).media.Interface, "Copper cable");
+    EXPECT_EQ(error_of([&] { flat->get_lane_tx_enable(0); }).what(),
+              std::string("TX enable is not available on a flat-memory module"));
+    EXPECT_EQ(db.lookup("qsfp/data/pageDump/upperPage/1"), nullptr);
+}
+
+struct refusal {
+    const char* document;
+    const char* text;
+};
+
+class DdRefusals : public DdHandler, public ::testing::WithParamInterface<refusal> {};
+
+TEST_P(DdRefusals, LeaveTheModuleAsItWas) {
+    auto h = dd("qsfpdd_400g_fr4");
+    const auto staged = lanes(0x10, staged_config);
+    const auto active = lanes(0x11, active_config);
+    const auto error = error_of([&] { select(*h, GetParam().document); });
+    EXPECT_EQ(error.code(), dh::errc::invalid);
+    EXPECT_EQ(error.what(), std::string(GetParam().text));
+    EXPECT_EQ(lanes(0x10, staged_config), staged);
+    EXPECT_EQ(lanes(0x11, active_config), active);
+    EXPECT_FALSE(device->pin_get(cage::line::lpmode));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Select, DdRefusals,
+    ::testing::Values(refusal{R"({"app_select": 0, "service": "400G"})",
+                              "Invalid application code 0. Range [1-3]."},
+                      refusal{R"({"app_select": 4, "service": "400G"})",
+                              "Invalid application code 4. Range [1-3]."},
+                      refusal{R"({"app_select": -1, "service": "400G"})",
+                              "Invalid application code -1. Range [1-3]."},
+                      refusal{R"({"app_select": 2, "service": "800G"})",
+                              "Invalid service 800G. Service not handled!"},
+                      refusal{R"({"app_select": 2})", "Invalid json structure."},
+                      refusal{R"({"app_select": "2", "service": "400G"})",
+                              "Invalid json structure."},
+                      refusal{R"([2, "400G"])", "Invalid json structure."}));
+
+TEST_F(DdHandler, SelectingAnApplicationChangesTheActiveSetAndARepeatIsSkipped) {
+    auto h = dd("qsfpdd_400g_fr4");
+    const auto started = clock->now();
+    select(*h, R"({"app_select": 2, "service": "4x100GbE-4x100GbE"})");
+    // 100GAUI-2 on host lanes 1-2, 3-4, 5-6, 7-8: four data paths of application 2.
+    EXPECT_EQ(lanes(0x11, active_config),
+              (std::array<std::uint8_t, 8>{0x20, 0x20, 0x22, 0x22, 0x24, 0x24, 0x26, 0x26}));
+    EXPECT_EQ(values("data/applicationCode"), "2");
+    EXPECT_FALSE(device->pin_get(cage::line::lpmode));
+    EXPECT_LT(clock->now() - started, 6100ms);  // the module reached low power early
+    expect_logged("Setting application", {"Setting application code to 2 with service "
+                                          "4x100GbE-4x100GbE"});
+    EXPECT_TRUE(logged("Application code").empty());
+
+    select(*h, R"({"app_select": 2, "service": "4x100GbE-4x100GbE"})");
+    expect_logged("Setting application",
+                  {"Setting application code to 2 with service 4x100GbE-4x100GbE",
+                   "Setting application code 2. But app is already configured. Skip operation"});
+}
+
+TEST_F(DdHandler, AModuleThatNeverReachesLowPowerIsReconfiguredAfterSixtyOneTries) {
+    auto h = dd("qsfpdd_400g_fr4");
+    module().force_fault();
+    const auto started = clock->now();
+    while_time_moves([&] { h->_set_application_code(2, "1x100GbE-1x100GbE"); });
+    EXPECT_GE(clock->now() - started, 6100ms);
+    EXPECT_EQ(lanes(0x10, staged_config)[0], 0x20);
+    // A module in fault runs nothing: the read-back says so once.
+    EXPECT_EQ(logged("Application code").size(), 1u);
+}
+
+TEST_F(DdHandler, AModuleThatKeepsItsOldActiveSetIsReported) {
+    auto profile = emu::module_profile::load_named("qsfpdd_400g_fr4");
+    profile.config_success_keeps_old_active_set = true;
+    const auto settle = profile.i2c_not_ready + profile.power_up;
+    cage_emu->insert(std::move(profile));
+    clock->advance(settle);
+    device = std::make_shared<cage::qsfp_device>("qsfp3", cage_emu);
+    regs = std::make_shared<cage::qsfp_reg_map>(*device);
+    auto h = std::make_shared<test_dd_handler>(db, device, "qsfp", regs, "VENDOR",
+                                               "EMU-QDD-400G-FR4", "PART NAME", "d",
+                                               qsfp_flags_s{}, "optical", 3, 4, clock);
+    h->start();
+    select(*h, R"({"app_select": 2, "service": "100G"})");
+    expect_logged("Application code", {"Application code 2 not taken by the module, config "
+                                       "status ConfigSuccess, active application 1 qsfp3"});
+    EXPECT_EQ(values("data/applicationCode"), "1");
+}
+
+TEST_F(DdHandler, AnApplicationChangeDoesNotStallReadsOfStoredValues) {
+    auto h = dd("qsfpdd_400g_fr4");
+    module().force_fault();  // the full 6.1 s wait, holding the handler
+    auto change = std::async(std::launch::async,
+                             [&] { h->_set_application_code(2, "1x100GbE-1x100GbE"); });
+    ASSERT_TRUE(clock->wait_for_sleepers(1));
+    EXPECT_EQ(values("inventory/cmisVersion data/rxOutputPreCursorSupported"), "\"4.0\" true");
+    while (change.wait_for(0ms) != std::future_status::ready) {
+        clock->wait_for_sleepers(1, 200ms);
+        clock->advance(100ms);
+    }
+    change.get();
+}
+
+TEST_F(DdHandler, TransmitterAndRxOutputControlsReachTheRegisters) {
+    auto h = dd("qsfpdd_400g_fr4");
+    EXPECT_TRUE(h->set_lane_tx_enable(1, false));
+    EXPECT_EQ(module().peek({0, 0x10}, tx_disable), 0x02);
+    EXPECT_EQ(values("data/lane/2/txEnable data/txEnabledCompletely"), "false false");
+    EXPECT_EQ(error_of([&] { h->set_lane_tx_enable(4, true); }).what(),
+              std::string("TX lane 4 not available qsfp3"));
+    h->set_tx_enable(true);
+    h->set_tx_enable(true);
+    expect_logged("TX", {"TX lane 1 disabled qsfp3", "TX lane 4 not available qsfp3",
+                         "TX enbled qsfp3", "TX already enabled qsfp3"});
+
+    h->set_rx_output_pre_cursor_control(7);
+    h->set_rx_output_amplitude_control(3);
+    EXPECT_EQ(module().peek({0, 0x11}, 223), 0x77);
+    EXPECT_EQ(module().peek({0, 0x11}, 231), 0x33);
+    EXPECT_EQ(values("data/lane/4/rxOutputPreCursorControlId data/lane/1/"
+                     "rxOutputAmplitudeControlId"),
+              "7 3");
+    EXPECT_EQ(error_of([&] { h->set_rx_output_pre_cursor_control(8); }).what(),
+              std::string("Invalid pre-cursor id: 8 range is 0 to 7"));
+    EXPECT_EQ(error_of([&] { h->set_rx_output_amplitude_control(4); }).what(),
+              std::string("Invalid amplitude id: 4 range is 0 to 3"));
+    EXPECT_EQ(module().peek({0, 0x10}, 162), 0x77);
+}
+
+TEST_F(DdHandler, TheFourLaneHandlerSuppressesALosFlapOnOneLane) {
+    insert("qsfpdd_400g_fr4");
+    auto h = std::make_shared<qsfp_dd_optical_4lane_device_handler>(
+        db, device, "qsfp", regs, "VENDOR", "EMU-QDD-400G-FR4", "PART NAME", "d", qsfp_flags_s{},
+        3, 4, clock);
+    h->start();
+    EXPECT_EQ(values("inventory/device_handler data/moduleState"),
+              "\"qsfp_dd_optical_4lane_dh\" \"ModuleReady\"");
+    // Twelve transitions on lane 3 within a few cycles, then quiet for ten buckets.
+    for (int i = 0; i < 12; ++i) {
+        if (i % 2 == 0) module().poke({0, 0x11}, rx_los_latched, 0x04);
+        h->run_periodic_tasks();
+    }
+    for (int i = 0; i < 110; ++i)
+        h->run_periodic_tasks();
+    const texts los = logged("LOS");
+    ASSERT_GE(los.size(), 3u);
+    EXPECT_EQ(los.front(), "LOS detected qsfp3");
+    EXPECT_NE(std::find(los.begin(), los.end(),
+                        "LOS event suppression mode entered, LOS detected qsfp3"),
+              los.end());
+    EXPECT_EQ(los.back(), "LOS event suppression mode exited, LOS not detected qsfp3");
+    EXPECT_EQ(severity("lossOfSignal"), 0);
+}
+
+}  // namespace
+}  // namespace qsfpd::handler_test
