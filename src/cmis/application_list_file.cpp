@@ -201,11 +201,13 @@ application_file_contents application_list_file::read_text(std::string_view text
         MSG_LOG(msg_log::warning, log_tag)
             << "Application json file does not follow correct json setup. expected key " << key;
     };
+    if (!document.IsObject()) {
+        expected_key(table_key);
+        return contents;
+    }
     const auto table =
-        document.IsObject()
-            ? document.FindMember(rapidjson::StringRef(table_key.data(), table_key.size()))
-            : document.MemberEnd();
-    if (!document.IsObject() || table == document.MemberEnd() || !table->value.IsObject()) {
+        document.FindMember(rapidjson::StringRef(table_key.data(), table_key.size()));
+    if (table == document.MemberEnd() || !table->value.IsObject()) {
         expected_key(table_key);
         return contents;
     }
