@@ -77,7 +77,7 @@ const std::vector<check_case> cases{
       "daemon takes code \"C0\" as not enhanced)",
       "5:2: warning: expected each code once per product, found \"C0\" of \"P\" again, first at "
       "3:2 (the daemon keeps the first)",
-      "7:2: expected member \"LaneSignallingRate\" (a number, not negative), found a code "
+      "7:2: expected member \"LaneSignallingRate\" (a non-negative number), found a code "
       "without it (the daemon skips code \"C1\")",
       "7:18: warning: expected \"LaneSignallingRate\", found \"LaneSignalRate\" (the daemon "
       "ignores unknown keys)",

@@ -20,7 +20,7 @@ std::string value_wanted(cmis::code_value type) {
         case cmis::code_value::whole:
             return "a whole number 0 to 65535";
         case cmis::code_value::real:
-            return "a number, not negative";
+            return "a non-negative number";
     }
     return {};
 }
