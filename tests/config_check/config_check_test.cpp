@@ -233,7 +233,8 @@ TEST(ConfigCheckFiles, KindByOptionNameOrContentEveryFileCheckedAndTheWorstStatu
     // Nothing tells what "{}" in b.json is meant to be.
     const auto unknown = run({empty});
     EXPECT_EQ(unknown.status, 2);
-    EXPECT_THAT(unknown.err, ::testing::HasSubstr("name it with --kind (qsfp-catalogue)"));
+    EXPECT_THAT(unknown.err,
+                ::testing::HasSubstr("name it with --kind (qsfp-catalogue, application-list)"));
     EXPECT_EQ(run({"--kind", "qsfp-catalogue", empty}).status, 0);
     EXPECT_EQ(run({"--kind=qsfp-catalogue", empty}).status, 0);
     EXPECT_EQ(run({"--kind", "sfp", empty}).status, 2);

@@ -3,6 +3,7 @@
 #include <array>
 #include <filesystem>
 
+#include "application_list_checker.hpp"
 #include "qsfp_catalogue_checker.hpp"
 
 namespace config_check {
@@ -12,6 +13,9 @@ constexpr std::array kinds{
     file_kind{"qsfp-catalogue", "/etc/transceiver_qsfp.json",
               "the QSFP transceiver catalogue: handler lists by vendor and part number",
               &qsfp_catalogue_checker::recognises, &qsfp_catalogue_checker::check},
+    file_kind{"application-list", "/var/persistent/etc/application_list.json",
+              "the operator's custom CMIS media codes by module part number",
+              &application_list_checker::recognises, &application_list_checker::check},
 };
 
 }  // namespace

@@ -30,11 +30,11 @@ class outline_builder {
         nodes_.back().boolean = value;
         return true;
     }
-    bool Int(int) { return scalar(json_type::number); }
-    bool Uint(unsigned) { return scalar(json_type::number); }
-    bool Int64(std::int64_t) { return scalar(json_type::number); }
-    bool Uint64(std::uint64_t) { return scalar(json_type::number); }
-    bool Double(double) { return scalar(json_type::number); }
+    bool Int(int value) { return number(static_cast<double>(value)); }
+    bool Uint(unsigned value) { return number(static_cast<double>(value)); }
+    bool Int64(std::int64_t value) { return number(static_cast<double>(value)); }
+    bool Uint64(std::uint64_t value) { return number(static_cast<double>(value)); }
+    bool Double(double value) { return number(value); }
     bool RawNumber(const char*, rapidjson::SizeType, bool) { return scalar(json_type::number); }
     bool String(const char* text, rapidjson::SizeType length, bool) {
         scalar(json_type::string);
@@ -87,6 +87,13 @@ class outline_builder {
             parent.last_child = index;
         }
         nodes_.push_back(std::move(node));
+    }
+
+    // As rapidjson::Value::GetDouble gives it.
+    bool number(double value) {
+        scalar(json_type::number);
+        nodes_.back().number = value;
+        return true;
     }
 
     bool scalar(json_type type) {

@@ -25,6 +25,7 @@ struct json_node {
     std::size_t key_begin = 0;
     std::string text;  // a string's value
     bool boolean = false;
+    double number = 0;  // a number's value, as the daemon's parser reads it
     std::size_t first_child = no_node;
     std::size_t next_sibling = no_node;
 };
