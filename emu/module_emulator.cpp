@@ -26,14 +26,35 @@ constexpr std::uint8_t low_pwr_allow_request_hw = 0x40;
 constexpr std::uint8_t low_pwr_request_sw = 0x10;
 constexpr std::uint8_t software_reset = 0x08;
 
-// CMIS page 10h (lane control, banked): byte 128 DataPathDeinit, byte 130 OutputDisableTx.
-// Page 11h (lane status, banked): 128..131 data path state, 4 bits per lane (1 DPDeactivated,
-// 4 DPActivated), flags 134..152 latched, monitors TX power 154, bias 170, RX power 186.
+// CMIS page 10h (lane control, bank 0 for host lanes 1..8): 128 DataPathDeinit (DataPathPwrUp,
+// the inverse, before revision 4.0), 130 OutputDisableTx, staged control set 0: 143 ApplyDPInit
+// and 144 ApplyImmediate (lane masks, write-only), 145..152 DPConfig per lane (AppSel bits 7..4,
+// DataPathID bits 3..1, ExplicitControl bit 0), RX output EQ targets 162 pre-cursor, 166
+// post-cursor, 170 amplitude (a nibble per lane, lane 1 in the low nibble).
+// Page 11h (lane status): 128..131 data path state and 202..205 ConfigStatus (a nibble per lane),
+// flags 134..152 latched, monitors TX power 154, bias 170, RX power 186, active control set
+// 206..213 (DPConfig) and 223/227/231 (RX output EQ).
+// Page 01h byte 144: DPDeinit (bits 7..4) and DPInit (bits 3..0) maximum duration codes.
+constexpr page_id lane_control{0, 0x10};
+constexpr page_id lane_status{0, 0x11};
+constexpr page_id advertising{0, 0x01};
 constexpr std::uint8_t dp_deinit = 128;
 constexpr std::uint8_t output_disable_tx = 130;
-constexpr std::uint8_t dp_state = 128;
-constexpr std::uint8_t dp_deactivated = 1;
-constexpr std::uint8_t dp_activated = 4;
+constexpr std::uint8_t apply_dp_init_at = 143;
+constexpr std::uint8_t apply_immediate_at = 144;
+constexpr std::uint8_t staged_config = 145;
+constexpr std::uint8_t staged_si = 162;
+constexpr std::uint8_t dp_state_at = 128;
+constexpr std::uint8_t config_status_at = 202;
+constexpr std::uint8_t active_config = 206;
+constexpr std::uint8_t active_si = 223;
+constexpr std::uint8_t dp_durations = 144;
+constexpr unsigned host_lanes = 8;
+
+// Upper bounds of the duration codes 0..12 in ms (< 1 ms, < 5 ms, ... < 50 min); a module takes
+// just under its bound.
+constexpr std::array<std::int64_t, 13> duration_bound_ms{
+    1, 5, 10, 50, 100, 500, 1000, 5000, 10000, 60000, 300000, 600000, 3000000};
 
 // SFF-8636 lower page: byte 2 bit 0 Data_Not_Ready, bytes 3..21 latched flags (byte 6 bit 0
 // initialization complete), byte 86 TX disable, byte 93 power control: bit 0 Power_override,
@@ -147,6 +168,17 @@ void module_emulator::build_memories() {
             // The trigger bit reads back as 0.
             mem.set_writable(lower, cmis_global_controls, cmis_global_controls,
                              static_cast<std::uint8_t>(~software_reset));
+            if (mem.has_page(lane_control) && mem.has_page(lane_status)) {
+                // The apply triggers are write-only: the host reads 0.
+                mem.set_writable(lane_control, apply_dp_init_at, apply_immediate_at, 0);
+                mem.on_write(lane_control, apply_dp_init_at, apply_immediate_at,
+                             [this](page_id, std::uint8_t offset, std::uint8_t value) {
+                                 if (offset == apply_dp_init_at)
+                                     apply_dp_init(value, clock_->now());
+                                 else
+                                     apply_immediate(value);
+                             });
+            }
             break;
         case module_family::sff8472_converter:
             break;
@@ -185,6 +217,8 @@ void module_emulator::restart(clock::time_point now) {
     last_request_ = false;
     request_since_ = now;
     data_ready_ = false;
+    dp_ = {};
+    cmis_flat_ = profile_.family == module_family::cmis && (profile_.image().lower[2] & 0x80);
     live_ = {};
     for (auto& f : flaps_) {
         f.start = now;
@@ -277,25 +311,35 @@ void module_emulator::enter(cmis_state s, clock::time_point at) {
     const std::uint8_t b3 = mem.peek(lower, cmis_state_byte);
     mem.poke(lower, cmis_state_byte,
              static_cast<std::uint8_t>((b3 & ~0x0e) | (static_cast<std::uint8_t>(s) << 1)));
-    // Data path state per lane follows the module state (no staged application select yet).
-    for (const auto& page : mem.pages()) {
-        if (page.page != 0x11) continue;
-        const page_id control{page.bank, 0x10};
-        const std::uint8_t deinit = mem.has_page(control) ? mem.peek(control, dp_deinit) : 0;
-        for (unsigned lane = 0; lane < 8; ++lane) {
-            const bool active = s == cmis_state::ready && !(deinit & (1u << lane));
-            const std::uint8_t nibble = active ? dp_activated : dp_deactivated;
-            const auto at_byte = static_cast<std::uint8_t>(dp_state + lane / 2);
-            std::uint8_t v = mem.peek(page, at_byte);
-            v = lane % 2 ? static_cast<std::uint8_t>((v & 0x0f) | nibble << 4)
-                         : static_cast<std::uint8_t>((v & 0xf0) | nibble);
-            mem.poke(page, at_byte, v);
+    if (!has_data_paths()) return;
+    // Data paths run only in ModuleReady; leaving it stops them at once, and an accepted
+    // configuration still reaches the active set.
+    for (unsigned lane = 0; lane < host_lanes; ++lane) {
+        auto& l = dp_[lane];
+        if (s == cmis_state::ready) {
+            if (dp_should_run(lane) && l.state == dp_state::deactivated && !l.checking) {
+                l.state = dp_state::init;
+                l.until = at + dp_duration(true);
+            }
+        } else {
+            if (l.pending) commit(lane);
+            l.state = dp_state::deactivated;
         }
     }
+    show_lanes();
 }
 
 void module_emulator::advance_cmis(clock::time_point now) {
     const auto ready_at = epoch_ + profile_.i2c_not_ready;
+    if (cmis_flat_) {
+        // A flat-memory module (passive copper) has no module state machine: byte 3 stays as
+        // the module's image shows it.
+        if (now >= ready_at) {
+            cmis_initialised_ = true;
+            state_ = cmis_state::ready;
+        }
+        return;
+    }
     if (!cmis_initialised_) {
         if (now < ready_at) return;
         // MgmtInit ends when the module starts answering; it then sits in ModuleLowPwr.
@@ -321,7 +365,10 @@ void module_emulator::advance_cmis(clock::time_point now) {
             } else if (state_ == cmis_state::pwr_up && now >= state_since_ + profile_.power_up) {
                 enter(cmis_state::ready, state_since_ + profile_.power_up);
             } else if (state_ == cmis_state::ready && last_request_) {
-                enter(cmis_state::pwr_dn, since);
+                // ModuleReady is left once every data path has deinitialised.
+                const auto quiet = deinit_lanes(since);
+                if (now < quiet) break;
+                enter(cmis_state::pwr_dn, quiet);
             } else if (state_ == cmis_state::pwr_dn && now >= state_since_ + profile_.power_down) {
                 enter(cmis_state::low_pwr, state_since_ + profile_.power_down);
             } else {
@@ -399,9 +446,13 @@ bool module_emulator::tx_on_now(unsigned lane) {
         case module_family::cmis: {
             const page_id control{static_cast<std::uint8_t>(lane / 8), 0x10};
             if (!mem.has_page(control)) return true;
-            const unsigned bit = 1u << (lane % 8);
-            return !(mem.peek(control, output_disable_tx) & bit) &&
-                   !(mem.peek(control, dp_deinit) & bit);
+            if (mem.peek(control, output_disable_tx) & (1u << (lane % 8))) return false;
+            if (!has_data_paths()) return true;
+            // Media lane to the first host lane of its share of the 8 host lanes (FR4: media
+            // lane 2 is fed by host lanes 3 and 4).
+            const unsigned host =
+                profile_.lanes <= host_lanes ? lane * host_lanes / profile_.lanes : lane % 8;
+            return dp_[host].state == dp_state::activated;
         }
         case module_family::sff8472_converter: {
             if (sfp_tx_disable_) return false;
@@ -655,6 +706,10 @@ void module_emulator::service() {
     switch (profile_.family) {
         case module_family::cmis:
             advance_cmis(now);
+            if (has_data_paths() && cmis_initialised_) {
+                advance_lanes(now);
+                show_lanes();
+            }
             break;
         case module_family::sff8636:
             advance_sff8636(now);
@@ -863,8 +918,9 @@ void module_emulator::update_interrupt() {
     auto& mem = memories_.at(a0);
     const bool asserted = mem.any_latched();
     const std::uint8_t offset = profile_.family == module_family::sff8636 ? sff_status
-                                : profile_.family == module_family::cmis  ? cmis_state_byte
-                                                                          : 0;
+                                : profile_.family == module_family::cmis && !cmis_flat_
+                                    ? cmis_state_byte
+                                    : 0;
     const std::uint8_t bit = profile_.family == module_family::sff8636 ? 0x02 : 0x01;
     if (offset == 0) return;
     if (asserted)
@@ -893,6 +949,233 @@ void module_emulator::refresh_lane_status() {
             mem.latch(page, 132, bit);
         else
             mem.clear_bits(page, 132, bit);
+    }
+}
+
+// --- CMIS data paths and staged control set 0 ---------------------------------------------------
+
+bool module_emulator::has_data_paths() const {
+    if (profile_.family != module_family::cmis || cmis_flat_) return false;
+    const auto& mem = memories_.at(a0);
+    return mem.has_page(lane_control) && mem.has_page(lane_status);
+}
+
+clock::duration module_emulator::dp_duration(bool init) const {
+    const auto& mem = memories_.at(a0);
+    if (!mem.has_page(advertising)) return {};
+    const std::uint8_t codes = mem.peek(advertising, dp_durations);
+    const unsigned code = init ? codes & 0x0f : codes >> 4;
+    if (code >= duration_bound_ms.size()) return {};
+    return std::chrono::milliseconds(duration_bound_ms[code] - 1);
+}
+
+bool module_emulator::dp_held(unsigned lane) const {
+    // Revision 3.x calls the bit DataPathPwrUp: set means run.
+    const auto& mem = memories_.at(a0);
+    const bool bit = mem.peek(lane_control, dp_deinit) & (1u << lane);
+    return (mem.peek(lower, 1) >> 4) < 4 ? !bit : bit;
+}
+
+bool module_emulator::dp_should_run(unsigned lane) const {
+    // A lane runs with an application in the active set, in ModuleReady, unless held.
+    return state_ == cmis_state::ready && !last_request_ && !dp_held(lane) &&
+           (memories_.at(a0).peek(lane_status, static_cast<std::uint8_t>(active_config + lane)) >>
+            4) != 0;
+}
+
+namespace {
+
+struct app_descriptor {
+    std::uint8_t host = 0, media = 0, lane_counts = 0, host_assignment = 0;
+};
+
+// Application `n` (1..15) if the module advertises it: before the descriptor whose host
+// interface code is FFh (end of list), with a defined host interface and host lane count.
+// Descriptors 1..8 are in lower 86.., 9..15 in page 01h 223...
+std::optional<app_descriptor> advertised_app(const module_memory& mem, unsigned n) {
+    if (n == 0 || n > 15) return std::nullopt;
+    app_descriptor d;
+    for (unsigned k = 1; k <= n; ++k) {
+        page_id page{};
+        unsigned at = 86 + 4 * (k - 1);
+        if (k > 8) {
+            if (!mem.has_page(advertising)) return std::nullopt;
+            page = advertising;
+            at = 223 + 4 * (k - 9);
+        }
+        d = {mem.peek(page, static_cast<std::uint8_t>(at)),
+             mem.peek(page, static_cast<std::uint8_t>(at + 1)),
+             mem.peek(page, static_cast<std::uint8_t>(at + 2)),
+             mem.peek(page, static_cast<std::uint8_t>(at + 3))};
+        if (d.host == 0xff) return std::nullopt;
+    }
+    if (d.host == 0x00 || (d.lane_counts >> 4) == 0) return std::nullopt;
+    return d;
+}
+
+std::uint8_t nibble(std::uint8_t v, unsigned lane) {
+    return lane % 2 ? static_cast<std::uint8_t>(v >> 4) : static_cast<std::uint8_t>(v & 0x0f);
+}
+
+std::uint8_t with_nibble(std::uint8_t v, unsigned lane, std::uint8_t n) {
+    return lane % 2 ? static_cast<std::uint8_t>((v & 0x0f) | (n << 4))
+                    : static_cast<std::uint8_t>((v & 0xf0) | (n & 0x0f));
+}
+
+}  // namespace
+
+void module_emulator::apply_dp_init(std::uint8_t mask, clock::time_point now) {
+    auto& mem = memories_.at(a0);
+    std::array<std::uint8_t, host_lanes> staged{};
+    for (unsigned lane = 0; lane < host_lanes; ++lane)
+        staged[lane] = mem.peek(lane_control, static_cast<std::uint8_t>(staged_config + lane));
+    const auto appsel = [&](unsigned lane) { return staged[lane] >> 4; };
+    const auto first_lane = [&](unsigned lane) { return (staged[lane] >> 1) & 0x07u; };
+    for (unsigned lane = 0; lane < host_lanes; ++lane) {
+        if (!(mask & (1u << lane))) continue;
+        config_status verdict = config_status::success;
+        if (appsel(lane) != 0) {
+            // The data path: every staged lane naming the same first lane.
+            const unsigned first = first_lane(lane);
+            unsigned members = 0;
+            bool mixed = false;
+            for (unsigned other = 0; other < host_lanes; ++other)
+                if (appsel(other) != 0 && first_lane(other) == first) {
+                    members |= 1u << other;
+                    mixed = mixed || appsel(other) != appsel(lane);
+                }
+            const auto app = advertised_app(mem, appsel(lane));
+            if (!app) {
+                verdict = config_status::invalid_appsel;
+            } else if ((members & mask) != members) {
+                verdict = config_status::partial_data_path;
+            } else {
+                const unsigned count = app->lane_counts >> 4;
+                const unsigned wanted = ((1u << count) - 1) << first;
+                // No start lane advertised at all (a real cable does that) is read as lane 1.
+                const unsigned starts = app->host_assignment ? app->host_assignment : 0x01;
+                if (mixed || members != wanted || first + count > host_lanes ||
+                    !(starts & (1u << first)))
+                    verdict = config_status::invalid_data_path;
+            }
+        }
+        auto& l = dp_[lane];
+        l.checking = true;
+        l.checked_at = now + profile_.config_check;
+        l.pending = false;
+        l.verdict = verdict;
+        l.config = staged[lane];
+        for (unsigned k = 0; k < 3; ++k)
+            l.si[k] = nibble(
+                mem.peek(lane_control, static_cast<std::uint8_t>(staged_si + 4 * k + lane / 2)),
+                lane);
+    }
+    show_lanes();
+}
+
+void module_emulator::apply_immediate(std::uint8_t mask) {
+    auto& mem = memories_.at(a0);
+    for (unsigned lane = 0; lane < host_lanes; ++lane) {
+        if (!(mask & (1u << lane))) continue;
+        for (unsigned k = 0; k < 3; ++k) {
+            const auto from = static_cast<std::uint8_t>(staged_si + 4 * k + lane / 2);
+            const auto to = static_cast<std::uint8_t>(active_si + 4 * k + lane / 2);
+            mem.poke(lane_status, to,
+                     with_nibble(mem.peek(lane_status, to), lane,
+                                 nibble(mem.peek(lane_control, from), lane)));
+        }
+        if (!dp_[lane].checking && !dp_[lane].pending) dp_[lane].status = config_status::success;
+    }
+    show_lanes();
+}
+
+void module_emulator::commit(unsigned lane) {
+    auto& l = dp_[lane];
+    l.pending = false;
+    l.status = config_status::success;
+    if (profile_.config_success_keeps_old_active_set) return;
+    auto& mem = memories_.at(a0);
+    mem.poke(lane_status, static_cast<std::uint8_t>(active_config + lane), l.config);
+    for (unsigned k = 0; k < 3; ++k) {
+        const auto to = static_cast<std::uint8_t>(active_si + 4 * k + lane / 2);
+        mem.poke(lane_status, to, with_nibble(mem.peek(lane_status, to), lane, l.si[k]));
+    }
+}
+
+clock::time_point module_emulator::deinit_lanes(clock::time_point at) {
+    auto quiet = at;
+    if (!has_data_paths()) return quiet;
+    for (auto& l : dp_) {
+        if (l.state == dp_state::init || l.state == dp_state::activated) {
+            l.state = dp_state::deinit;
+            l.until = at + dp_duration(false);
+        }
+        if (l.state == dp_state::deinit) quiet = std::max(quiet, l.until);
+    }
+    show_lanes();
+    return quiet;
+}
+
+void module_emulator::advance_lanes(clock::time_point now) {
+    for (unsigned lane = 0; lane < host_lanes; ++lane) {
+        auto& l = dp_[lane];
+        for (;;) {
+            const bool timed = l.state == dp_state::init || l.state == dp_state::deinit;
+            // The earlier of the two timed events first.
+            if (l.checking && now >= l.checked_at && !(timed && l.until < l.checked_at)) {
+                l.checking = false;
+                if (l.verdict != config_status::success) {
+                    l.status = l.verdict;  // a rejection changes nothing else
+                } else if (l.state == dp_state::deactivated) {
+                    commit(lane);
+                    if (dp_should_run(lane)) {
+                        l.state = dp_state::init;
+                        l.until = l.checked_at + dp_duration(true);
+                    }
+                } else {
+                    // Re-init with the new configuration: deinit first.
+                    l.pending = true;
+                    if (l.state != dp_state::deinit) {
+                        l.state = dp_state::deinit;
+                        l.until = l.checked_at + dp_duration(false);
+                    }
+                }
+            } else if (l.state == dp_state::init && now >= l.until) {
+                l.state = dp_state::activated;
+            } else if (l.state == dp_state::deinit && now >= l.until) {
+                l.state = dp_state::deactivated;
+                if (l.pending) commit(lane);
+                if (dp_should_run(lane) && !l.checking) {
+                    l.state = dp_state::init;
+                    l.until = l.until + dp_duration(true);
+                }
+            } else if (l.state == dp_state::deactivated && !l.checking && dp_should_run(lane)) {
+                l.state = dp_state::init;
+                l.until = now + dp_duration(true);
+            } else if ((l.state == dp_state::init || l.state == dp_state::activated) &&
+                       !dp_should_run(lane)) {
+                l.state = dp_state::deinit;
+                l.until = now + dp_duration(false);
+            } else {
+                break;
+            }
+        }
+    }
+}
+
+void module_emulator::show_lanes() {
+    auto& mem = memories_.at(a0);
+    for (unsigned lane = 0; lane < host_lanes; ++lane) {
+        const auto& l = dp_[lane];
+        const auto state_at = static_cast<std::uint8_t>(dp_state_at + lane / 2);
+        const auto status_at = static_cast<std::uint8_t>(config_status_at + lane / 2);
+        const auto status = l.checking || l.pending ? config_status::in_progress : l.status;
+        mem.poke(
+            lane_status, state_at,
+            with_nibble(mem.peek(lane_status, state_at), lane, static_cast<std::uint8_t>(l.state)));
+        mem.poke(
+            lane_status, status_at,
+            with_nibble(mem.peek(lane_status, status_at), lane, static_cast<std::uint8_t>(status)));
     }
 }
 

@@ -27,6 +27,25 @@ enum class cmis_state : std::uint8_t {
     fault = 5,
 };
 
+// CMIS data path state of a host lane, page 11h bytes 128..131, one nibble per lane.
+enum class dp_state : std::uint8_t {
+    deactivated = 1,
+    init = 2,
+    deinit = 3,
+    activated = 4,
+};
+
+// CMIS ConfigStatus of a host lane, page 11h bytes 202..205, one nibble per lane.
+enum class config_status : std::uint8_t {
+    undefined = 0,
+    success = 1,
+    rejected = 2,
+    invalid_appsel = 3,
+    invalid_data_path = 4,
+    partial_data_path = 7,
+    in_progress = 12,
+};
+
 // Per-lane conditions the emulator can drive (live state and latched flag).
 enum class lane_flag { tx_fault, tx_los, tx_lol, rx_los, rx_lol };
 inline constexpr std::size_t lane_flag_count = 5;
@@ -145,6 +164,28 @@ class module_emulator {
     void install_dsp_behaviour();
     void build_memories();
     void advance_cmis(clock::time_point now);
+    // CMIS data paths (host lanes of bank 0) and staged control set 0.
+    struct dp_lane {
+        dp_state state = dp_state::deactivated;
+        clock::time_point until{};  // end of DPInit or DPDeinit
+        bool checking = false;      // an ApplyDPInit in ConfigInProgress
+        clock::time_point checked_at{};
+        bool pending = false;  // accepted, waiting for the data path to deinit
+        config_status verdict = config_status::undefined;
+        config_status status = config_status::undefined;
+        std::uint8_t config = 0;           // DPConfig staged at the apply
+        std::array<std::uint8_t, 3> si{};  // RX output EQ nibbles staged at the apply
+    };
+    bool has_data_paths() const;
+    clock::duration dp_duration(bool init) const;
+    bool dp_held(unsigned lane) const;
+    bool dp_should_run(unsigned lane) const;
+    void apply_dp_init(std::uint8_t mask, clock::time_point now);
+    void apply_immediate(std::uint8_t mask);
+    void commit(unsigned lane);
+    void advance_lanes(clock::time_point now);
+    clock::time_point deinit_lanes(clock::time_point at);
+    void show_lanes();
     void enter(cmis_state s, clock::time_point at);
     bool low_power_requested();
     void advance_sff8636(clock::time_point now);
@@ -178,6 +219,9 @@ class module_emulator {
     clock::time_point state_since_{};
     bool last_request_ = false;
     clock::time_point request_since_{};
+
+    bool cmis_flat_ = false;  // CMIS flat memory (lower byte 2 bit 7): passive, no state machine
+    std::array<dp_lane, 8> dp_{};
 
     bool data_ready_ = false;  // SFF-8636 Data_Not_Ready cleared / SFF-8472 Data_Ready_Bar
 

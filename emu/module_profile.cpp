@@ -283,6 +283,13 @@ module_profile module_profile::parse(std::string_view json, std::string_view ori
         p.power_down = ms_or(b, "power_down_ms", p.power_down, origin);
         p.monitor_period = ms_or(b, "monitor_period_ms", p.monitor_period, origin);
         if (p.monitor_period.count() == 0) fail(origin, "monitor_period_ms", "must be > 0");
+        p.config_check = ms_or(b, "config_check_ms", p.config_check, origin);
+        if (auto q = b.FindMember("config_success_keeps_old_active_set"); q != b.MemberEnd()) {
+            if (!q->value.IsBool())
+                fail(origin, "behaviour.config_success_keeps_old_active_set",
+                     "must be true or false");
+            p.config_success_keeps_old_active_set = q->value.GetBool();
+        }
         if (auto u = b.FindMember("unsupported_page"); u != b.MemberEnd()) {
             const std::string_view v = u->value.IsString() ? u->value.GetString() : "";
             if (v == "reject")

@@ -57,6 +57,10 @@ struct module_profile {
     std::chrono::milliseconds power_up{1000};       // CMIS ModulePwrUp; SFF-8636 Data_Not_Ready
     std::chrono::milliseconds power_down{100};      // CMIS ModulePwrDn
     std::chrono::milliseconds monitor_period{100};  // monitors refresh (new noise sample)
+    std::chrono::milliseconds config_check{10};     // CMIS ConfigInProgress after an apply
+    // Quirk seen on real CMIS modules: ApplyDPInit answers ConfigSuccess but the active control
+    // set keeps its old content.
+    bool config_success_keeps_old_active_set = false;
 
     monitor_model temperature_c{35.0, 0.5};
     monitor_model vcc_v{3.3, 0.01};

@@ -354,12 +354,14 @@ def dac():
 
 # --- CMIS -----------------------------------------------------------------------------------
 
-CMIS_WRITABLE = [
+CMIS_WRITABLE_LOWER = [
     {"page": "lower", "from": 26, "to": 26},    # module global controls
     {"page": "lower", "from": 31, "to": 36},    # module-level masks
     {"page": "lower", "from": 122, "to": 125},  # password
+]
+CMIS_WRITABLE_PAGES = [
     {"page": "03", "from": 128, "to": 255},     # user EEPROM
-    {"page": "b0:10", "from": 128, "to": 255},  # lane controls (data path, output disable, staged set)
+    {"page": "b0:10", "from": 128, "to": 255},  # lane controls (the emulator keeps 143-144 write-only)
 ]
 
 
@@ -375,24 +377,26 @@ def cmis_apps(lower, apps):
 
 
 def cmis_page01(wavelength_nm, tolerance_nm, smf_km, media_lanes_per_app, bias_multiplier_code,
-                durations=None, rev=(1, 0)):
+                durations=None, rev=(1, 0), dp_durations=0x44, optical=True, page03=True):
     """CMIS page 01h: 130-131 hardware rev, 132 SMF length, 138-139 nominal wavelength (0.05 nm),
-    140-141 tolerance (0.005 nm), 142 page 03h supported (bit 2), 144 data path init/deinit
-    duration codes, 155 TX disable supported, 157/158 TX/RX flags supported, 160 lane monitors
-    and bias multiplier (bits 4..3), 176.. media lane assignment per application, 255 checksum
-    over 130..254."""
+    140-141 tolerance (0.005 nm), 142 page 03h supported (bit 2; bits 1..0 = 0: bank 0 only, the
+    only bank the profiles have), 144 DPDeinit (bits 7..4) / DPInit (bits 3..0) duration codes,
+    155 TX disable supported, 157/158 TX/RX flags supported, 160 lane monitors and bias
+    multiplier (bits 4..3), 167 ModulePwrDn (bits 7..4) / ModulePwrUp (bits 3..0) duration
+    codes, 176.. media lane assignment per application, 255 checksum over 130..254."""
     p = zeros()
     put(p, 130, list(rev))
     put(p, 132, [int(smf_km * 10) & 0x3F])  # multiplier 0.1 km
     put16(p, 138, int(round(wavelength_nm / 0.05)))
     put16(p, 140, int(round(tolerance_nm / 0.005)))
-    put(p, 142, [0x04])
-    put(p, 144, [0x44])
-    put(p, 155, [0x02])
-    put(p, 157, [0x07, 0x06])
-    put(p, 160, [0x07 | bias_multiplier_code << 3])
+    put(p, 142, [0x04 if page03 else 0x00])
+    put(p, 144, [dp_durations])
+    if optical:
+        put(p, 155, [0x02])
+        put(p, 157, [0x07, 0x06])
+        put(p, 160, [0x07 | bias_multiplier_code << 3])
     if durations is not None:
-        put(p, 167, [durations])  # ModulePwrDn/PwrUp duration codes (CMIS 5.x)
+        put(p, 167, [durations])  # ModulePwrDn/PwrUp duration codes
     put(p, 176, media_lanes_per_app)
     p[255 - 128] = csum(p, 130, 254)
     return p
@@ -410,18 +414,26 @@ def cmis_page02(tx=(3.5, 0.1, 2.5, 0.2), bias=(80, 10, 75, 15), rx=(3.5, 0.05, 2
     return p
 
 
-def cmis_page10(host_lanes, appsel=1):
-    """Page 10h: 145..152 staged control set 0, AppSel in bits 7..4 per host lane."""
+def dp_config(appsel, first_lane):
+    """DPConfig byte of the staged and active control sets: AppSel bits 7..4, DataPathID (the
+    data path's first lane, 0-based) bits 3..1, ExplicitControl bit 0 clear."""
+    return appsel << 4 | first_lane << 1
+
+
+def cmis_page10(host_lanes, appsel=1, deinit=0x00):
+    """Page 10h: 128 DataPathDeinit (DataPathPwrUp before revision 4.0, hence FFh there), 145..152
+    staged control set 0 with one data path of `host_lanes` lanes from lane 1."""
     p = zeros()
-    put(p, 145, [appsel << 4 if lane < host_lanes else 0 for lane in range(8)])
+    put(p, 128, [deinit])
+    put(p, 145, [dp_config(appsel, 0) if lane < host_lanes else 0 for lane in range(8)])
     return p
 
 
 def cmis_page11(host_lanes, appsel=1):
-    """Page 11h: 206..213 active control set, AppSel per host lane; states and monitors are the
+    """Page 11h: 206..213 active control set as the staged one; states and monitors are the
     emulator's."""
     p = zeros()
-    put(p, 206, [appsel << 4 if lane < host_lanes else 0 for lane in range(8)])
+    put(p, 206, [dp_config(appsel, 0) if lane < host_lanes else 0 for lane in range(8)])
     return p
 
 
@@ -433,44 +445,141 @@ def cmis_identity(p00, vendor, pn, rev, sn, date):
     put_text(p00, 182, date, 8)
 
 
-def cmis_profile(name, description, source, lower, pages, lanes, monitors, extra_writable=(),
-                 power_up_ms=800, power_down_ms=80):
+def cmis_power_on(lower):
     lower[26] = 0x40  # LowPwrAllowRequestHW set: the power-on default
-    for i in range(8, 14):
+    for i in range(8, 14):  # latched flags
         lower[i] = 0
     lower[126] = lower[127] = 0
+
+
+def cmis_profile(name, description, source, lower, pages, lanes, monitors, extra_writable=(),
+                 power_up_ms=800, power_down_ms=80, i2c_not_ready_ms=2000, behaviour=None):
+    cmis_power_on(lower)
     pages["00"][222 - 128] = csum(pages["00"], 128, 221)
+    flat = lower[2] & 0x80
+    assert not flat or list(pages) == ["00"], "a flat-memory module has page 00h only"
+    writable = CMIS_WRITABLE_LOWER if flat else CMIS_WRITABLE_LOWER + CMIS_WRITABLE_PAGES
+    if not flat and "03" not in pages:
+        writable = [w for w in writable if w["page"] != "03"]
     return {
         "name": name,
         "description": description,
         "source": source,
         "family": "cmis",
         "lanes": lanes,
-        "behaviour": {"i2c_not_ready_ms": 2000, "power_up_ms": power_up_ms,
+        "behaviour": {"i2c_not_ready_ms": i2c_not_ready_ms, "power_up_ms": power_up_ms,
                       "power_down_ms": power_down_ms, "monitor_period_ms": 100,
-                      "unsupported_page": "reject"},
+                      "unsupported_page": "reject", **(behaviour or {})},
         "monitors": monitors,
-        "writable": CMIS_WRITABLE + list(extra_writable),
+        "writable": writable + list(extra_writable),
         "pages": {"lower": hexs(lower), **{k: hexs(v) for k, v in pages.items()}},
     }
 
 
 def fr4():
-    """400GBASE-FR4 adapted from the Avago 400G DR4 image (CMIS 4.0): application 1 becomes
-    400GAUI-8 (11h) / 400G-FR4 (1Dh), 8 host and 4 media lanes; the DR4's 100G breakout
-    application is dropped (FR4 has no single-lane breakout). Connector LC (07h)."""
+    """400GBASE-FR4 adapted from the Avago 400G DR4 image (CMIS 4.0). Applications: 1 400GAUI-8
+    (11h) / 400GBASE-FR4 (1Dh), 8 host and 4 media lanes, host lane 1 only; 2 100GAUI-2 (0Dh) /
+    100G-FR or 100GBASE-FR1 (15h, SMF table), 2 host lanes and 1 media lane, host lanes 1, 3, 5, 7
+    (55h) and any media lane (0Fh); 3 400GAUI-8 / vendor-specific media code C0h (named by the
+    operator's application file), 8/4 lanes. Connector LC (07h). Page 01h: DPDeinit < 100 ms,
+    DPInit < 500 ms (144 = 45h); ModulePwrDn < 100 ms, ModulePwrUp < 1 s (167 = 46h), which the
+    80 ms and 800 ms of the behaviour keep."""
     lower, p00 = blocks(load("cmis_qsfpdd_400g_dr4_avago_afct93drphz_fd2038fg0fk.hex"))
     assert lower[0] == 0x18 and lower[1] == 0x40
-    cmis_apps(lower, [app(0x11, 0x1D, 8, 4, 0x01)])
+    cmis_apps(lower, [app(0x11, 0x1D, 8, 4, 0x01), app(0x0D, 0x15, 2, 1, 0x55),
+                      app(0x11, 0xC0, 8, 4, 0x01)])
     lower[85] = 0x02  # single-mode fibre media codes
     cmis_identity(p00, "QSFPD-EMU", "EMU-QDD-400G-FR4", "01", "EMU0000000000004", "201007")
     put(p00, 203, [0x07])
     return cmis_profile(
         "QSFP-DD 400G-FR4 (constructed from Avago AFCT-93DRPHZ)", "CMIS 4.0, 8 host / 4 media lanes",
         "adapted from cmis_qsfpdd_400g_dr4_avago_afct93drphz_fd2038fg0fk.hex", lower,
-        {"00": p00, "01": cmis_page01(1301, 6.5, 2, [0x01], 0), "02": cmis_page02(),
-         "03": zeros(), "b0:10": cmis_page10(8), "b0:11": cmis_page11(8)}, 4,
+        {"00": p00, "01": cmis_page01(1301, 6.5, 2, [0x01, 0x0F, 0x01], 0, durations=0x46,
+                                      dp_durations=0x45),
+         "02": cmis_page02(), "03": zeros(), "b0:10": cmis_page10(8), "b0:11": cmis_page11(8)}, 4,
         optical_monitors(4001, 42.0, 55.0, 1.4, 1.0))
+
+
+# --- CMIS modules as dumped -------------------------------------------------------------------
+# Lower memory and page 00h are the dump's (volatile bytes back at power-on values, checksum
+# unchanged as it covers identity only). The dumps hold no other page: a paged module gets the
+# pages every paged CMIS module has (01h, 02h, 10h, 11h; 03h where its page 01h says so), built
+# here and marked as such in the README.
+
+def dr4(dump, seed, temp_c, revision_major):
+    lower, p00 = blocks(load(dump))
+    assert lower[0] == 0x18 and lower[1] >> 4 == revision_major and not lower[2] & 0x80
+    n_apps = next(i for i in range(8) if lower[86 + 4 * i] in (0x00, 0xFF))
+    media = [0x01, 0x0F][:n_apps]  # 400G: media lanes from 1; 100G-FR breakout: any media lane
+    # Revision 3.x: byte 128 is DataPathPwrUp (set = run), so power-on FFh keeps the data paths
+    # running as DataPathDeinit 00h does from revision 4.0.
+    deinit = 0xFF if revision_major < 4 else 0x00
+    pages = {"00": p00, "01": cmis_page01(1311, 6.5, 0.5, media, 0, dp_durations=0x45),
+             "02": cmis_page02(), "03": zeros(), "b0:10": cmis_page10(8, deinit=deinit),
+             "b0:11": cmis_page11(8)}
+    return lower, pages, optical_monitors(seed, temp_c, 50.0, 1.5, 1.1)
+
+
+def dr4_avago():
+    dump = "cmis_qsfpdd_400g_dr4_avago_afct93drphz_fd2038fg0fk.hex"
+    lower, pages, mon = dr4(dump, 4101, 31.2, 4)
+    return cmis_profile("QSFP-DD 400G-DR4 (Avago AFCT-93DRPHZ-AZ2)",
+                        "CMIS 4.0, 400GAUI-8 / 400GBASE-DR4 and 100GAUI-2 / 100G-FR breakout",
+                        dump, lower, pages, 4, mon, power_up_ms=1500, power_down_ms=200)
+
+
+def dr4_innolight():
+    dump = "cmis_qsfpdd_400g_dr4_innolight_t-dp4cnh.hex"
+    lower, pages, mon = dr4(dump, 4102, 36.0, 3)
+    return cmis_profile("QSFP-DD 400G-DR4 (Innolight T-DP4CNH-N00)",
+                        "CMIS 3.0 (DataPathPwrUp polarity), 400GAUI-8 / 400GBASE-DR4", dump, lower,
+                        pages, 4, mon, power_up_ms=1500, power_down_ms=200)
+
+
+# Passive copper: no lane monitors; the dumps with temperature and Vcc report them.
+def copper_monitors(seed, temp_c, vcc_v):
+    return {"seed": seed, "temperature_c": {"nominal": temp_c, "noise": 0.3 if temp_c else 0},
+            "vcc_v": {"nominal": vcc_v, "noise": 0.005 if vcc_v else 0},
+            "bias_ma": {"nominal": 0, "noise": 0}, "tx_power_mw": {"nominal": 0, "noise": 0},
+            "rx_power_mw": {"nominal": 0, "noise": 0}}
+
+
+def flat_copper(dump, name, description, seed):
+    lower, p00 = blocks(load(dump))
+    assert lower[0] == 0x18 and lower[2] & 0x80 and lower[85] == 0x03
+    return cmis_profile(name, description, dump, lower, {"00": p00}, 8,
+                        copper_monitors(seed, 0, 0), i2c_not_ready_ms=500, power_up_ms=0,
+                        power_down_ms=0)
+
+
+def cr8_amphenol():
+    return flat_copper("cmis_qsfpdd_400g_cr8_amphenol_ndyyyf.hex",
+                       "QSFP-DD 400G-CR8 passive copper (Amphenol NDYYYF-0001)",
+                       "CMIS 3.0, flat memory, eight copper applications", 4201)
+
+
+def dac_fithonteng():
+    return flat_copper("cmis_qsfpdd_dac_fithonteng_cu4ep54_flatmem.hex",
+                       "QSFP-DD passive copper (FIT HON TENG CU4EP54-01000-EF)",
+                       "CMIS 3.0, flat memory, one application (50GBASE-CR), no monitors", 4202)
+
+
+def dac_cisco():
+    """Paged CMIS 4.0 passive copper cable whose descriptors 1..7 are empty (host code 00h) and
+    8 is 400GAUI-8 (host lane assignment 00h as dumped). No default application: staged and
+    active sets hold AppSel 0 until the host applies 8. Temperature and Vcc as dumped (23 degC,
+    3.328 V)."""
+    dump = "cmis_qsfpdd_dac_cisco_68-103205-02_sparse_apps.hex"
+    lower, p00 = blocks(load(dump))
+    assert lower[0] == 0x18 and not lower[2] & 0x80 and lower[114] == 0x11
+    pages = {"00": p00,
+             "01": cmis_page01(0, 0, 0, [0] * 8, 0, dp_durations=0x11, optical=False,
+                               page03=False),
+             "02": cmis_page02(), "b0:10": cmis_page10(0), "b0:11": cmis_page11(0)}
+    return cmis_profile("QSFP-DD passive copper (Cisco 68-103205-02)",
+                        "CMIS 4.0, only application descriptor 8 populated", dump, lower, pages, 8,
+                        copper_monitors(4203, 23.0, 3.328), i2c_not_ready_ms=500,
+                        power_up_ms=100, power_down_ms=20)
 
 
 ZR_WRITABLE = [
@@ -582,6 +691,11 @@ if __name__ == "__main__":
                         ("qsfp28_100g_fr1_pam4", fr1_pam4), ("qsfp28_100g_sr2_pam4", sr2_pam4),
                         ("qsfp28_100g_dwdm4", dwdm4), ("qsfpplus_dac_passive", dac),
                         ("qsfpdd_400g_fr4", fr4), ("qsfpdd_400zr", zr), ("qsfpdd_400zr_plus", zr_plus),
+                        ("qsfpdd_400g_dr4_avago", dr4_avago),
+                        ("qsfpdd_400g_dr4_innolight", dr4_innolight),
+                        ("qsfpdd_400g_cr8_amphenol", cr8_amphenol),
+                        ("qsfpdd_dac_cisco_sparse", dac_cisco),
+                        ("qsfpdd_dac_fithonteng_flat", dac_fithonteng),
                         ("qsa_sfpplus_10g_sr", converter_sfp_sr)]:
         write(stem, build())
         print("wrote", stem)

@@ -285,8 +285,11 @@ const std::map<std::string, catalogue_list> expected_list{
     {"qsfpdd_400zr", catalogue_list::optical_dd_1lane},
     {"qsfpdd_400zr_plus", catalogue_list::optical_cmis5_1lane},
 };
-// The converter's SFP is looked up in the SFP+ list, not here.
-const std::set<std::string> not_in_catalogue{"qsa_sfpplus_10g_sr"};
+// The converter's SFP is looked up in the SFP+ list, not here; the real CMIS parts are not in
+// the sample.
+const std::set<std::string> not_in_catalogue{
+    "qsa_sfpplus_10g_sr",       "qsfpdd_400g_dr4_avago",   "qsfpdd_400g_dr4_innolight",
+    "qsfpdd_400g_cr8_amphenol", "qsfpdd_dac_cisco_sparse", "qsfpdd_dac_fithonteng_flat"};
 
 std::string field(auto begin, int at) {
     return trim_and_upper_case(std::string(begin + at, begin + at + 16));

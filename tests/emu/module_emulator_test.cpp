@@ -15,7 +15,8 @@ using ModuleMonitors = emu_test;
 using ModuleFaults = emu_test;
 using DspPages = emu_test;
 
-// --- CMIS module state machine (QSFP-DD 400G-FR4: power up 800 ms, power down 80 ms) ----------
+// --- CMIS module state machine (QSFP-DD 400G-FR4: power up 800 ms, power down 80 ms, data
+// path init 499 ms and deinit 99 ms: just under the advertised < 500 ms and < 100 ms) ----------
 
 TEST_F(CmisStates, PowerUpAndDownOnRequestsResetsAndAFaultHoldingUntilReset) {
     insert("qsfpdd_400g_fr4");
@@ -24,15 +25,23 @@ TEST_F(CmisStates, PowerUpAndDownOnRequestsResetsAndAFaultHoldingUntilReset) {
     EXPECT_EQ(polls(3, 0x0e, {0ms, 799ms, 1ms}), "223");
     EXPECT_EQ(polls(8, 0x01, {0ms}), "1");
     select(0x11);
+    EXPECT_EQ(read(128, 4), bytes(4, 0x22));  // DPInit on the 8 host lanes
+    EXPECT_EQ(read1(133), 0x00);              // transmitters still off
+    clock->advance(498ms);
+    EXPECT_EQ(read(128, 4), bytes(4, 0x22));
+    clock->advance(1ms);
     EXPECT_EQ(read(128, 4), bytes(4, 0x44));       // DPActivated
     EXPECT_EQ(read(132, 2), (bytes{0x0f, 0x0f}));  // RX, TX output status of the 4 media lanes
-    write(26, {0x40 | 0x10});                      // LowPwrRequestSW
-    EXPECT_EQ(polls(3, 0x0e, {80ms}), "1");
+    // LowPwrRequestSW: the data paths deinit first, then ModulePwrDn, then ModuleLowPwr.
+    write(26, {0x40 | 0x10});
+    EXPECT_EQ(read(128, 4), bytes(4, 0x33));
+    EXPECT_EQ(polls(3, 0x0e, {0ms, 98ms, 1ms, 79ms, 1ms}), "33441");
+    EXPECT_EQ(read(128, 4), bytes(4, 0x11));
     write(26, {0x40});
     EXPECT_EQ(polls(3, 0x0e, {400ms, 400ms}), "23");
     // The LPMode pin requests low power while allowed, and from insertion.
     cage.pin_set(cage::line::lpmode, true);
-    EXPECT_EQ(polls(3, 0x0e, {0ms, 79ms, 1ms}), "441");  // ModulePwrDn for 80 ms, then ModuleLowPwr
+    EXPECT_EQ(polls(3, 0x0e, {0ms, 98ms, 1ms, 79ms, 1ms}), "33441");
     EXPECT_TRUE(cage.module()->in_low_power());
     EXPECT_EQ(read1(128), 0x11);  // DPDeactivated
     EXPECT_EQ(read1(133), 0x00);
@@ -219,7 +228,7 @@ TEST_F(ModuleMonitors, RegistersShowTheSeededValueMovingWithinItsNoiseDeterminis
     // CMIS lane monitors use the bias multiplier (page 01h byte 160 code 2: x4).
     cage.remove();
     auto& zr = insert("qsfpdd_400zr");
-    clock->advance(1500ms);
+    clock->advance(1500ms + 99ms);  // ModuleReady, then DPInit (< 100 ms)
     select(0x11);
     const auto tick = zr.monitor_tick();
     EXPECT_EQ(read16(170), std::lround(zr.monitor_value(s::bias, 0, tick) * 500 / 4));

@@ -120,9 +120,16 @@ TEST(ProfileContents, DspPagesHoldAHealthyLinkAndCmisModulesAdvertiseTheirApplic
     // list.
     const auto fr4 = module_profile::load_named("qsfpdd_400g_fr4");
     const auto& lo = fr4.image().lower;
-    // 400GAUI-8 host, 400G-FR4 media, 8 host / 4 media lanes; then end of list.
-    EXPECT_EQ((bytes{lo[0], lo[1], lo[86], lo[87], lo[88], lo[90]}),
-              (bytes{0x18, 0x40, 0x11, 0x1d, 0x84, 0xff}));
+    // 400GAUI-8 / 400GBASE-FR4 8/4 lanes from lane 1; 100GAUI-2 / 100G-FR 2/1 lanes on lanes 1,
+    // 3, 5, 7; 400GAUI-8 / vendor code C0h; then end of list.
+    EXPECT_EQ((bytes(lo.begin(), lo.begin() + 2)), (bytes{0x18, 0x40}));
+    EXPECT_EQ(
+        (bytes(lo.begin() + 86, lo.begin() + 99)),
+        (bytes{0x11, 0x1d, 0x84, 0x01, 0x0d, 0x15, 0x21, 0x55, 0x11, 0xc0, 0x84, 0x01, 0xff}));
+    // Media lane assignment per application, page 01h 176..; durations 144 and 167.
+    EXPECT_EQ((bytes{upper(fr4, {0, 1}, 176), upper(fr4, {0, 1}, 177), upper(fr4, {0, 1}, 178),
+                     upper(fr4, {0, 1}, 144), upper(fr4, {0, 1}, 167)}),
+              (bytes{0x01, 0x0f, 0x01, 0x45, 0x46}));
     const auto zr = module_profile::load_named("qsfpdd_400zr");
     EXPECT_EQ(zr.image().lower[1], 0x40);
     EXPECT_EQ(zr.image().lower[87], 0x3e);  // 400ZR, DWDM, amplified
