@@ -214,16 +214,17 @@ struct dumped {
     bool flat;
     unsigned applications;  // defined descriptors before the end of the list
     const char* part_number;
+    std::uint8_t dp_lanes_1_2;  // page 11h byte 128 once ready (paged modules)
 };
 
 TEST_F(CmisDataPath, ProfilesOfRealModulesLoadAndDecodeAsDumped) {
     for (const auto& d :
-         std::vector<dumped>{{"qsfpdd_400g_dr4_avago", 0x40, false, 2, "AFCT-93DRPHZ-AZ2"},
-                             {"qsfpdd_400g_dr4_innolight", 0x30, false, 1, "T-DP4CNH-N00"},
-                             {"qsfpdd_400g_cr8_amphenol", 0x30, true, 8, "NDYYYF-0001"},
-                             {"qsfpdd_dac_cisco_sparse", 0x40, false, 1, "68-103205-02"},
-                             {"qsfpdd_dac_fithonteng_flat", 0x30, true, 1, "CU4EP54-01000-EF"},
-                             {"qsfpdd_400g_fr4", 0x40, false, 3, "EMU-QDD-400G-FR4"}}) {
+         std::vector<dumped>{{"qsfpdd_400g_dr4_avago", 0x40, false, 2, "AFCT-93DRPHZ-AZ2", 0x44},
+                             {"qsfpdd_400g_dr4_innolight", 0x30, false, 1, "T-DP4CNH-N00", 0x44},
+                             {"qsfpdd_400g_cr8_amphenol", 0x30, true, 8, "NDYYYF-0001", 0},
+                             {"qsfpdd_dac_cisco_sparse", 0x40, false, 1, "68-103205-02", 0x11},
+                             {"qsfpdd_dac_fithonteng_flat", 0x30, true, 1, "CU4EP54-01000-EF", 0},
+                             {"qsfpdd_400g_fr4", 0x40, false, 3, "EMU-QDD-400G-FR4", 0x44}}) {
         SCOPED_TRACE(d.stem);
         insert(d.stem);
         clock->advance(3s);
@@ -247,6 +248,15 @@ TEST_F(CmisDataPath, ProfilesOfRealModulesLoadAndDecodeAsDumped) {
         // A paged module runs its state machine; a flat one keeps byte 3 as dumped.
         if (!d.flat) {
             EXPECT_EQ(read1(3) & 0x0e, 0x06);
+            select(0x11);
+            EXPECT_EQ(read1(128), d.dp_lanes_1_2);
+            // Revision 3.0 names page 10h byte 128 DataPathPwrUp: clearing it stops the lanes.
+            select(0x10);
+            write(128, {static_cast<std::uint8_t>(d.revision == 0x30 ? 0x00 : 0xff)});
+            select(0x11);
+            if (d.dp_lanes_1_2 == 0x44) {
+                EXPECT_EQ(read1(128), 0x33);
+            }
         }
         cage.remove();
     }

@@ -125,6 +125,12 @@ TEST_F(EmuService, ADaemonReachesTheCagesThroughTheSocketsAndBadRequestsAreRefus
     const auto no_profile = ctl({"insert", "0", "no_such_profile"});
     EXPECT_EQ(no_profile.rfind("1 qsfp-emu ctl: Cannot insert no_such_profile: profile ", 0), 0u);
     EXPECT_EQ(ctl({"peek", "0", "0"}), "1 qsfp-emu ctl: No module in the cage (error -6)");
+    // CMIS banked pages by page * 128 + byte: the FR4's staged (10h 145) and active (11h 206)
+    // control sets, bank 0 by default or named.
+    ASSERT_EQ(ctl({"insert", "0", "qsfpdd_400g_fr4"}), "0 true");
+    EXPECT_EQ(ctl({"peek", "0", "2193", "2"}), R"(0 "10 10")");
+    EXPECT_EQ(ctl({"peek", "0", "2382", "8", "0"}), R"(0 "10 10 10 10 10 10 10 10")");
+    ASSERT_EQ(ctl({"remove", "0"}), "0 true");
     ASSERT_EQ(ctl({"insert", "0", "qsfp28_100g_lr4"}), "0 true");
     EXPECT_EQ(ctl({"fault", R"({"cage":0,"kind":"sideways"})"}),
               "1 qsfp-emu ctl: Invalid params: 'kind' must be nack, errno, at, flap, stick, "

@@ -14,7 +14,7 @@ const std::map<std::string, std::vector<std::string>, std::less<>>& positional()
         {"insert", {"cage", "profile"}},
         {"remove", {"cage"}},
         {"fault", {"cage", "kind"}},
-        {"peek", {"cage", "address", "length"}},
+        {"peek", {"cage", "address", "length", "bank"}},
         {"poke", {"cage", "address", "bytes"}},
         {"pins", {"cage"}},
         {"counters", {}},
@@ -31,7 +31,9 @@ bool is_number(const std::string& s) {
 std::string ctl_usage() {
     return "control methods (qsfp-emu ctl [--dir DIR] METHOD ...):\n"
            "  insert CAGE PROFILE        remove CAGE          pins CAGE        counters\n"
-           "  peek CAGE ADDRESS [LENGTH] poke CAGE ADDRESS HEXBYTES\n"
+           "  peek CAGE ADDRESS [LENGTH [BANK]]          poke CAGE ADDRESS HEXBYTES\n"
+           "  (ADDRESS: lower memory 0..127, upper page P byte B at P * 128 + B, e.g. the\n"
+           "  active control set, page 11h byte 206, at 2382)\n"
            "  fault CAGE KIND            or any method with one JSON object of params, e.g.\n"
            "  fault "
            "'{\"cage\":3,\"kind\":\"flap\",\"flag\":\"rx_los\",\"lane\":0,\"pattern\":\"1100\"}'\n";
