@@ -483,7 +483,8 @@ def fr4():
     (55h) and any media lane (0Fh); 3 400GAUI-8 / vendor-specific media code C0h (named by the
     operator's application file), 8/4 lanes. Connector LC (07h). Page 01h: DPDeinit < 100 ms,
     DPInit < 500 ms (144 = 45h); ModulePwrDn < 100 ms, ModulePwrUp < 1 s (167 = 46h), which the
-    80 ms and 800 ms of the behaviour keep."""
+    80 ms and 800 ms of the behaviour keep. RX output pre-cursor, post-cursor and amplitude
+    controls and RX auto squelch disable are advertised (page 01h 162 = 1Ch, 156 bit 2)."""
     lower, p00 = blocks(load("cmis_qsfpdd_400g_dr4_avago_afct93drphz_fd2038fg0fk.hex"))
     assert lower[0] == 0x18 and lower[1] == 0x40
     cmis_apps(lower, [app(0x11, 0x1D, 8, 4, 0x01), app(0x0D, 0x15, 2, 1, 0x55),
@@ -491,11 +492,13 @@ def fr4():
     lower[85] = 0x02  # single-mode fibre media codes
     cmis_identity(p00, "QSFPD-EMU", "EMU-QDD-400G-FR4", "01", "EMU0000000000004", "201007")
     put(p00, 203, [0x07])
+    p01 = cmis_page01(1301, 6.5, 2, [0x01, 0x0F, 0x01], 0, durations=0x46, dp_durations=0x45)
+    put(p01, 162, [0x1C])
+    put(p01, 156, [p01[156 - 128] | 0x04])
     return cmis_profile(
         "QSFP-DD 400G-FR4 (constructed from Avago AFCT-93DRPHZ)", "CMIS 4.0, 8 host / 4 media lanes",
         "adapted from cmis_qsfpdd_400g_dr4_avago_afct93drphz_fd2038fg0fk.hex", lower,
-        {"00": p00, "01": cmis_page01(1301, 6.5, 2, [0x01, 0x0F, 0x01], 0, durations=0x46,
-                                      dp_durations=0x45),
+        {"00": p00, "01": p01,
          "02": cmis_page02(), "03": zeros(), "b0:10": cmis_page10(8), "b0:11": cmis_page11(8)}, 4,
         optical_monitors(4001, 42.0, 55.0, 1.4, 1.0))
 
