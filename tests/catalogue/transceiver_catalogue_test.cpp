@@ -282,14 +282,16 @@ const std::map<std::string, catalogue_list> expected_list{
     {"qsfp28_100g_dwdm4", catalogue_list::optical_4lane},
     {"qsfpplus_dac_passive", catalogue_list::passive},
     {"qsfpdd_400g_fr4", catalogue_list::optical_dd_4lane},
+    {"qsfpdd_400g_dr4_avago", catalogue_list::optical_dd_4lane},
+    {"qsfpdd_400g_dr4_innolight", catalogue_list::optical_dd_4lane},
     {"qsfpdd_400zr", catalogue_list::optical_dd_1lane},
     {"qsfpdd_400zr_plus", catalogue_list::optical_cmis5_1lane},
 };
-// The converter's SFP is looked up in the SFP+ list, not here; the real CMIS parts are not in
-// the sample.
-const std::set<std::string> not_in_catalogue{
-    "qsa_sfpplus_10g_sr",       "qsfpdd_400g_dr4_avago",   "qsfpdd_400g_dr4_innolight",
-    "qsfpdd_400g_cr8_amphenol", "qsfpdd_dac_cisco_sparse", "qsfpdd_dac_fithonteng_flat"};
+// The converter's SFP is looked up in the SFP+ list, not here; the CMIS copper cables are not in
+// the sample (their handler selection goes by identification).
+const std::set<std::string> not_in_catalogue{"qsa_sfpplus_10g_sr", "qsfpdd_400g_cr8_amphenol",
+                                             "qsfpdd_dac_cisco_sparse",
+                                             "qsfpdd_dac_fithonteng_flat"};
 
 std::string field(auto begin, int at) {
     return trim_and_upper_case(std::string(begin + at, begin + at + 16));
