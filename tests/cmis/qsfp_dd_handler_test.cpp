@@ -127,6 +127,7 @@ TEST_F(DdHandler, AFlatMemoryModuleIsServedWithThePageItHas) {
 }
 
 struct refusal {
+    const char* name;
     const char* document;
     const char* text;
 };
@@ -145,20 +146,21 @@ TEST_P(DdRefusals, LeaveTheModuleAsItWas) {
     EXPECT_FALSE(device->pin_get(cage::line::lpmode));
 }
 
-INSTANTIATE_TEST_SUITE_P(Select, DdRefusals,
-                         ::testing::Values(refusal{R"({"app_select": 0, "service": "400G"})",
-                                                   "Invalid application code 0. Range [1-3]."},
-                                           refusal{R"({"app_select": 4, "service": "400G"})",
-                                                   "Invalid application code 4. Range [1-3]."},
-                                           refusal{R"({"app_select": -1, "service": "400G"})",
-                                                   "Invalid application code -1. Range [1-3]."},
-                                           refusal{R"({"app_select": 2, "service": "800G"})",
-                                                   "Invalid service 800G. Service not handled!"},
-                                           refusal{R"({"app_select": 2})",
-                                                   "Invalid json structure."},
-                                           refusal{R"({"app_select": "2", "service": "400G"})",
-                                                   "Invalid json structure."},
-                                           refusal{R"([2, "400G"])", "Invalid json structure."}));
+INSTANTIATE_TEST_SUITE_P(
+    Select, DdRefusals,
+    ::testing::Values(refusal{"AppZero", R"({"app_select": 0, "service": "400G"})",
+                              "Invalid application code 0. Range [1-3]."},
+                      refusal{"AppAboveTotal", R"({"app_select": 4, "service": "400G"})",
+                              "Invalid application code 4. Range [1-3]."},
+                      refusal{"AppNegative", R"({"app_select": -1, "service": "400G"})",
+                              "Invalid application code -1. Range [1-3]."},
+                      refusal{"UnknownService", R"({"app_select": 2, "service": "800G"})",
+                              "Invalid service 800G. Service not handled!"},
+                      refusal{"NoService", R"({"app_select": 2})", "Invalid json structure."},
+                      refusal{"AppAsText", R"({"app_select": "2", "service": "400G"})",
+                              "Invalid json structure."},
+                      refusal{"NotAnObject", R"([2, "400G"])", "Invalid json structure."}),
+    [](const ::testing::TestParamInfo<refusal>& info) { return std::string(info.param.name); });
 
 TEST_F(DdHandler, SelectingAnApplicationChangesTheActiveSetAndARepeatIsSkipped) {
     auto h = dd("qsfpdd_400g_fr4");
