@@ -547,25 +547,25 @@ std::uint8_t qsfp_reg_map::get_dd_dp_state(unsigned lane) {
 }
 
 unsigned qsfp_reg_map::get_current_bitrate(std::string_view interface_name) {
-    const auto g = interface_name.find('G');
-    if (g == std::string_view::npos) return 0;
-    std::size_t first = g;
-    while (first > 0 && interface_name[first - 1] >= '0' && interface_name[first - 1] <= '9')
-        --first;
-    unsigned rate = 0;
-    for (std::size_t i = first; i < g; ++i)
-        rate = rate * 10 + static_cast<unsigned>(interface_name[i] - '0');
-    if (first != g) return rate;
-    // "ZR400-OFEC-16QAM": the rate follows the letters.
-    std::size_t digits = 0;
-    while (digits < interface_name.size() &&
-           !(interface_name[digits] >= '0' && interface_name[digits] <= '9'))
-        ++digits;
-    for (; digits < interface_name.size() && interface_name[digits] >= '0' &&
-           interface_name[digits] <= '9';
-         ++digits)
-        rate = rate * 10 + static_cast<unsigned>(interface_name[digits] - '0');
-    return rate;
+    // The rate is the number written before "G" ("400GBASE-DR4") or next to "ZR" ("400ZR",
+    // "ZR400-OFEC-16QAM").
+    auto is_digit = [](char c) { return c >= '0' && c <= '9'; };
+    const std::string_view name = interface_name;
+    for (std::size_t first = 0; first < name.size();) {
+        if (!is_digit(name[first])) {
+            ++first;
+            continue;
+        }
+        std::size_t end = first;
+        unsigned rate = 0;
+        while (end < name.size() && is_digit(name[end]))
+            rate = rate * 10 + static_cast<unsigned>(name[end++] - '0');
+        const std::string_view after = name.substr(end);
+        const bool zr_before = first >= 2 && name.substr(first - 2, 2) == "ZR";
+        if (after.starts_with("G") || after.starts_with("ZR") || zr_before) return rate;
+        first = end;
+    }
+    return 0;
 }
 
 cmis_flags_and_monitors qsfp_reg_map::get_dd_flags_and_monitors(unsigned lanes) {

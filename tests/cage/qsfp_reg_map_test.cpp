@@ -234,6 +234,89 @@ TEST(qsfp_reg_map_cmis, coherent_detection_on_the_lower_page_list_page_01h_and_t
     }
 }
 
+TEST(qsfp_reg_map_cmis, application_advertisement_of_the_real_dr4_and_its_end) {
+    module_on_bus m(avago);
+    // Descriptor 2 as dumped: 100GAUI-2 (0Dh) / 100G-FR (15h), 2 host lanes, 1 media lane, may
+    // start on host lanes 1, 3, 5, 7; its media lanes from page 01h byte 177.
+    m.bus->set_byte(0x01, 177, 0x0F);
+    const auto app = m.map.get_appcode_advertisement(2);
+    EXPECT_EQ(std::tuple(app.host_interface_id, app.media_interface_id, app.host_lane_count,
+                         app.media_lane_count, app.host_lane_assignment_options,
+                         app.media_lane_assignment_options),
+              std::tuple(0x0D, 0x15, 2, 1, 0x55, 0x0F));
+    EXPECT_EQ(m.map.get_total_application_code_advertisement(), 2u);
+    // A full lower page continues on page 01h; a flat module has no applications beyond 8.
+    for (std::uint8_t at = 86; at < 118; at += 4)
+        m.bus->set_byte(0, at, 0x11);
+    m.bus->set_byte(0x01, 223, 0x11);
+    m.bus->set_byte(0x01, 227, 0xFF);
+    EXPECT_EQ(m.map.get_total_application_code_advertisement(), 9u);
+    m.bus->set_byte(0, 2, 0x80);
+    EXPECT_EQ(m.map.get_total_application_code_advertisement(), 8u);
+    EXPECT_EQ(m.map.get_appcode_advertisement(9).host_interface_id, 0xFF);
+}
+
+TEST(qsfp_reg_map_cmis, application_select_stages_the_data_paths_the_service_asks_for) {
+    // App 2 of the DR4: two host lanes per data path, starting on lanes 1, 3, 5, 7.
+    struct row {
+        const char* service;
+        std::vector<std::uint8_t> staged;
+    };
+    for (const auto& [service, staged] :
+         {row{"1x100GbE-1x100GbE", {0x20, 0x20, 0, 0, 0, 0, 0, 0}},
+          row{"3x100GbE-3x100GbE", {0x20, 0x20, 0x24, 0x24, 0x28, 0x28, 0, 0}},
+          row{"4x100GbE-4x100GbE", {0x20, 0x20, 0x24, 0x24, 0x28, 0x28, 0x2C, 0x2C}}}) {
+        module_on_bus m(avago);
+        m.map.set_application_code(2, service);
+        std::vector<std::uint8_t> got;
+        for (std::uint8_t lane = 0; lane < 8; ++lane)
+            got.push_back(m.bus->byte(0x10, static_cast<std::uint8_t>(145 + lane)));
+        EXPECT_EQ(got, staged) << service;
+        EXPECT_EQ(m.bus->byte(0x10, 143), 0xFF) << service;  // applied on every lane
+    }
+    // An application that is not advertised is refused before anything is written.
+    module_on_bus m(avago);
+    m.bus->trace();
+    EXPECT_EQ(error_of([&] { m.map.set_application_code(3, "400G"); }), EINVAL);
+    EXPECT_EQ(m.bus->trace().find('w'), std::string::npos);
+}
+
+TEST(qsfp_reg_map_cmis, lane_controls_nibbles_and_the_flat_memory_guard) {
+    module_on_bus m(avago);
+    m.map.set_dd_lane_tx_disable(2, true);
+    EXPECT_EQ(m.bus->byte(0x10, 130), 0x04);
+    EXPECT_EQ(std::pair(m.map.get_dd_tx_laser_enabled(4), m.map.get_dd_tx_laser_disabled(4)),
+              std::pair(false, false));
+    m.map.set_dd_tx_disable(true);
+    EXPECT_TRUE(m.map.get_dd_tx_laser_disabled(4));
+    m.map.set_dd_rx_output_pre_cursor_control(5);
+    EXPECT_EQ(m.bus->byte(0x10, 162), 0x55);
+    EXPECT_EQ(m.bus->byte(0x10, 144), 0xFF);  // ApplyImmediate
+    m.bus->set_byte(0x11, 224, 0x73);         // active pre-cursor, lanes 3 (low) and 4 (high)
+    EXPECT_EQ(std::pair(m.map.get_dd_lane_rx_output_pre_cursor_control(2),
+                        m.map.get_dd_lane_rx_output_pre_cursor_control(3)),
+              std::pair(3u, 7u));
+
+    // A flat-memory module ignores the page select: an upper-page field would land on page 00h.
+    module_on_bus flat("cmis_qsfpdd_dac_fithonteng_cu4ep54_flatmem");
+    flat.bus->trace();
+    EXPECT_EQ(error_of([&] { flat.map.set_dd_tx_disable(true); }), ENOTSUP);
+    EXPECT_EQ(error_of([&] { (void)flat.map.get_dd_active_cntl_set_app(); }), ENOTSUP);
+    EXPECT_EQ(flat.bus->trace().find('w'), std::string::npos);
+    EXPECT_FALSE(flat.map.get_dd_rx_output_amplitude_supported());
+}
+
+TEST(qsfp_reg_map_cmis, current_bitrate_from_an_interface_name) {
+    for (const auto& [name, rate] : {std::pair{"400GBASE-DR4 (Clause 124)", 400u},
+                                     {"100G-FR/100GBASE-FR1 (Clause 140)", 100u},
+                                     {"ZR400-OFEC-16QAM", 400u},
+                                     {"400ZR, DWDM, amplified", 400u},
+                                     {"OTL4.4", 0u},
+                                     {"Copper cable", 0u},
+                                     {"", 0u}})
+        EXPECT_EQ(qsfp_reg_map::get_current_bitrate(name), rate) << name;
+}
+
 TEST(qsfp_reg_map, identity_is_cached_until_forgotten_or_a_read_fails_and_failures_throw) {
     module_on_bus m(avago);
     EXPECT_EQ(m.map.get_vendor_name(), "AVAGO");
