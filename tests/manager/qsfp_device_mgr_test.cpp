@@ -312,12 +312,15 @@ TEST_F(Manager, DefaultFactoriesBuildTheOpticalHandlers) {
         R"("description":"100G LR4"}],"optical1or2LaneTransceiverList":[)"
         R"({"vendor":"QSFPD-EMU","partNumber":"EMU-Q28-100G-SR2","description":"SR2"}],)"
         R"("optical1LanePam4TransceiverList":[{"vendor":"QSFPD-EMU",)"
-        R"("partNumber":"EMU-Q28-100G-FR1","description":"FR1"}]})");
+        R"("partNumber":"EMU-Q28-100G-FR1","description":"FR1"}],)"
+        R"("opticalDD4LaneTransceiverList":[{"vendor":"QSFPD-EMU",)"
+        R"("partNumber":"EMU-QDD-400G-FR4","description":"FR4"}]})");
     make_manager(true);
     for (const auto& [profile, expected] :
          {std::pair{"qsfp28_100g_lr4", R"("optical" 4 true 0)"},
           std::pair{"qsfp28_100g_sr2_pam4", R"("optical-2lane" 2 true 0)"},
-          std::pair{"qsfp28_100g_fr1_pam4", R"("optical-1lane-pam4" 1 true 0)"}}) {
+          std::pair{"qsfp28_100g_fr1_pam4", R"("optical-1lane-pam4" 1 true 0)"},
+          std::pair{"qsfpdd_400g_fr4", R"("optical" 4 true 0)"}}) {
         SCOPED_TRACE(profile);
         insert(profile);
         ASSERT_NE(db.find("dataModel"), nullptr);
@@ -328,6 +331,20 @@ TEST_F(Manager, DefaultFactoriesBuildTheOpticalHandlers) {
         EXPECT_EQ(db.find("dataModel"), nullptr);
     }
     EXPECT_EQ(log.count("no handler available"), 0u);
+}
+
+// QSFP-DD modules the catalogue does not know: by CMIS revision and media technology.
+TEST_F(Manager, CmisModulesOutsideTheCatalogueAreSelectedByRevisionAndTechnology) {
+    write_catalogue("{}");
+    make_manager(true);
+    insert("qsfpdd_400g_dr4_innolight");  // CMIS 3.0 optics
+    EXPECT_EQ(log.count("Unsupported optical QSFP-DD Acacia version: 3."), 1u);
+    EXPECT_EQ(read("inventory/device_handler") + " " + read("alarms/unsupported/severity"),
+              R"("qsfp_dd_optical_4lane_dh" 1)");
+    remove();
+    insert("qsfpdd_400g_cr8_amphenol");  // copper: media interface technology 0Ah
+    EXPECT_EQ(log.count("Unsupported copper QSFP /dev/qsfp3 inserted"), 1u);
+    EXPECT_EQ(log.count("no handler available for qsfp_passive_device_handler"), 1u);
 }
 
 // A status given before the module is ready is handed over once it is, and one given later goes
