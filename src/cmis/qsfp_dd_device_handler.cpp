@@ -282,11 +282,14 @@ bool qsfp_dd_device_handler::update_application_lists(bool from_file) {
     return _update_application_lists(from_file);
 }
 
-bool qsfp_dd_device_handler::_update_application_lists(bool /*from_file*/) {
-    const std::string file = qsfpd::system_path(cmis::application_list_file::default_path);
-    auto contents = cmis::application_list_file::read(file, config_tag());
-    publish_file_nodes(contents);
-    custom_map_ = std::move(contents.custom);
+bool qsfp_dd_device_handler::_update_application_lists(bool from_file) {
+    // "false" re-reads the module's advertisement only, with the vendor codes already known.
+    if (from_file || !file_alarm_node_) {
+        const std::string file = qsfpd::system_path(cmis::application_list_file::default_path);
+        auto contents = cmis::application_list_file::read(file, config_tag());
+        publish_file_nodes(contents);
+        custom_map_ = std::move(contents.custom);
+    }
     read_for("read_application_and_update_app_codes",
              [&] { read_application_and_update_app_codes(); });
     return true;
