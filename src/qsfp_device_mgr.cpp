@@ -250,9 +250,11 @@ void qsfp_device_mgr::poll_once(std::stop_token stop) {
         restart_requested_ = false;
     }
     if (!handled && !restart_requested_ && present) {
+        low_power_parked_ = false;
         insert_module(stop);
         return;
     }
+    if (!handled && !present && !low_power_parked_) park_low_power();
     if (handled) {
         if (!present || restart_requested_) {
             remove_module();
@@ -420,6 +422,17 @@ void qsfp_device_mgr::remove_module() {
         reg_map_ = std::make_shared<qsfpd::cage::qsfp_reg_map>(*device_);
     }
     old_handler.reset();  // its nodes leave the database with it
+    park_low_power();
+}
+
+void qsfp_device_mgr::park_low_power() {
+    try {
+        device()->pin_set(qsfpd::cage::line::lpmode, true);
+        low_power_parked_ = true;
+    } catch (const std::exception& e) {
+        // A cage whose line cannot be driven now is tried again on the next empty pass.
+        MSG_LOG(msg_log::warning, device_path_) << "LPMode not asserted: " << e.what();
+    }
 }
 
 void qsfp_device_mgr::count_read(bool ok) {

@@ -101,6 +101,10 @@ class qsfp_device_mgr : public std::enable_shared_from_this<qsfp_device_mgr> {
     // The module is identified (whether or not a handler class exists for it).
     void mark_handled();
     void remove_module();
+    // Asserts the cage's LPMode line: the next module starts in low power, as a QSFP-DD's own
+    // pull-up on that line would hold it, so that a module found running by a handler is one an
+    // earlier run of the daemon set up (a warm start), never a freshly inserted one.
+    void park_low_power();
     void hand_over_admin_status();
     // One monitoring cycle of a ready handler, in this cage's bus slot.
     void run_handler_cycle();
@@ -127,6 +131,8 @@ class qsfp_device_mgr : public std::enable_shared_from_this<qsfp_device_mgr> {
     std::shared_ptr<qsfp_device_handler> handler_;
     bool module_handled_ = false;  // identified: with a handler, or with none available
     bool admin_handed_over_ = false;
+    // LPMode asserted for the empty cage (see park_low_power()).
+    bool low_power_parked_ = false;
     std::optional<bool> admin_up_;  // the status last given by a client
     std::optional<std::string> presence_;
 

@@ -575,11 +575,14 @@ void qsfp_dd_device_handler::check_application_taken(unsigned code) {
         std::find_if(staged.begin(), staged.end(), [](std::uint8_t b) { return b >> 4; }) -
         staged.begin());
     const unsigned lane = first_lane < staged.size() ? first_lane : 0;
+    // Held in low power (no return to high power, or the port is administratively down): the
+    // data path will not run, only the configuration is there to check.
+    const bool stays_low = !return_to_high_power_ || reg_map_->get_dd_low_pwr_request_sw();
     auto settled = [&] {
         if (reg_map_->get_dd_config_status(lane) ==
             static_cast<std::uint8_t>(cmis_config_status::in_progress))
             return false;
-        if (!return_to_high_power_) return true;  // no data path runs in low power
+        if (stays_low) return true;  // no data path runs in low power
         return module_state_of(reg_map_->get_dd_mod_state()) ==
                    static_cast<unsigned>(cmis_module_state::ready) &&
                reg_map_->get_dd_dp_state(lane) ==

@@ -281,3 +281,48 @@ TEST_F(DdHandler, TheFourLaneHandlerSuppressesALosFlapOnOneLane) {
 
 }  // namespace
 }  // namespace qsfpd::handler_test
+
+namespace qsfpd::handler_test {
+namespace {
+
+// A module found in low power is set up (cold start); one found running was set up by an
+// earlier run of the daemon and is left as it is (warm start), its port taken as up.
+TEST_F(DdHandler, TheFourLaneHandlerStartsColdFromLowPowerAndWarmOnARunningModule) {
+    insert("qsfpdd_400g_fr4");
+    device->pin_set(cage::line::lpmode, true);  // as the manager leaves an empty cage
+    clock->advance(1s);
+    auto make = [&] {
+        auto h = std::make_shared<qsfp_dd_optical_4lane_device_handler>(
+            db, device, "qsfp", regs, "VENDOR", "EMU-QDD-400G-FR4", "PART NAME", "d",
+            qsfp_flags_s{}, 3, 4, clock);
+        h->start();
+        return h;
+    };
+    auto cold = make();
+    EXPECT_FALSE(cold->is_warm_started());
+    EXPECT_FALSE(device->pin_get(cage::line::lpmode));
+    cold.reset();
+    clock->advance(1s);  // ModulePwrUp
+    auto warm = make();
+    EXPECT_TRUE(warm->is_warm_started());
+    expect_logged("QSFP DD 4-Lane",
+                  {"QSFP DD 4-Lane optical device handler cold started successfully for qsfp3",
+                   "QSFP DD 4-Lane optical device handler warm started successfully for qsfp3"});
+    EXPECT_EQ(values("data/adminStatus data/moduleState"), "\"up\" \"ModuleReady\"");
+}
+
+TEST_F(DdHandler, AnEmptyAdvertisementGivesAnEmptyList) {
+    insert("qsfpdd_400g_fr4");
+    module().poke({}, 86, 0xFF);  // the list ends before its first application
+    auto h =
+        std::make_shared<test_dd_handler>(db, device, "qsfp", regs, "VENDOR", "EMU-QDD-400G-FR4",
+                                          "PART NAME", "d", qsfp_flags_s{}, "optical", 3, 4, clock);
+    h->start();
+    EXPECT_EQ(error_of([&] { h->get_application_list(); }).what(),
+              std::string("Application list is empty"));
+    EXPECT_EQ(error_of([&] { h->get_current_application(); }).what(),
+              std::string("Current application code does not match advertised applications"));
+}
+
+}  // namespace
+}  // namespace qsfpd::handler_test
