@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "dh_error.hpp"
 #include "msg_log.hpp"
 
 using dh::api::status_value;
@@ -21,6 +22,14 @@ optical_alarms::optical_alarms(unsigned lane_count, double los_threshold_dbm,
       lane_mask_(static_cast<std::uint8_t>((1u << lane_count_) - 1)),
       los_threshold_dbm_(los_threshold_dbm),
       clock_(std::move(clock)) {}
+
+bool optical_alarms::lane_flag(const std::array<bool, max_lanes>& flags, unsigned lane,
+                               const char* what) const {
+    if (lane >= lane_count_)
+        throw dh_error(dh::errc::invalid,
+                       std::string("Illegal channel index while getting ") + what);
+    return flags[lane];
+}
 
 void optical_alarms::process(const inputs& in, const std::string& tag,
                              const std::string& module_name) {

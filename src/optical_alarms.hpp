@@ -48,12 +48,16 @@ class optical_alarms {
     // Logs each change under `tag`, each message followed by `module_name`.
     void process(const inputs& in, const std::string& tag, const std::string& module_name);
 
-    bool lane_tx_fault(unsigned lane) const { return lane_tx_fault_.at(lane); }
-    bool lane_los(unsigned lane) const { return lane_los_.at(lane); }
-    bool lane_lol(unsigned lane) const { return lane_lol_.at(lane); }
+    // One lane's flag as the last cycle saw it; a lane the module does not have is refused
+    // ("Illegal channel index while getting LOS").
+    bool lane_tx_fault(unsigned lane) const { return lane_flag(lane_tx_fault_, lane, "TX fault"); }
+    bool lane_los(unsigned lane) const { return lane_flag(lane_los_, lane, "LOS"); }
+    bool lane_lol(unsigned lane) const { return lane_flag(lane_lol_, lane, "LOL"); }
     unsigned lane_count() const { return lane_count_; }
 
   private:
+    bool lane_flag(const std::array<bool, max_lanes>& flags, unsigned lane, const char* what) const;
+
     unsigned lane_count_;
     std::uint8_t lane_mask_;
     double los_threshold_dbm_;

@@ -14,6 +14,7 @@
 #include "msg_log.hpp"
 #include "qsfp_transport.hpp"
 #include "system_path.hpp"
+#include "tx_enable_texts.hpp"
 
 using namespace dh::api;
 using qsfpd::cage::cmis_config_status;
@@ -643,22 +644,9 @@ bool qsfp_dd_device_handler::set_tx_enable(const bool& enable) {
     require_paging("TX enable");
     const std::string tag = config_tag();
     read_for("set_tx_enable", [&] {
-        if (!enable) {
-            if (_get_tx_disabled()) {
-                MSG_LOG(msg_log::info, tag) << "TX already disabled " << module_name();
-                return;
-            }
-            MSG_LOG(msg_log::info, tag) << "TX disabled " << module_name();
-            reg_map_->set_dd_tx_disable(true);
-            return;
-        }
-        if (_get_tx_enabled()) {
-            MSG_LOG(msg_log::info, tag) << "TX already enabled " << module_name();
-            return;
-        }
-        // "enbled": the message as operators' log filters know it.
-        MSG_LOG(msg_log::info, tag) << "TX enbled " << module_name();
-        reg_map_->set_dd_tx_disable(false);
+        const bool already = enable ? _get_tx_enabled() : _get_tx_disabled();
+        MSG_LOG(msg_log::info, tag) << qsfpd::tx_texts::module(enable, already, module_name());
+        if (!already) reg_map_->set_dd_tx_disable(!enable);
     });
     return true;
 }
@@ -667,24 +655,15 @@ bool qsfp_dd_device_handler::set_lane_tx_enable(const unsigned& lane, const bool
     auto lock = lock_handler();
     const std::string tag = config_tag();
     if (lane >= lane_count_) {
-        const auto text = fmt::format("TX lane {} not available {}", lane, module_name());
+        const auto text = qsfpd::tx_texts::lane_not_available(lane, module_name());
         MSG_LOG(msg_log::warning, tag) << text;
         throw dh_error(dh::errc::invalid, text);
     }
     require_paging("TX enable");
     read_for("set_lane_tx_enable", [&] {
-        const bool enabled = _get_lane_tx_enable(lane);
-        if (enabled == enable) {
-            MSG_LOG(msg_log::info, tag)
-                << fmt::format(fmt::runtime(enable ? "TX lane {} already enabled {}"
-                                                   : "TX lane {} already disabled {}"),
-                               lane, module_name());
-            return;
-        }
-        MSG_LOG(msg_log::info, tag)
-            << fmt::format(fmt::runtime(enable ? "TX lane {} enbled {}" : "TX lane {} disabled {}"),
-                           lane, module_name());
-        reg_map_->set_dd_lane_tx_disable(lane, !enable);
+        const bool already = _get_lane_tx_enable(lane) == enable;
+        MSG_LOG(msg_log::info, tag) << qsfpd::tx_texts::lane(lane, enable, already, module_name());
+        if (!already) reg_map_->set_dd_lane_tx_disable(lane, !enable);
     });
     return true;
 }

@@ -8,6 +8,7 @@
 #include "channel_converter.hpp"
 #include "device_handler_client.hpp"
 #include "msg_log.hpp"
+#include "tx_enable_texts.hpp"
 
 using namespace dh::api;
 using qsfpd::cage::sff8636_int_flags;
@@ -329,27 +330,18 @@ double qsfp_optical_device_handler::get_rx_sensitivity() {
     return get_threshold(monitor::rx_power, threshold::low_alarm);
 }
 
-void qsfp_optical_device_handler::check_lane(unsigned lane, const char* what) const {
-    if (lane >= lane_count_)
-        throw dh_error(dh::errc::invalid,
-                       std::string("Illegal channel index while getting ") + what);
-}
-
 bool qsfp_optical_device_handler::get_channel_tx_fault(unsigned lane) {
     auto lock = lock_handler();
-    check_lane(lane, "TX fault");
     return alarms_.lane_tx_fault(lane);
 }
 
 bool qsfp_optical_device_handler::get_channel_los(unsigned lane) {
     auto lock = lock_handler();
-    check_lane(lane, "LOS");
     return alarms_.lane_los(lane);
 }
 
 bool qsfp_optical_device_handler::get_channel_lol(unsigned lane) {
     auto lock = lock_handler();
-    check_lane(lane, "LOL");
     return alarms_.lane_lol(lane);
 }
 
@@ -454,13 +446,11 @@ bool qsfp_optical_device_handler::set_tx_enable_command(bool enable) {
     // Nothing to do only when every lane already is as asked: a disable with one lane off
     // must still switch the others off.
     if (enable ? get_tx_enabled() : get_tx_disabled()) {
-        MSG_LOG(msg_log::info, tag)
-            << (enable ? "TX already enabled " : "TX already disabled ") << module_name();
+        MSG_LOG(msg_log::info, tag) << qsfpd::tx_texts::module(enable, true, module_name());
         return true;
     }
     read_for("set_tx_enable", [&] { reg_map_->set_tx_disable(!enable); });
-    // "enbled": the message as operators' log filters know it.
-    MSG_LOG(msg_log::info, tag) << (enable ? "TX enbled " : "TX disabled ") << module_name();
+    MSG_LOG(msg_log::info, tag) << qsfpd::tx_texts::module(enable, false, module_name());
     return true;
 }
 
@@ -468,23 +458,18 @@ bool qsfp_optical_device_handler::set_lane_tx_enable(unsigned lane, bool enable)
     auto lock = lock_handler();
     const std::string tag = config_tag();
     if (lane >= lane_count_) {
-        const auto text = fmt::format("TX lane {} not available {}", lane, module_name());
+        const auto text = qsfpd::tx_texts::lane_not_available(lane, module_name());
         MSG_LOG(msg_log::warning, tag) << text;
         throw dh_error(dh::errc::invalid, text);
     }
     const bool disabled =
         read_for("set_lane_tx_enable", [&] { return reg_map_->get_ch_tx_disable(lane); });
     if (disabled != enable) {
-        MSG_LOG(msg_log::info, tag)
-            << fmt::format(fmt::runtime(enable ? "TX lane {} already enabled {}"
-                                               : "TX lane {} already disabled {}"),
-                           lane, module_name());
+        MSG_LOG(msg_log::info, tag) << qsfpd::tx_texts::lane(lane, enable, true, module_name());
         return true;
     }
     read_for("set_lane_tx_enable", [&] { reg_map_->set_ch_tx_disable(lane, !enable); });
-    MSG_LOG(msg_log::info, tag) << fmt::format(
-        fmt::runtime(enable ? "TX lane {} enbled {}" : "TX lane {} disabled {}"), lane,
-        module_name());
+    MSG_LOG(msg_log::info, tag) << qsfpd::tx_texts::lane(lane, enable, false, module_name());
     return true;
 }
 

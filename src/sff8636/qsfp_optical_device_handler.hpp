@@ -123,7 +123,6 @@ class qsfp_optical_device_handler : public qsfp_device_handler {
   private:
     void warm_or_cold_start();
     void process_flags(const qsfpd::cage::sff8636_int_flags& flags, double total_rx_power);
-    void check_lane(unsigned lane, const char* what) const;
     double lane_power(unsigned lane, bool rx);
 
     unsigned lane_count_;
