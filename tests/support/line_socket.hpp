@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -109,11 +110,15 @@ class line_socket {
         return read_line().value_or("<no answer>");
     }
 
-  private:
-    bool wait_readable() {
+    // Whether an answer (or anything) is waiting, or arrives within `limit`.
+    bool readable_within(std::chrono::milliseconds limit) {
+        if (!buffer_.empty()) return true;
         pollfd p{fd_, POLLIN, 0};
-        return ::poll(&p, 1, 5000) > 0;
+        return ::poll(&p, 1, static_cast<int>(limit.count())) > 0;
     }
+
+  private:
+    bool wait_readable() { return readable_within(std::chrono::milliseconds(5000)); }
 
     int fd_;
     std::string buffer_;
