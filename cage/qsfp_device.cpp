@@ -120,6 +120,14 @@ void qsfp_device::select(const lock& held, std::uint8_t bank, std::uint8_t page)
         fail(EINVAL, name_ + ": SFF-8636 modules have no banks");
     if (banked) {
         if (page_ == page && bank_ == bank) return;
+        if (bank_ == bank) {
+            // The bank is right already: switching the page alone cannot leave a half-switched
+            // pair, and saves a byte on every return to the monitoring page.
+            const std::array<std::uint8_t, 1> value{page};
+            transport(held).i2c_write(module_address, page_select_byte, value);
+            page_ = page;
+            return;
+        }
         // CMIS asks for bank and page in one write, so the module never sees a half-switched pair.
         const std::array<std::uint8_t, 2> pair{bank, page};
         transport(held).i2c_write(module_address, bank_select_byte, pair);
