@@ -115,8 +115,9 @@ TEST_F(qsfp_device_test, only_cmis_banked_pages_take_a_bank_written_with_the_pag
     EXPECT_EQ(read(3, flat(0x11, 154)), 0x23);
     EXPECT_EQ(device.read_byte(flat(0x11, 154)), 0x1A);  // bank 0
     read(2, flat(0x01, 142));                            // not a banked page: no bank byte
-    EXPECT_EQ(bus->trace(),
-              "r0#1 w126:0111 r154#1 r154#1 w126:0311 r154#1 w126:0011 r154#1 w127:01 r142#1");
+    read(0, flat(0x10, 130));  // back to a banked page of the bank in place: the page alone
+    EXPECT_EQ(bus->trace(), "r0#1 w126:0111 r154#1 r154#1 w126:0311 r154#1 w126:0011 r154#1 "
+                            "w127:01 r142#1 w127:10 r130#1");
     // SFF-8636 modules have no banks, and page 20h is a plain page there.
     bus->set_byte(0, 0, 0x11);
     device.invalidate_cache();
