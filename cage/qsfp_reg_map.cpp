@@ -509,11 +509,13 @@ void qsfp_reg_map::set_application_code(std::uint8_t code, const std::string& se
         throw std::system_error(EINVAL, std::generic_category(),
                                 "application " + std::to_string(code) + " is not advertised");
     // Data paths start on the host lanes the advertisement allows, without overlapping.
+    const std::uint8_t starts =
+        app.host_lane_assignment_options != 0 ? app.host_lane_assignment_options : 0x01;
     std::array<std::uint8_t, 8> config{};
     unsigned wanted = data_paths_of(service);
     unsigned next_free = 0;
     for (unsigned first = 0; first < max_dd_lanes && wanted > 0; ++first) {
-        if (first < next_free || !((app.host_lane_assignment_options >> first) & 1u)) continue;
+        if (first < next_free || !((starts >> first) & 1u)) continue;
         if (first + app.host_lane_count > max_dd_lanes) break;
         for (unsigned lane = first; lane < first + app.host_lane_count; ++lane)
             config[lane] = static_cast<std::uint8_t>(code << 4 | first << 1);

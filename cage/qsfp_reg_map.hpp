@@ -367,6 +367,9 @@ class qsfp_reg_map {
     bool get_dd_support_customer_eeprom() { return paged_flag(fields::cm("page_03_supported")); }
     bool get_dd_support_diagnostics() { return paged_flag(fields::cm("diag_pages_supported")); }
     bool get_dd_support_vdm() { return paged_flag(fields::cm("vdm_pages_supported")); }
+    bool get_dd_rx_power_monitor_supported() {
+        return paged_flag(fields::cm("rx_power_monitor_supported"));
+    }
     bool get_dd_support_cdb() {
         return get_dd_support_paging() && read_bits(fields::cm("cdb_instances")) != 0;
     }
@@ -424,7 +427,8 @@ class qsfp_reg_map {
     std::array<std::uint8_t, 8> get_dd_active_app_per_lane();
     // Stages application `code` in control set 0 on as many data paths as the service asks for
     // ("Nx..." services: N, others one) and the advertisement allows, unused lanes with AppSel 0,
-    // then applies it with data path re-init on every lane.
+    // then applies it with data path re-init on every lane. Host lane assignment options of 00h
+    // (seen on real cables, and meaningless) are taken as "host lane 1".
     void set_application_code(std::uint8_t code, const std::string& service);
     // The staged control set as it is (8 lanes), and a data-path re-init of every lane with it.
     std::array<std::uint8_t, 8> get_dd_staged_dp_config();

@@ -27,11 +27,12 @@ inline constexpr std::uint8_t sfp_diagnostics_address = 0x51;
 // banks and field decoding live above it in qsfp_device and the register maps. Every failure
 // throws std::system_error carrying the errno (ENXIO for a module that does not answer).
 class qsfp_transport {
-public:
+  public:
     virtual ~qsfp_transport() = default;
 
     // One combined transfer: write the offset, then read out.size() bytes.
-    virtual void i2c_read(std::uint8_t device_address, std::uint8_t offset, std::span<std::uint8_t> out) = 0;
+    virtual void i2c_read(std::uint8_t device_address, std::uint8_t offset,
+                          std::span<std::uint8_t> out) = 0;
     // One write transfer: the offset followed by the data.
     virtual void i2c_write(std::uint8_t device_address, std::uint8_t offset,
                            std::span<const std::uint8_t> data) = 0;

@@ -224,6 +224,7 @@ inline constexpr std::array cmis = {
     bits("cdb_instances", 0x01, 163, 0xC0, "CMIS page 01h byte 163 bits 7-6, CdbInstancesSupported (0: no CDB)"),
     flag("transmitter_tunable", 0x01, 155, 6, "CMIS page 01h byte 155 bit 6, TransmitterIsTunable (pages 04h, 12h)"),
     flag("auto_squelch_disable_rx_supported", 0x01, 156, 2, "CMIS page 01h byte 156 bit 2, AutoSquelchDisableRxSupported"),
+    flag("rx_power_monitor_supported", 0x01, 160, 2, "CMIS page 01h byte 160 bit 2, RxOpticalPowerMonSupported"),
     bits("tx_bias_multiplier", 0x01, 160, 0x18, "CMIS page 01h byte 160 bits 4-3, TxBiasCurrentScalingFactor (x1, x2, x4)"),
     flag("rx_output_amplitude_supported", 0x01, 162, 2, "CMIS page 01h byte 162 bit 2, RxOutputAmplitudeControlSupported"),
     flag("rx_output_pre_cursor_supported", 0x01, 162, 3, "CMIS page 01h byte 162 bits 4-3 = x1b, Rx output EQ pre-cursor control"),

@@ -575,9 +575,11 @@ def dac_cisco():
     dump = "cmis_qsfpdd_dac_cisco_68-103205-02_sparse_apps.hex"
     lower, p00 = blocks(load(dump))
     assert lower[0] == 0x18 and not lower[2] & 0x80 and lower[114] == 0x11
-    pages = {"00": p00,
-             "01": cmis_page01(0, 0, 0, [0] * 8, 0, dp_durations=0x11, optical=False,
-                               page03=False),
+    p01 = cmis_page01(0, 0, 0, [0] * 8, 0, dp_durations=0x11, optical=False, page03=False)
+    # The dump has no page 01h: the list ends after descriptor 8 (host code FFh at 223), as a
+    # module with fewer than fifteen applications ends it.
+    put(p01, 223, [0xFF])
+    pages = {"00": p00, "01": p01,
              "02": cmis_page02(), "b0:10": cmis_page10(0), "b0:11": cmis_page11(0)}
     return cmis_profile("QSFP-DD passive copper (Cisco 68-103205-02)",
                         "CMIS 4.0, only application descriptor 8 populated", dump, lower, pages, 8,

@@ -96,11 +96,16 @@ qsfp_dd_device_handler::qsfp_dd_device_handler(
         auto lock = lock_handler();
         module_access([&] {
             paging_ = reg_map_->get_dd_support_paging();
-            // The lane count of the first application: what the module's lanes carry by default.
-            const auto first = reg_map_->get_appcode_advertisement(1);
-            if (first.host_interface_id != end_of_list)
+            // The lanes of the first application the module describes (some leave the first
+            // descriptors empty, host code 00h): what the module's lanes carry by default.
+            for (unsigned n = 1; n <= 8; ++n) {
+                const auto app = reg_map_->get_appcode_advertisement(n);
+                if (app.host_interface_id == end_of_list) break;
+                if (app.host_interface_id == 0) continue;
                 lane_count_ =
-                    first.media_lane_count != 0 ? first.media_lane_count : first.host_lane_count;
+                    app.media_lane_count != 0 ? app.media_lane_count : app.host_lane_count;
+                break;
+            }
             lane_count_ = std::clamp(lane_count_, 1u, qsfpd::cage::qsfp_reg_map::max_dd_lanes);
             pre = _get_rx_output_pre_cursor_supported();
             post = _get_rx_output_post_cursor_supported();
@@ -487,6 +492,11 @@ void qsfp_dd_device_handler::set_application_code(const rapidjson::Document& doc
                                               std::to_string(total) + "].");
     }
     require_paging("Application select");
+    // The service is checked before anything else is read or changed: with no application
+    // running, a service nobody handles would otherwise reach the module.
+    const auto wanted = service_map_.find(service);
+    if (wanted == service_map_.end())
+        throw dh_error(dh::errc::invalid, "Invalid service " + service + ". Service not handled!");
 
     unsigned active = 0;
     try {
@@ -505,9 +515,6 @@ void qsfp_dd_device_handler::set_application_code(const rapidjson::Document& doc
         _set_application_code(number, service);
         return;
     }
-    const auto wanted = service_map_.find(service);
-    if (wanted == service_map_.end())
-        throw dh_error(dh::errc::invalid, "Invalid service " + service + ". Service not handled!");
     if (active != number || wanted->second != _get_current_bitrate()) {
         _set_application_code(number, service);
         return;

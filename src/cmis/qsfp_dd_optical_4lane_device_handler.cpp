@@ -50,13 +50,15 @@ qsfp_dd_optical_4lane_device_handler::qsfp_dd_optical_4lane_device_handler(
                              std::move(vendor), std::move(part_number), std::move(part_name),
                              std::move(description), flags, "optical", unit, num_units,
                              std::move(clock)),
-      alarms_(lane_count(), -99.0, clock_) {
+      alarms_(lane_count(), los_threshold_dbm_, clock_) {
     auto lock = lock_handler();
     if (paging()) {
         module_access([&] {
             bias_multiplier_ = reg_map_->get_dd_tx_bias_multiplier();
-            los_threshold_dbm_ =
-                units::power_dbm(reg_map_->get_dd_rx_power_threshold(threshold::low_alarm));
+            // Without an RX power monitor the power reads 0: it says nothing about the light.
+            if (reg_map_->get_dd_rx_power_monitor_supported())
+                los_threshold_dbm_ =
+                    units::power_dbm(reg_map_->get_dd_rx_power_threshold(threshold::low_alarm));
         });
     }
     alarms_ = optical_alarms(lane_count(), los_threshold_dbm_, clock_);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -70,7 +71,8 @@ class qsfp_dd_optical_4lane_device_handler : public qsfp_dd_device_handler {
 
     bool warm_started_ = false;
     unsigned bias_multiplier_ = 1;
-    double los_threshold_dbm_ = -99.0;
+    // A total RX power below it counts as loss of signal (never, without an RX power monitor).
+    double los_threshold_dbm_ = -std::numeric_limits<double>::infinity();
     std::optional<double> last_temperature_;
     optical_alarms alarms_;
     struct {

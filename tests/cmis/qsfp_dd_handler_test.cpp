@@ -111,11 +111,30 @@ TEST_F(DdHandler, TheApplicationFileNamesAVendorCodeAndItsVersions) {
               "false \"3\" \"4.0\"");
 }
 
-TEST_F(DdHandler, ASparseAdvertisementIsDecodedAsTheModuleGivesIt) {
-    auto sparse = dd("qsfpdd_dac_cisco_sparse", "68-103205-02");
-    const auto apps = sparse->application_map();
-    ASSERT_FALSE(apps.empty());
+// The Cisco cable: descriptors 1-7 empty (host code 00h), 8 the one application, with host lane
+// assignment 00h; no application runs until the host selects one; no RX power monitor.
+TEST_F(DdHandler, ASparseAdvertisementIsDecodedAndSelectedAsTheModuleGivesIt) {
+    insert("qsfpdd_dac_cisco_sparse");
+    auto h = std::make_shared<qsfp_dd_optical_4lane_device_handler>(
+        db, device, "qsfp", regs, "CISCO", "68-103205-02", "PART NAME", "d", qsfp_flags_s{}, 3, 4,
+        clock);
+    h->start();
+    const auto apps = h->application_map();
+    ASSERT_EQ(apps.size(), 8u);
     EXPECT_EQ(apps.begin()->second.host.Interface, "Unknown");  // host code 00h: undefined
+    EXPECT_EQ(apps.at(8).host.Interface, "400GAUI-8 C2M (Annex 120E)");
+    EXPECT_EQ(values("data/numberOfLanes data/applicationCode"), "8 0");
+    for (int i = 0; i < 20; ++i)
+        h->run_periodic_tasks();
+    EXPECT_EQ(severity("lossOfSignal"), 0);  // no RX power monitor: its 0 is no dark fibre
+
+    const auto staged = lanes(0x10, staged_config);
+    EXPECT_EQ(error_of([&] { select(R"({"app_select": 8, "service": "5x80GbE"})"); }).what(),
+              std::string("Invalid service 5x80GbE. Service not handled!"));
+    EXPECT_EQ(lanes(0x10, staged_config), staged);
+    select(R"({"app_select": 8, "service": "400GbE-400GbE"})");
+    EXPECT_EQ(lanes(0x11, active_config),
+              (std::array<std::uint8_t, 8>{0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80}));
 }
 
 TEST_F(DdHandler, AFlatMemoryModuleIsServedWithThePageItHas) {
