@@ -450,9 +450,15 @@ unsigned qsfp_dd_device_handler::get_application_number() {
 }
 
 unsigned qsfp_dd_device_handler::_get_current_bitrate() {
+    // The host interface names its rate whatever the medium ("400GAUI-8 C2M"); a copper media
+    // code ("Copper cable") does not. The media name is the fallback.
     const auto& app = _get_current_application_info();
-    if (app.media.Interface == "n/a") return 0;
-    return qsfpd::cage::qsfp_reg_map::get_current_bitrate(app.media.Interface);
+    for (const auto* name : {&app.host.Interface, &app.media.Interface}) {
+        if (*name == "n/a") continue;
+        if (const unsigned rate = qsfpd::cage::qsfp_reg_map::get_current_bitrate(*name))
+            return rate;
+    }
+    return 0;
 }
 
 unsigned qsfp_dd_device_handler::get_total_application_code() {
@@ -497,6 +503,11 @@ void qsfp_dd_device_handler::set_application_code(const rapidjson::Document& doc
     const auto wanted = service_map_.find(service);
     if (wanted == service_map_.end())
         throw dh_error(dh::errc::invalid, "Invalid service " + service + ". Service not handled!");
+    // An empty descriptor inside the list (host code 00h, no lanes) names no application.
+    const auto requested = app_map_.find(number);
+    if (requested == app_map_.end() || requested->second.host_lane_count == 0)
+        throw dh_error(dh::errc::invalid, "Application code " + std::to_string(number) +
+                                              " describes no application of the module");
 
     unsigned active = 0;
     try {
