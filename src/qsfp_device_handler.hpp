@@ -158,6 +158,12 @@ class qsfp_device_handler : public std::enable_shared_from_this<qsfp_device_hand
     // the handler mutex held. The base has nothing to switch.
     virtual void _set_port_admin_status(bool /*up*/) {}
 
+    // The admin status a client (or a warm start) gave: none yet, up or down.
+    std::optional<bool> admin_state() const {
+        auto lock = lock_handler();
+        return admin_applied_ ? std::optional<bool>(admin_up_) : std::nullopt;
+    }
+
     // Records the admin status the module is found in, without switching anything (warm start).
     void _adopt_port_admin_status(bool up) {
         admin_up_ = up;

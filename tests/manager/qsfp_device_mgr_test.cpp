@@ -344,7 +344,9 @@ TEST_F(Manager, CmisModulesOutsideTheCatalogueAreSelectedByRevisionAndTechnology
     remove();
     insert("qsfpdd_400g_cr8_amphenol");  // copper: media interface technology 0Ah
     EXPECT_EQ(log.count("Unsupported copper QSFP /dev/qsfp3 inserted"), 1u);
-    EXPECT_EQ(log.count("no handler available for qsfp_passive_device_handler"), 1u);
+    EXPECT_EQ(read("dataModel") + " " + read("data/numberOfLanes") + " " + read("data/dhReady") +
+                  " " + read("settings/txEnable"),
+              R"("passive" 4 true true)");
 }
 
 // A status given before the module is ready is handed over once it is, and one given later goes
