@@ -43,9 +43,9 @@ void gearbox_state::register_nodes(dh_db& db) {
     using namespace dh::api;
     const auto self = shared_from_this();
     const auto v = values();
+    const std::string status = v.up ? "up" : "down";
 
-    oper_status_ = status_value<std::string>::create(db, "data/operStatus", self,
-                                                     std::string(v.up ? "up" : "down"));
+    oper_status_ = status_value<std::string>::create(db, "data/operStatus", self, status);
     warm_started_ =
         status_value<bool>::create(db, "data/debug/isWarmStarted", self, v.warm_started);
     for (unsigned lane = 0; lane < lane_count; ++lane) {
@@ -61,7 +61,6 @@ void gearbox_state::register_nodes(dh_db& db) {
         node->set_value(initial);
         config_nodes_.push_back(node);
     };
-    const std::string status = v.up ? "up" : "down";
     keep(config_param<&gearbox_state::set_oper_status>::create(
              db, "config/operStatus", self, std::vector<std::string>{"up", "down"}, status),
          status);
