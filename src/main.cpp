@@ -21,13 +21,23 @@ int main(int argc, char* argv[]) {
         return std::make_shared<qsfpd::remote::remote_cage_transport>(path);
     });
 
-    auto server = std::make_shared<device_handler_api>(qsfpd::system_path(options->server_name),
-                                                       options->port, false);
-
-    // The manager polls the cage from here on, before the server takes its first client.
-    auto manager = std::make_shared<qsfp_device_mgr>(options->device_path, server->get_db(),
-                                                     options->unit, options->num_units);
-    manager->start();
+    std::shared_ptr<device_handler_api> server;
+    std::shared_ptr<qsfp_device_mgr> manager;
+    try {
+        server = std::make_shared<device_handler_api>(qsfpd::system_path(options->server_name),
+                                                      options->port, false);
+        // The manager polls the cage from here on, before the server takes its first client.
+        manager = std::make_shared<qsfp_device_mgr>(options->device_path, server->get_db(),
+                                                    options->unit, options->num_units);
+        manager->start();
+    } catch (const std::exception& e) {
+        // A cage that is not there (no such device, no board file, an emulator not started
+        // yet) or a server name in use: say so and leave, rather than abort.
+        MSG_LOG(msg_log::error, options->device_path + "/init")
+            << "Cannot serve " << options->device_path << ": " << e.what();
+        std::cerr << "qsfpd: cannot serve " << options->device_path << ": " << e.what() << "\n";
+        return 1;
+    }
 
     MSG_LOG(msg_log::info, options->device_path + "/init")
         << "Device handler initialized for " << options->device_path << ". Listening on port "

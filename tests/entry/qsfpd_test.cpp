@@ -54,6 +54,18 @@ TEST(QsfpdOptions, HelpAndBadInputPrintTheDescriptionAndTheDaemonExitsOne) {
     EXPECT_EQ(daemon.output(), help);
 }
 
+// A cage that is neither an emulator socket nor one of the board file: a clear line, exit 1.
+TEST(QsfpdProcess, ACageThatIsNotThereEndsTheDaemonWithItsReason) {
+    const qsfpd::test::temp_dir root_dir("no-cage");
+    ::setenv("QSFPD_ROOT", root_dir.path().c_str(), 1);
+    const std::string device = (root_dir.path() / "no-such-cage").string();
+    child_process daemon({QSFPD_BINARY, "-d", device, "-u", "1", "-p", "0"});
+    ::unsetenv("QSFPD_ROOT");
+    EXPECT_EQ(daemon.wait_exit(), 1);
+    EXPECT_NE(daemon.output().find("qsfpd: cannot serve " + device + "1: "), std::string::npos)
+        << daemon.output();
+}
+
 TEST(QsfpdProcess, ServesUnderItsServerNameAndExitsZeroOnSigterm) {
     const qsfpd::test::temp_dir root_dir("process");
     const auto& root = root_dir.path();
