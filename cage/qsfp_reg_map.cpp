@@ -110,10 +110,14 @@ const field_def& qsfp_reg_map::cmis_only(const field_def& f) {
     return f;
 }
 
+bool qsfp_reg_map::cmis_flat() {
+    if (!cmis_flat_) cmis_flat_ = read_flag(fields::cm("flat_mem"));
+    return *cmis_flat_;
+}
+
 void qsfp_reg_map::check_page(const field_def& f) {
     if (f.page == 0 || f.byte < page_size || !is_cmis()) return;
-    if (!cmis_flat_) cmis_flat_ = read_flag(fields::cm("flat_mem"));
-    if (*cmis_flat_)
+    if (cmis_flat())
         throw std::system_error(
             ENOTSUP, std::generic_category(),
             std::string(f.name) + ": a flat-memory module has no page " + std::to_string(f.page));
@@ -340,8 +344,8 @@ void qsfp_reg_map::write_raw(const field_def& f, std::span<const std::uint8_t> b
 }
 
 bool qsfp_reg_map::paged_flag(const field_def& f) {
-    if (!get_dd_support_paging()) return false;
-    return read_flag(cmis_only(f));
+    if (cmis_only(f).page != 0 && cmis_flat()) return false;
+    return read_flag(f);
 }
 
 field_def qsfp_reg_map::dd_lane_of(const field_def& f, unsigned lane) {

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "cmis_states.hpp"
 #include "qsfp_device.hpp"
 #include "register_fields.hpp"
 
@@ -63,35 +64,6 @@ struct cmis_app_advertisement {
     std::uint8_t media_lane_assignment_options = 0;
 };
 
-// CMIS module states (lower page byte 3 bits 3-1) and data path states (page 11h, nibbles).
-enum class cmis_module_state : std::uint8_t {
-    low_pwr = 1,
-    pwr_up = 2,
-    ready = 3,
-    pwr_dn = 4,
-    fault = 5,
-};
-enum class cmis_dp_state : std::uint8_t {
-    deactivated = 1,
-    init = 2,
-    deinit = 3,
-    activated = 4,
-    tx_turn_on = 5,
-    tx_turn_off = 6,
-    initialized = 7,
-};
-// ConfigStatusLane codes (page 11h bytes 202-205).
-enum class cmis_config_status : std::uint8_t {
-    undefined = 0,
-    success = 1,
-    rejected = 2,
-    rejected_invalid_app_sel = 3,
-    rejected_invalid_data_path = 4,
-    rejected_invalid_si = 5,
-    rejected_lane_in_use = 6,
-    rejected_partial_data_path = 7,
-    in_progress = 12,
-};
 std::string_view config_status_name(std::uint8_t code);
 std::string_view module_state_name(std::uint8_t state);
 
@@ -536,6 +508,8 @@ class qsfp_reg_map {
     // Refuses a CMIS upper-page field on a flat-memory module: its page select is ignored, so the
     // access would land on page 00h.
     void check_page(const field_def& f);
+    // The flat-memory bit of a CMIS module, read once per identity.
+    bool cmis_flat();
 };
 
 }  // namespace qsfpd::cage

@@ -1046,9 +1046,9 @@ void module_emulator::apply_dp_init(std::uint8_t mask, clock::time_point now) {
                 }
             const auto app = advertised_app(mem, appsel(lane));
             if (!app) {
-                verdict = config_status::invalid_appsel;
+                verdict = config_status::rejected_invalid_app_sel;
             } else if ((members & mask) != members) {
-                verdict = config_status::partial_data_path;
+                verdict = config_status::rejected_partial_data_path;
             } else {
                 const unsigned count = app->lane_counts >> 4;
                 const unsigned wanted = ((1u << count) - 1) << first;
@@ -1056,7 +1056,7 @@ void module_emulator::apply_dp_init(std::uint8_t mask, clock::time_point now) {
                 const unsigned starts = app->host_assignment ? app->host_assignment : 0x01;
                 if (mixed || members != wanted || first + count > host_lanes ||
                     !(starts & (1u << first)))
-                    verdict = config_status::invalid_data_path;
+                    verdict = config_status::rejected_invalid_data_path;
             }
         }
         auto& l = dp_[lane];

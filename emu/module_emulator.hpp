@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "cage/cmis_states.hpp"
 #include "cage/qsfp_transport.hpp"
 #include "clock.hpp"
 #include "module_memory.hpp"
@@ -18,33 +19,9 @@
 
 namespace qsfpd::emu {
 
-// CMIS Module State, lower page byte 3 bits 3..1 (encoding: CMIS 5.2 Table 8-7).
-enum class cmis_state : std::uint8_t {
-    low_pwr = 1,
-    pwr_up = 2,
-    ready = 3,
-    pwr_dn = 4,
-    fault = 5,
-};
-
-// CMIS data path state of a host lane, page 11h bytes 128..131, one nibble per lane.
-enum class dp_state : std::uint8_t {
-    deactivated = 1,
-    init = 2,
-    deinit = 3,
-    activated = 4,
-};
-
-// CMIS ConfigStatus of a host lane, page 11h bytes 202..205, one nibble per lane.
-enum class config_status : std::uint8_t {
-    undefined = 0,
-    success = 1,
-    rejected = 2,
-    invalid_appsel = 3,
-    invalid_data_path = 4,
-    partial_data_path = 7,
-    in_progress = 12,
-};
+using cmis_state = cage::cmis_module_state;
+using dp_state = cage::cmis_dp_state;
+using config_status = cage::cmis_config_status;
 
 // Per-lane conditions the emulator can drive (live state and latched flag).
 enum class lane_flag { tx_fault, tx_los, tx_lol, rx_los, rx_lol };

@@ -136,11 +136,12 @@ void qsfp_dd_device_handler::start() {
     const auto self = std::static_pointer_cast<self_type>(shared_from_this());
 
     keep_node(const_value<unsigned>::create(db_, path("param/networkLanes"), self, lane_count_));
+    bool eeprom = false;
     {
         auto lock = lock_handler();
         clear_page_advertisement();
         module_access([&] {
-            const bool eeprom = paging_ && reg_map_->get_dd_support_customer_eeprom();
+            eeprom = paging_ && reg_map_->get_dd_support_customer_eeprom();
             const std::string banks = fmt::format(
                 "{} of 256", paging_ ? reg_map_->get_dd_supported_banks_10h_to_1fh() : 1u);
             add_page_advertisement(0x00, 0, "Administrative Information", "1 of 1");
@@ -160,10 +161,6 @@ void qsfp_dd_device_handler::start() {
                 add_page_advertisement(0x9F, 0, "CDB Messaging", "1 of 1");
         });
     }
-    const bool eeprom = paging_ && module_access([&] {
-                            auto lock = lock_handler();
-                            return reg_map_->get_dd_support_customer_eeprom();
-                        });
     for (const auto& [page, name] : page_names_) {
         if (page != 0 && !paging_) break;
         if (page == 3 && !eeprom) break;

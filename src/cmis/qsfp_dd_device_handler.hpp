@@ -121,6 +121,12 @@ class qsfp_dd_device_handler : public qsfp_device_handler {
     bool _page_implemented(unsigned page, unsigned bank) override;
     unsigned _banks_supported() override;
 
+    // The decoded application `number`, or null; the caller holds the handler lock.
+    const applicationList_t* find_application(unsigned number) const {
+        const auto it = app_map_.find(number);
+        return it == app_map_.end() ? nullptr : &it->second;
+    }
+
     // Whether the module has upper pages (flat-memory modules have only page 00h).
     bool paging() const { return paging_; }
     // The application JSON of one decoded application (current application layout).

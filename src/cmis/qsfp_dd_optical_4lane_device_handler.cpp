@@ -369,16 +369,15 @@ unsigned qsfp_dd_optical_4lane_device_handler::active_clients() {
     // One client per data path of the running application: its first lane carries it.
     return read_for("get_num_active_clients", [&] {
         const auto apps = reg_map_->get_dd_active_app_per_lane();
-        const auto map = application_map();
         unsigned clients = 0;
         for (unsigned lane = 0; lane < apps.size();) {
-            const auto it = map.find(apps[lane]);
-            if (apps[lane] == 0 || it == map.end() || it->second.host_lane_count == 0) {
+            const auto* app = apps[lane] != 0 ? find_application(apps[lane]) : nullptr;
+            if (!app || app->host_lane_count == 0) {
                 ++lane;
                 continue;
             }
             ++clients;
-            lane += it->second.host_lane_count;
+            lane += app->host_lane_count;
         }
         return clients;
     });
@@ -410,12 +409,9 @@ bool qsfp_dd_optical_4lane_device_handler::set_restart(const bool& /*restart*/) 
 std::string qsfp_dd_optical_4lane_device_handler::get_application() {
     auto lock = lock_handler();
     if (!paging()) return "n/a";
-    const unsigned number = read_for("get_application", [&] {
-        return static_cast<unsigned>(reg_map_->get_dd_active_cntl_set_app() >> 4);
-    });
-    const auto map = application_map();
-    const auto it = map.find(number);
-    return it == map.end() ? "n/a" : it->second.media.Interface;
+    const unsigned number = read_for("get_application", [&] { return _get_application_number(); });
+    const auto* app = find_application(number);
+    return app ? app->media.Interface : "n/a";
 }
 
 void qsfp_dd_optical_4lane_device_handler::set_application(std::string name) {
