@@ -153,14 +153,6 @@ TEST_F(Catalogue, EveryListGetsItsOwnFactoryAndHandlerClass) {
     EXPECT_TRUE(capture.records().empty());
 }
 
-TEST_F(Catalogue, EntryFieldsAndFlagsAreRead) {
-    const auto map = load(R"({"optical4LaneTransceiverList": [
-        {"vendor": "DELL", "partNumber": "3MFX*", "description": "100G LR4",
-         "isAutoNeg": false, "isFec": true, "isTxTuning": false, "isCertified": true}]})");
-    ASSERT_EQ(map.size(), 1u);
-    EXPECT_EQ(entry(map, "DELL", "3MFXG"), "optical4LaneTransceiverList 100G LR4 0101");
-}
-
 TEST_F(Catalogue, DuplicateInALaterListTakesOnlyItsFactoryWithinOneListTheFirstEntryStays) {
     auto map = load(R"({
         "passiveTransceiverList": [

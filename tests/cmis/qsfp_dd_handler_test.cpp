@@ -35,9 +35,21 @@ class DdHandler : public handler_fixture {
     std::shared_ptr<test_dd_handler> dd(std::string_view profile,
                                         std::string part = "EMU-QDD-400G-FR4") {
         insert(profile);
+        return base(part);
+    }
+    // The base handler on the module in the cage, started.
+    std::shared_ptr<test_dd_handler> base(std::string part = "EMU-QDD-400G-FR4") {
         auto h = std::make_shared<test_dd_handler>(db, device, "qsfp", regs, "VENDOR", part,
                                                    "PART NAME", "a description", qsfp_flags_s{},
                                                    "optical", 3, 4, clock);
+        h->start();
+        return h;
+    }
+    // The 4-lane handler on the module in the cage, started.
+    std::shared_ptr<qsfp_dd_optical_4lane_device_handler> four_lane(
+        std::string vendor = "VENDOR", std::string part = "EMU-QDD-400G-FR4") {
+        auto h = std::make_shared<qsfp_dd_optical_4lane_device_handler>(
+            db, device, "qsfp", regs, vendor, part, "PART NAME", "d", qsfp_flags_s{}, 3, 4, clock);
         h->start();
         return h;
     }
@@ -115,10 +127,7 @@ TEST_F(DdHandler, TheApplicationFileNamesAVendorCodeAndItsVersions) {
 // assignment 00h; no application runs until the host selects one; no RX power monitor.
 TEST_F(DdHandler, ASparseAdvertisementIsDecodedAndSelectedAsTheModuleGivesIt) {
     insert("qsfpdd_dac_cisco_sparse");
-    auto h = std::make_shared<qsfp_dd_optical_4lane_device_handler>(
-        db, device, "qsfp", regs, "CISCO", "68-103205-02", "PART NAME", "d", qsfp_flags_s{}, 3, 4,
-        clock);
-    h->start();
+    auto h = four_lane("CISCO", "68-103205-02");
     const auto apps = h->application_map();
     ASSERT_EQ(apps.size(), 8u);
     EXPECT_EQ(apps.begin()->second.host.Interface, "Unknown");  // host code 00h: undefined
@@ -224,10 +233,7 @@ TEST_F(DdHandler, AModuleThatKeepsItsOldActiveSetIsReported) {
     clock->advance(settle);
     device = std::make_shared<cage::qsfp_device>("qsfp3", cage_emu);
     regs = std::make_shared<cage::qsfp_reg_map>(*device);
-    auto h =
-        std::make_shared<test_dd_handler>(db, device, "qsfp", regs, "VENDOR", "EMU-QDD-400G-FR4",
-                                          "PART NAME", "d", qsfp_flags_s{}, "optical", 3, 4, clock);
-    h->start();
+    auto h = base();
     select(R"({"app_select": 2, "service": "100G"})");
     expect_logged("Application code", {"Application code 2 not taken by the module, config "
                                        "status ConfigSuccess, active application 1 qsfp3"});
@@ -288,10 +294,7 @@ TEST_F(DdHandler, TransmitterAndRxOutputControlsReachTheRegisters) {
 
 TEST_F(DdHandler, TheFourLaneHandlerSuppressesALosFlapOnOneLane) {
     insert("qsfpdd_400g_fr4");
-    auto h = std::make_shared<qsfp_dd_optical_4lane_device_handler>(
-        db, device, "qsfp", regs, "VENDOR", "EMU-QDD-400G-FR4", "PART NAME", "d", qsfp_flags_s{}, 3,
-        4, clock);
-    h->start();
+    auto h = four_lane();
     EXPECT_EQ(values("inventory/device_handler data/moduleState"),
               "\"qsfp_dd_optical_4lane_dh\" \"ModuleReady\"");
     // Twelve transitions on lane 3 within a few cycles, then quiet for ten buckets.
@@ -311,31 +314,18 @@ TEST_F(DdHandler, TheFourLaneHandlerSuppressesALosFlapOnOneLane) {
     EXPECT_EQ(severity("lossOfSignal"), 0);
 }
 
-}  // namespace
-}  // namespace qsfpd::handler_test
-
-namespace qsfpd::handler_test {
-namespace {
-
 // A module found in low power is set up (cold start); one found running was set up by an
 // earlier run of the daemon and is left as it is (warm start), its port taken as up.
 TEST_F(DdHandler, TheFourLaneHandlerStartsColdFromLowPowerAndWarmOnARunningModule) {
     insert("qsfpdd_400g_fr4");
     device->pin_set(cage::line::lpmode, true);  // as the manager leaves an empty cage
     clock->advance(1s);
-    auto make = [&] {
-        auto h = std::make_shared<qsfp_dd_optical_4lane_device_handler>(
-            db, device, "qsfp", regs, "VENDOR", "EMU-QDD-400G-FR4", "PART NAME", "d",
-            qsfp_flags_s{}, 3, 4, clock);
-        h->start();
-        return h;
-    };
-    auto cold = make();
+    auto cold = four_lane();
     EXPECT_FALSE(cold->is_warm_started());
     EXPECT_FALSE(device->pin_get(cage::line::lpmode));
     cold.reset();
     clock->advance(1s);  // ModulePwrUp
-    auto warm = make();
+    auto warm = four_lane();
     EXPECT_TRUE(warm->is_warm_started());
     expect_logged("QSFP DD 4-Lane",
                   {"QSFP DD 4-Lane optical device handler cold started successfully for qsfp3",
@@ -346,10 +336,7 @@ TEST_F(DdHandler, TheFourLaneHandlerStartsColdFromLowPowerAndWarmOnARunningModul
 TEST_F(DdHandler, AnEmptyAdvertisementGivesAnEmptyList) {
     insert("qsfpdd_400g_fr4");
     module().poke({}, 86, 0xFF);  // the list ends before its first application
-    auto h =
-        std::make_shared<test_dd_handler>(db, device, "qsfp", regs, "VENDOR", "EMU-QDD-400G-FR4",
-                                          "PART NAME", "d", qsfp_flags_s{}, "optical", 3, 4, clock);
-    h->start();
+    auto h = base();
     EXPECT_EQ(error_of([&] { h->get_application_list(); }).what(),
               std::string("Application list is empty"));
     EXPECT_EQ(error_of([&] { h->get_current_application(); }).what(),

@@ -10,6 +10,7 @@
 #include <gmock/gmock.h>
 
 #include "../handler/handler_test_support.hpp"
+#include "../support/line_socket.hpp"
 #include "device_handler_api.hpp"
 #include "qsfp_passive_device_handler.hpp"
 
@@ -27,33 +28,25 @@ struct lanes_owner : std::enable_shared_from_this<lanes_owner> {
 
 namespace {
 
-class gearbox_handler {
-  public:
+struct gearbox_handler {
     gearbox_handler(const std::string& name, const std::shared_ptr<lanes_owner>& owner)
-        : server_(std::make_unique<device_handler_api>(name, 0, true, device_handler_api::limits{},
-                                                       false)) {
+        : server(name, {}, true) {
         using namespace dh::api;
-        auto& db = server_->get_db();
-        nodes_.push_back(
+        auto& db = server.api->get_db();
+        nodes.push_back(
             volatile_value<&lanes_owner::oper_status>::create(db, "data/operStatus", owner));
         for (unsigned lane = 0; lane < 4; ++lane) {
             const auto prefix = "data/debug/client/lane/" + std::to_string(lane) + "/";
-            nodes_.push_back(
+            nodes.push_back(
                 volatile_value<&lanes_owner::lock>::create(db, prefix + "hasLock", owner, lane));
-            nodes_.push_back(
+            nodes.push_back(
                 volatile_value<&lanes_owner::link>::create(db, prefix + "hasLink", owner, lane));
         }
-        thread_ = std::thread([this] { server_->start(); });
     }
-    ~gearbox_handler() {
-        server_->stop();
-        thread_.join();
-    }
+    ~gearbox_handler() { server.stop(); }  // before the nodes go
 
-  private:
-    std::unique_ptr<device_handler_api> server_;
-    std::vector<std::shared_ptr<dh_db_leaf_node>> nodes_;
-    std::thread thread_;
+    test::running_server server;
+    std::vector<std::shared_ptr<dh_db_leaf_node>> nodes;
 };
 
 class Passive : public handler_fixture {
@@ -63,13 +56,8 @@ class Passive : public handler_fixture {
         root.make_marker("zelt20");
         gearbox.emplace((root.path() / "tmp/device_handlers/bcm_gb").string(), owner);
         insert(profile);
-        auto made = std::async(std::launch::async, [this] {
-            auto h = std::make_shared<qsfp_passive_device_handler>(
-                db, device, "qsfp", regs, "VENDOR", "PN-1", "PART NAME", "d", qsfp_flags_s{}, 3, 4,
-                clock);
-            h->start();
-            return h;
-        });
+        auto made = std::async(std::launch::async,
+                               [this] { return make_variant<qsfp_passive_device_handler>(); });
         while (made.wait_for(10ms) != std::future_status::ready)
             if (clock->wait_for_sleepers(1, 10ms)) clock->advance(1s);
         return made.get();
@@ -123,9 +111,7 @@ TEST_F(Passive, AGearboxThatStopsAnsweringCountsAsNoLaneAndSaysSoOnStandardOutpu
 
 TEST_F(Passive, TxEnableUsesTheModulesOwnTxDisable) {
     insert("qsfpplus_dac_passive");
-    auto h = std::make_shared<qsfp_passive_device_handler>(db, device, "qsfp", regs, "V", "PN", "P",
-                                                           "d", qsfp_flags_s{}, 3, 4, clock);
-    h->start();
+    auto h = make_variant<qsfp_passive_device_handler>();
     EXPECT_EQ(values("dataModel data/numberOfLanes settings/txEnable"), R"("passive" 4 true)");
     h->set_tx_enable(false);
     h->set_tx_enable(false);

@@ -129,15 +129,6 @@ TEST_F(Server, ALineOverTheLimitClosesItsConnectionAlone) {
     EXPECT_EQ(bystander.request(get("data/temperature")), result("21.5"));
 }
 
-TEST_F(Server, StoppingClosesEveryConnection) {
-    start();
-    auto client = tcp();
-    EXPECT_EQ(client.request(get("alarms/los/severity")), result("0"));
-    api().stop();
-    server->thread.join();
-    EXPECT_TRUE(client.closed_by_peer());
-}
-
 TEST_F(Server, AClientThatNeverReadsIsDisconnected) {
     start({.max_output_bytes = 256 * 1024, .clock = clock});
     auto big = status_value<std::string>::create(api().get_db(), "data/big", owner);

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <thread>
 
+#include "../support/line_socket.hpp"
 #include "../support/temp_dir.hpp"
 #include "../tools/child_process.hpp"
 #include "device_handler_api.hpp"
@@ -26,17 +27,13 @@ class Gearbox : public ::testing::Test {
   protected:
     void serve(const std::vector<std::string>& args) {
         const auto options = parsed(args);
-        server_ = std::make_unique<device_handler_api>(options.server_name, 0, true,
-                                                       device_handler_api::limits{}, false);
-        state_ = gearbox_state::create(server_->get_db(), options.initial);
-        thread_ = std::thread([this] { server_->start(); });
+        server_.emplace(options.server_name, device_handler_api::limits{}, true);
+        state_ = gearbox_state::create(server_->api->get_db(), options.initial);
         client_ =
             std::make_shared<device_handler_client>(system_path("/tmp/device_handlers/bcm_gb"));
     }
     void TearDown() override {
-        if (!server_) return;
-        server_->stop();
-        thread_.join();
+        if (server_) server_->stop();
     }
     template <class T>
     T read(const std::string& path) {
@@ -54,9 +51,8 @@ class Gearbox : public ::testing::Test {
     }
 
     test::qsfpd_root root_{"gearbox"};
-    std::unique_ptr<device_handler_api> server_;
+    std::optional<test::running_server> server_;
     std::shared_ptr<gearbox_state> state_;
-    std::thread thread_;
     std::shared_ptr<device_handler_client> client_;
 };
 

@@ -2,6 +2,7 @@
 #include <future>
 #include <thread>
 
+#include "../support/line_socket.hpp"
 #include "device_handler_api.hpp"
 #include "device_handler_client.hpp"
 #include "handler_test_support.hpp"
@@ -21,24 +22,15 @@ struct gearbox : std::enable_shared_from_this<gearbox> {
 
 namespace {
 
-class gearbox_server {
-  public:
-    gearbox_server(const std::string& name, std::shared_ptr<gearbox> owner)
-        : server_(std::make_unique<device_handler_api>(name, 0, true, device_handler_api::limits{},
-                                                       false)),
-          node_(dh::api::volatile_value<&gearbox::get_oper_status>::create(
-              server_->get_db(), "data/operStatus", owner)) {
-        thread_ = std::thread([this] { server_->start(); });
-    }
-    ~gearbox_server() {
-        server_->stop();
-        thread_.join();
-    }
+struct gearbox_server {
+    gearbox_server(const std::string& name, const std::shared_ptr<gearbox>& owner)
+        : server(name, {}, true),
+          node(dh::api::volatile_value<&gearbox::get_oper_status>::create(
+              server.api->get_db(), "data/operStatus", owner)) {}
+    ~gearbox_server() { server.stop(); }  // before the node goes
 
-  private:
-    std::unique_ptr<device_handler_api> server_;
-    std::shared_ptr<dh_db_leaf_node> node_;
-    std::thread thread_;
+    test::running_server server;
+    std::shared_ptr<dh_db_leaf_node> node;
 };
 
 class Platform : public handler_fixture {

@@ -35,8 +35,9 @@ inline std::string error(int code, const std::string& message, const std::string
 
 // A server on `socket_path` and a free TCP port, serving on its own thread until stop().
 struct running_server {
-    explicit running_server(std::string socket_path, device_handler_api::limits limits = {})
-        : api(std::make_unique<device_handler_api>(std::move(socket_path), 0, false, limits,
+    explicit running_server(std::string socket_path, device_handler_api::limits limits = {},
+                            bool local_only = false)
+        : api(std::make_unique<device_handler_api>(std::move(socket_path), 0, local_only, limits,
                                                    false)),
           thread([this] { api->start(); }) {}
     ~running_server() { stop(); }
