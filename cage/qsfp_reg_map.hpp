@@ -453,6 +453,233 @@ class qsfp_reg_map {
     }
     void set_dd_media_tx_1_chan_nbr(std::int16_t channel);
 
+    // --- Coherent modules (docs/coherent-registers.md) -------------------------------------
+    // Grid spacing of media lane 1 in GHz (0 for a code we do not know), and its change.
+    float get_dd_grid_spacing();
+    void set_dd_grid_spacing(float ghz);
+    // Supported grids, page 04h byte 128 (bit 7 75 GHz .. bit 0 3.125 GHz).
+    std::uint8_t get_dd_laser_grids_adver() {
+        return read_u8(cmis_only(fields::cm("laser_grids_supported")));
+    }
+    // Current laser frequency of media lane 1, MHz.
+    std::uint32_t get_dd_current_freq() {
+        return read_u32(cmis_only(fields::cm("current_freq_tx1")));
+    }
+    // Lowest / highest tunable frequency on a grid (GHz), MHz; 0 for a grid we do not know.
+    std::uint32_t get_dd_min_freq(float grid_ghz);
+    std::uint32_t get_dd_max_freq(float grid_ghz);
+    // The frequency of channel `channel` on the grid, MHz (75 GHz channels count 25 GHz steps).
+    static std::uint32_t channel_frequency_mhz(float grid_ghz, std::int16_t channel);
+    // Tuning status and flags of media lane 1 (the flags clear on read).
+    std::uint8_t get_dd_tuning_status() {
+        return read_u8(cmis_only(fields::cm("tuning_status_tx1")));
+    }
+    std::uint8_t get_dd_tuning_flag_summary() {
+        return read_u8(cmis_only(fields::cm("tuning_flag_summary")));
+    }
+    std::uint8_t get_dd_tuning_flags() {
+        return read_u8(cmis_only(fields::cm("tuning_flags_tx1")));
+    }
+
+    bool get_dd_pulse_shaping() { return read_flag(cmis_only(fields::cm("pulse_shaping"))); }
+    void set_dd_pulse_shaping(bool on) { write_flag(cmis_only(fields::cm("pulse_shaping")), on); }
+    std::uint8_t get_dd_dsp_capabilities() {
+        return read_u8(cmis_only(fields::cm("dsp_capabilities")));
+    }
+    bool get_dd_rx_demod_lock() { return read_flag(cmis_only(fields::cm("rx_demod_lock"))); }
+    bool get_dd_tx_demod_lock() { return read_flag(cmis_only(fields::cm("tx_demod_lock"))); }
+    // PM freeze (page 2Fh byte 144 bit 7, read-modify-write).
+    void set_dd_latch_request(bool freeze) {
+        write_flag(cmis_only(fields::cm("pm_freeze_request")), freeze);
+    }
+
+    // The active control set as it is (8 lanes) and its restore: staged, then applied with data
+    // path re-init.
+    std::array<std::uint8_t, 8> get_active_application_configuration();
+    void set_application_lanes(const std::array<std::uint8_t, 8>& config);
+    // Media interface code of application n (1..15).
+    std::uint8_t get_dd_advertised_media_intf_code(unsigned n) {
+        return get_appcode_advertisement(n).media_interface_id;
+    }
+    // Whether an advertised application has media interface `code`.
+    bool get_dd_cmis5_media_code_support(std::uint8_t code);
+    // Stages application `code` on the data paths the service asks for and applies it.
+    void set_dd_app(std::uint8_t code, const std::string& service) {
+        set_application_code(code, service);
+    }
+    std::string get_free_side_vendor_pn() { return get_part_number(); }
+    // No data path in a transition (DPInit, DPDeinit, TxTurnOn/Off): an apply may go ahead.
+    bool is_dp_all_lanes_ready_for_apply();
+
+    // Coherent line monitors, raw register units.
+    std::uint16_t get_dd_current_q() { return read_u16(cmis_only(fields::cm("link_q_avg"))); }
+    std::int16_t get_dd_q_margin() { return read_s16(cmis_only(fields::cm("link_q_margin_avg"))); }
+    std::uint16_t get_dd_osnr() { return read_u16(cmis_only(fields::cm("link_osnr_avg"))); }
+    std::uint16_t get_dd_esnr() { return read_u16(cmis_only(fields::cm("link_esnr_avg"))); }
+    std::int16_t get_dd_cd_high_granularity() {
+        return read_s16(cmis_only(fields::cm("cd_high_granularity")));
+    }
+    std::int32_t get_dd_cd_low_granularity() {
+        return read_s32(cmis_only(fields::cm("cd_low_granularity")));
+    }
+    std::int32_t get_dd_active_cd_lo_search() {
+        return read_s32(cmis_only(fields::cm("cd_search_low")));
+    }
+    std::int32_t get_dd_active_cd_hi_search() {
+        return read_s32(cmis_only(fields::cm("cd_search_high")));
+    }
+    std::int16_t get_dd_cfo() { return read_s16(cmis_only(fields::cm("link_cfo_avg"))); }
+    std::uint16_t get_dd_pdl() { return read_u16(cmis_only(fields::cm("link_pdl_avg"))); }
+    std::uint16_t get_dd_soproc() { return read_u16(cmis_only(fields::cm("link_soproc_avg"))); }
+    std::uint16_t get_dd_laser_age() { return read_u16(cmis_only(fields::cm("laser_age"))); }
+    std::uint16_t get_dd_diff_group_delay() {
+        return read_u16(cmis_only(fields::cm("link_dgd_avg")));
+    }
+    std::int16_t get_dd_rx_signal_power() {
+        return read_s16(cmis_only(fields::cm("link_rx_signal_power_avg")));
+    }
+    std::int16_t get_dd_cmis5_rx_total_power_new() {
+        return read_s16(cmis_only(fields::cm("link_rx_total_power_avg")));
+    }
+    // F16 statistics: current, average, minimum, maximum.
+    std::uint16_t get_dd_pre_fec_ber_curr() { return stat_of(fields::cm("pre_fec_ber"), 0); }
+    std::uint16_t get_dd_pre_fec_ber_av() { return stat_of(fields::cm("pre_fec_ber"), 1); }
+    std::uint16_t get_dd_pre_fec_ber_min() { return stat_of(fields::cm("pre_fec_ber"), 2); }
+    std::uint16_t get_dd_pre_fec_ber_max() { return stat_of(fields::cm("pre_fec_ber"), 3); }
+    std::uint16_t get_dd_frame_err_cnt_curr() { return stat_of(fields::cm("frame_errors"), 0); }
+    std::uint16_t get_dd_frame_err_cnt_av() { return stat_of(fields::cm("frame_errors"), 1); }
+    std::uint16_t get_dd_frame_err_cnt_min() { return stat_of(fields::cm("frame_errors"), 2); }
+    std::uint16_t get_dd_frame_err_cnt_max() { return stat_of(fields::cm("frame_errors"), 3); }
+    std::uint16_t get_dd_cmis5_post_fec_ber_curr() {
+        return read_u16(cmis_only(fields::cm("cmis5_post_fec_ber")));
+    }
+    // Fault flags of the host lanes of `bank` (bit 0 TX remote, 1 TX local, 2 RX remote, 3 RX
+    // local).
+    std::uint8_t get_dd_cmis5_fault_flags(unsigned bank);
+
+    // FEC PM (C-CMIS page 34h), read in one transaction.
+    struct fec_counters {
+        std::uint64_t total_bits = 0;
+        std::uint64_t corrected_bits = 0;
+        std::uint32_t uncorrected_blocks = 0;
+    };
+    fec_counters get_dd_fec_counters();
+    std::uint64_t get_dd_fec_total_bits() { return read_u64(cmis_only(fields::cm("fec_rx_bits"))); }
+    std::uint64_t get_dd_fec_corrected_bits() {
+        return read_u64(cmis_only(fields::cm("fec_rx_corr_bits")));
+    }
+    std::uint32_t get_dd_fec_uncorrected_blocks() {
+        return read_u32(cmis_only(fields::cm("fec_rx_frames_uncorr")));
+    }
+    // Client PM of host lanes (0-based); a counter the module has not started reads all ones.
+    struct client_pm {
+        std::uint64_t tx_bits = 0;
+        std::uint64_t tx_corr_bits = 0;
+        std::uint64_t tx_frames = 0;
+        std::uint64_t tx_uncorr_frames = 0;
+    };
+    static constexpr std::uint64_t pm_uninitialised = ~std::uint64_t{0};
+    // Lanes [first, first + count) in one transaction per vendor page.
+    std::vector<client_pm> get_dd_client_pm(unsigned first, unsigned count);
+    std::uint64_t get_dd_tx_bits_pm(unsigned lane) { return get_dd_client_pm(lane, 1)[0].tx_bits; }
+    std::uint64_t get_dd_tx_corr_bits_pm(unsigned lane) {
+        return get_dd_client_pm(lane, 1)[0].tx_corr_bits;
+    }
+    std::uint64_t get_dd_tx_frames_pm(unsigned lane) {
+        return get_dd_client_pm(lane, 1)[0].tx_frames;
+    }
+    std::uint64_t get_dd_tx_uncorr_frames_pm(unsigned lane) {
+        return get_dd_client_pm(lane, 1)[0].tx_uncorr_frames;
+    }
+    // RX power flags of media lane 1 from a flag read: bit 0 high alarm, 1 low alarm, 2 high
+    // warning, 3 low warning.
+    static std::uint8_t get_dd_low_high_alarm_flags(const cmis_flags_and_monitors& flags);
+
+    // Programmable output power (0.01 dBm).
+    std::int16_t get_dd_tx_tgt_output_pwr() {
+        return read_s16(cmis_only(fields::cm("target_output_power_tx1")));
+    }
+    void set_dd_tx_tgt_output_pwr(std::int16_t centi_dbm) {
+        write_s16(cmis_only(fields::cm("target_output_power_tx1")), centi_dbm);
+    }
+    std::int16_t get_dd_min_tx_prog_out_pwr() {
+        return read_s16(cmis_only(fields::cm("min_prog_output_power")));
+    }
+    std::int16_t get_dd_max_tx_prog_out_pwr() {
+        return read_s16(cmis_only(fields::cm("max_prog_output_power")));
+    }
+    std::uint16_t get_dd_rx_power_low_alarm_th() {
+        return get_dd_rx_power_threshold(threshold::low_alarm);
+    }
+
+    // Custom RX thresholds (0.01 dBm) and their bounds.
+    enum class custom_threshold : unsigned {
+        total_high_alarm,
+        total_low_alarm,
+        signal_high_alarm,
+        signal_high_warning,
+        signal_low_alarm,
+        signal_low_warning,
+        los_total,
+        los_signal,
+    };
+    std::int16_t get_dd_custom_threshold(custom_threshold t);
+    void set_dd_custom_threshold(custom_threshold t, std::int16_t centi_dbm);
+    // Bounds of the settable thresholds: maximum and minimum; the two LOS thresholds share one.
+    std::int16_t get_dd_custom_threshold_bound(custom_threshold t, bool maximum);
+    std::int16_t get_dd_rx_total_pwr_high_alarm_max_threshold() {
+        return get_dd_custom_threshold_bound(custom_threshold::total_high_alarm, true);
+    }
+    std::int16_t get_dd_rx_total_pwr_high_alarm_min_threshold() {
+        return get_dd_custom_threshold_bound(custom_threshold::total_high_alarm, false);
+    }
+    std::int16_t get_dd_rx_total_pwr_low_alarm_max_threshold() {
+        return get_dd_custom_threshold_bound(custom_threshold::total_low_alarm, true);
+    }
+    std::int16_t get_dd_rx_total_pwr_low_alarm_min_threshold() {
+        return get_dd_custom_threshold_bound(custom_threshold::total_low_alarm, false);
+    }
+    std::int16_t get_dd_rx_signal_pwr_high_alarm_max_threshold() {
+        return get_dd_custom_threshold_bound(custom_threshold::signal_high_alarm, true);
+    }
+    std::int16_t get_dd_rx_signal_pwr_high_alarm_min_threshold() {
+        return get_dd_custom_threshold_bound(custom_threshold::signal_high_alarm, false);
+    }
+    std::int16_t get_dd_rx_signal_pwr_low_alarm_max_threshold() {
+        return get_dd_custom_threshold_bound(custom_threshold::signal_low_alarm, true);
+    }
+    std::int16_t get_dd_rx_signal_pwr_low_alarm_min_threshold() {
+        return get_dd_custom_threshold_bound(custom_threshold::signal_low_alarm, false);
+    }
+    std::int16_t get_dd_cmis5_rx_los_total_pwr_max_threshold() {
+        return get_dd_custom_threshold_bound(custom_threshold::los_total, true);
+    }
+    std::int16_t get_dd_cmis5_rx_los_total_pwr_min_threshold() {
+        return get_dd_custom_threshold_bound(custom_threshold::los_total, false);
+    }
+    bool get_dd_cmis5_rx_los_custom_threshold_enabled() {
+        return read_flag(cmis_only(fields::cm("custom_rx_los_enabled")));
+    }
+    void set_dd_cmis5_rx_los_custom_threshold_enabled(bool on) {
+        write_flag(cmis_only(fields::cm("custom_rx_los_enabled")), on);
+    }
+    bool get_dd_rx_pwr_alarm_custom_threshold_enabled() {
+        return read_flag(cmis_only(fields::cm("custom_rx_alarms_enabled")));
+    }
+    void set_dd_rx_pwr_alarm_custom_threshold_enabled(bool on) {
+        write_flag(cmis_only(fields::cm("custom_rx_alarms_enabled")), on);
+    }
+
+    // PRBS generator and checker of the media lanes (pattern names: prbs_patterns()).
+    static const std::vector<std::string>& prbs_patterns();
+    void prbs_start_err_count(unsigned lanes, const std::string& pattern);
+    // Per-lane error and bit counts of the first `lanes` lanes, and the lock-loss flags (bit n =
+    // lane n+1, latched since the last call).
+    void prbs_get_err_count(unsigned lanes, std::array<std::uint64_t, 8>& errors,
+                            std::array<std::uint64_t, 8>& bits, std::uint8_t& lock_lost);
+    void prbs_stop_err_count();
+    void prbs_reset_err_count();
+
     static constexpr unsigned max_dd_lanes = 8;
 
     // Paging: a flat-memory module has only page 00h.
@@ -474,10 +701,15 @@ class qsfp_reg_map {
     std::uint8_t read_bits(const field_def& f);
     std::uint16_t read_u16(const field_def& f);
     std::int16_t read_s16(const field_def& f);
+    std::uint32_t read_u32(const field_def& f);
+    std::int32_t read_s32(const field_def& f);
+    std::uint64_t read_u64(const field_def& f);
     std::string read_text(const field_def& f);
     std::vector<std::uint8_t> read_raw(const field_def& f);
     void write_flag(const field_def& f, bool value);
     void write_bits(const field_def& f, std::uint8_t value);
+    void write_s16(const field_def& f, std::int16_t value);
+    void write_u8(const field_def& f, std::uint8_t value);
 
     // The padding rules of read_text, for any byte string.
     static std::string trim_text(const std::vector<std::uint8_t>& bytes);
@@ -494,6 +726,7 @@ class qsfp_reg_map {
     std::uint8_t read_lane_nibble(const field_def& f, unsigned lane);
     void write_all_lanes_nibble(const field_def& f, std::uint8_t id);
     void write_raw(const field_def& f, std::span<const std::uint8_t> bytes);
+    std::uint16_t stat_of(const field_def& group, unsigned index);
     field_def lane_of(const field_def& f, unsigned lane);
     field_def threshold_of(const field_def& group, threshold t);
     void set_rate_bits(const field_def& f, unsigned lane, unsigned mbps);

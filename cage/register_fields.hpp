@@ -27,6 +27,9 @@ enum class field_kind : std::uint8_t {
     bits,  // (byte & mask) >> shift
     u16,   // two bytes, big-endian, unsigned
     s16,   // two bytes, big-endian, two's complement
+    u32,   // four bytes, big-endian, unsigned
+    s32,   // four bytes, big-endian, two's complement
+    u64,   // eight bytes, big-endian, unsigned (counters)
     text,  // ASCII, padded: trailing spaces, NULs and FFh dropped, leading spaces dropped
     raw,   // `length` bytes as they are
 };
@@ -43,7 +46,9 @@ struct field_def {
     std::string_view cite;
 
     constexpr flat_address address() const { return flat(page, byte); }
-    constexpr bool is_signed() const { return kind == field_kind::s8 || kind == field_kind::s16; }
+    constexpr bool is_signed() const {
+        return kind == field_kind::s8 || kind == field_kind::s16 || kind == field_kind::s32;
+    }
 };
 
 namespace fields {
@@ -83,6 +88,18 @@ constexpr field_def u16(std::string_view name, std::uint8_t page, std::uint8_t b
 constexpr field_def s16(std::string_view name, std::uint8_t page, std::uint8_t byte,
                         std::string_view cite) {
     return {name, field_kind::s16, page, 0, byte, 2, 0xFF, 0, cite};
+}
+constexpr field_def u32(std::string_view name, std::uint8_t page, std::uint8_t byte,
+                        std::string_view cite) {
+    return {name, field_kind::u32, page, 0, byte, 4, 0xFF, 0, cite};
+}
+constexpr field_def s32(std::string_view name, std::uint8_t page, std::uint8_t byte,
+                        std::string_view cite) {
+    return {name, field_kind::s32, page, 0, byte, 4, 0xFF, 0, cite};
+}
+constexpr field_def u64(std::string_view name, std::uint8_t page, std::uint8_t byte,
+                        std::string_view cite) {
+    return {name, field_kind::u64, page, 0, byte, 8, 0xFF, 0, cite};
 }
 constexpr field_def text(std::string_view name, std::uint8_t page, std::uint8_t first,
                          std::uint8_t last, std::string_view cite) {
@@ -264,6 +281,64 @@ inline constexpr std::array cmis = {
 
     // Page 12h tunable laser control, media lane 1 (Table 8-91).
     s16("media_tx_1_chan_nbr", 0x12, 136, "CMIS page 12h bytes 136-137, ChannelNumberTx1"),
+
+    // Coherent: tunable laser (pages 04h, 12h), PM freeze (2Fh), C-CMIS PM (34h, 35h), and the
+    // DSP maker's vendor pages C0h-C3h and C8h, whose layout is ours (docs/coherent-registers.md).
+    u8("laser_grids_supported", 0x04, 128, "CMIS page 04h byte 128, supported grid spacings (bit 7 75 GHz .. bit 0 3.125 GHz)"),
+    s16("grid_channel_bounds", 0x04, 130, "CMIS page 04h bytes 130-161, lowest/highest channel per grid (s16 pairs, 3.125 GHz first)"),
+    s16("min_prog_output_power", 0x04, 198, "CMIS page 04h bytes 198-199, minimum programmable output power, 0.01 dBm"),
+    s16("max_prog_output_power", 0x04, 200, "CMIS page 04h bytes 200-201, maximum programmable output power, 0.01 dBm"),
+    bits("grid_spacing_tx1", 0x12, 128, 0xF0, "CMIS page 12h byte 128 bits 7-4, GridSpacingTx1 (code)"),
+    u32("current_freq_tx1", 0x12, 168, "CMIS page 12h bytes 168-171, CurrentLaserFrequencyTx1, MHz"),
+    s16("target_output_power_tx1", 0x12, 200, "CMIS page 12h bytes 200-201, TargetOutputPowerTx1, 0.01 dBm"),
+    u8("tuning_status_tx1", 0x12, 222, "CMIS page 12h byte 222, lane 1 tuning status (bit 1 in progress, bit 0 unlocked)"),
+    u8("tuning_flag_summary", 0x12, 230, "CMIS page 12h byte 230, latched tuning flag summary, bit n = lane n+1"),
+    u8("tuning_flags_tx1", 0x12, 231, "CMIS page 12h byte 231, latched tuning flags lane 1 (bit 0 TuningComplete), clear on read"),
+    flag("pm_freeze_request", 0x2F, 144, 7, "CMIS page 2Fh byte 144 bit 7, freeze request of the VDM / PM statistics"),
+    u64("fec_rx_bits", 0x34, 128, "C-CMIS page 34h bytes 128-135, rxBitsPm"),
+    u64("fec_rx_corr_bits", 0x34, 144, "C-CMIS page 34h bytes 144-151, rxCorrBitsPm"),
+    u32("fec_rx_frames_uncorr", 0x34, 176, "C-CMIS page 34h bytes 176-179, rxFramesUncorrErrPm"),
+    s32("link_cd_avg", 0x35, 128, "C-CMIS page 35h bytes 128-131, chromatic dispersion average, ps/nm"),
+    u16("link_dgd_avg", 0x35, 140, "C-CMIS page 35h bytes 140-141, DGD average, 0.01 ps"),
+    u16("link_pdl_avg", 0x35, 152, "C-CMIS page 35h bytes 152-153, PDL average, 0.1 dB"),
+    u16("link_osnr_avg", 0x35, 158, "C-CMIS page 35h bytes 158-159, OSNR average, 0.1 dB"),
+    u16("link_esnr_avg", 0x35, 164, "C-CMIS page 35h bytes 164-165, eSNR average, 0.1 dB"),
+    s16("link_cfo_avg", 0x35, 170, "C-CMIS page 35h bytes 170-171, CFO average, MHz"),
+    s16("link_rx_total_power_avg", 0x35, 188, "C-CMIS page 35h bytes 188-189, RX total power average, 0.01 dBm"),
+    s16("link_rx_signal_power_avg", 0x35, 194, "C-CMIS page 35h bytes 194-195, RX signal power average, 0.01 dBm"),
+    u16("link_soproc_avg", 0x35, 200, "C-CMIS page 35h bytes 200-201, SOP rate of change average, krad/s"),
+    u16("link_q_avg", 0x35, 230, "C-CMIS page 35h bytes 230-231, Q-factor average, 0.1 dB"),
+    s16("link_q_margin_avg", 0x35, 236, "C-CMIS page 35h bytes 236-237, Q margin average, 0.1 dB"),
+    u8("dsp_capabilities", 0xC0, 128, "vendor page C0h byte 128: bit 0 custom RX thresholds, 1 pulse shaping, 2 PRBS"),
+    flag("pulse_shaping", 0xC0, 129, 0, "vendor page C0h byte 129 bit 0, pulse shaping enabled"),
+    flag("rx_demod_lock", 0xC0, 130, 0, "vendor page C0h byte 130 bit 0, RX demodulator lock"),
+    flag("tx_demod_lock", 0xC0, 130, 1, "vendor page C0h byte 130 bit 1, TX demodulator lock"),
+    s16("cd_high_granularity", 0xC0, 132, "vendor page C0h bytes 132-133, CD high granularity, ps/nm"),
+    s32("cd_low_granularity", 0xC0, 134, "vendor page C0h bytes 134-137, CD low granularity, ps/nm"),
+    s32("cd_search_low", 0xC0, 138, "vendor page C0h bytes 138-141, active CD search low, ps/nm"),
+    s32("cd_search_high", 0xC0, 142, "vendor page C0h bytes 142-145, active CD search high, ps/nm"),
+    u16("laser_age", 0xC0, 146, "vendor page C0h bytes 146-147, laser age, %"),
+    u16("pre_fec_ber", 0xC0, 148, "vendor page C0h bytes 148-155, pre-FEC BER current, average, minimum, maximum (F16)"),
+    u16("frame_errors", 0xC0, 156, "vendor page C0h bytes 156-163, errored frames current, average, minimum, maximum (F16)"),
+    s16("custom_rx_total_high_alarm", 0xC0, 164, "vendor page C0h bytes 164-165, custom RX total power high alarm, 0.01 dBm"),
+    s16("custom_rx_total_low_alarm", 0xC0, 166, "vendor page C0h bytes 166-167, custom RX total power low alarm, 0.01 dBm"),
+    s16("custom_rx_signal_high_alarm", 0xC0, 168, "vendor page C0h bytes 168-169, custom RX signal power high alarm, 0.01 dBm"),
+    s16("custom_rx_signal_high_warning", 0xC0, 170, "vendor page C0h bytes 170-171, custom RX signal power high warning, 0.01 dBm"),
+    s16("custom_rx_signal_low_alarm", 0xC0, 172, "vendor page C0h bytes 172-173, custom RX signal power low alarm, 0.01 dBm"),
+    s16("custom_rx_signal_low_warning", 0xC0, 174, "vendor page C0h bytes 174-175, custom RX signal power low warning, 0.01 dBm"),
+    s16("custom_rx_los_total", 0xC0, 176, "vendor page C0h bytes 176-177, custom RX LOS threshold on total power, 0.01 dBm"),
+    s16("custom_rx_los_signal", 0xC0, 178, "vendor page C0h bytes 178-179, custom RX LOS threshold on signal power, 0.01 dBm"),
+    flag("custom_rx_alarms_enabled", 0xC0, 180, 0, "vendor page C0h byte 180 bit 0, custom RX power alarm thresholds in use"),
+    flag("custom_rx_los_enabled", 0xC0, 180, 1, "vendor page C0h byte 180 bit 1, custom RX LOS threshold (total power) in use"),
+    s16("custom_bounds", 0xC0, 182, "vendor page C0h bytes 182-201, custom threshold bounds (max, min pairs)"),
+    u8("prbs_control", 0xC0, 202, "vendor page C0h byte 202: bit 0 generator, 1 checker, 2 clear counters"),
+    u8("prbs_pattern", 0xC0, 203, "vendor page C0h byte 203, PRBS pattern code"),
+    u8("prbs_lock_lost", 0xC0, 204, "vendor page C0h byte 204, PRBS checker lock lost, bit n = lane n+1, clear on read"),
+    u64("prbs_counters", 0xC1, 128, "vendor page C1h bytes 128-255, PRBS errors and bits per lane (u64 pairs)"),
+    u64("client_pm_lanes_1_4", 0xC2, 128, "vendor page C2h bytes 128-255, client PM of host lanes 1-4 (4 u64 each)"),
+    u64("client_pm_lanes_5_8", 0xC3, 128, "vendor page C3h bytes 128-255, client PM of host lanes 5-8"),
+    u8("cmis5_fault_flags", 0xC8, 128, "vendor page C8h byte 128 (banked): TX remote, TX local, RX remote, RX local fault"),
+    u16("cmis5_post_fec_ber", 0xC8, 130, "vendor page C8h bytes 130-131, post-FEC BER current (F16)"),
 };
 
 // clang-format on
