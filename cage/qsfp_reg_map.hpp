@@ -528,6 +528,7 @@ class qsfp_reg_map {
     std::int32_t get_dd_active_cd_hi_search() {
         return read_s32(cmis_only(fields::cm("cd_search_high")));
     }
+    std::int32_t get_dd_cd_average() { return read_s32(cmis_only(fields::cm("link_cd_avg"))); }
     std::int16_t get_dd_cfo() { return read_s16(cmis_only(fields::cm("link_cfo_avg"))); }
     std::uint16_t get_dd_pdl() { return read_u16(cmis_only(fields::cm("link_pdl_avg"))); }
     std::uint16_t get_dd_soproc() { return read_u16(cmis_only(fields::cm("link_soproc_avg"))); }

@@ -5,6 +5,7 @@
 #include "grid_schedule.hpp"
 #include "msg_log.hpp"
 #include "qsfp_dd_acacia_1lane_device_handler.hpp"
+#include "qsfp_dd_cmis5_1lane_hpower_device_handler.hpp"
 #include "qsfp_dd_optical_4lane_device_handler.hpp"
 #include "qsfp_optical_1lane_device_handler.hpp"
 #include "qsfp_optical_1lane_pam4_device_handler.hpp"
@@ -91,6 +92,8 @@ std::map<handler_class, qsfp_device_mgr::handler_factory> qsfp_device_mgr::defau
         {handler_class::optical_1lane_pam4, factory_of<qsfp_optical_1lane_pam4_device_handler>()},
         {handler_class::dd_optical_4lane, factory_of<qsfp_dd_optical_4lane_device_handler>()},
         {handler_class::dd_acacia_1lane, factory_of<qsfp_dd_acacia_1lane_device_handler>()},
+        {handler_class::dd_cmis5_1lane_hpower,
+         factory_of<qsfp_dd_cmis5_1lane_hpower_device_handler>()},
         {handler_class::passive, factory_of<qsfp_passive_device_handler>()},
     };
 }

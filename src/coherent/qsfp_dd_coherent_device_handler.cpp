@@ -234,7 +234,7 @@ void qsfp_dd_coherent_device_handler::add_total_rx_power_node() {
             create(db_, path("data/rxPower"), self, 0.29, 0.09));
 }
 
-void qsfp_dd_coherent_device_handler::add_tuning_nodes() {
+void qsfp_dd_coherent_device_handler::add_tuning_nodes(std::vector<std::string> applications) {
     using self_type = qsfp_dd_coherent_device_handler;
     const auto self = std::static_pointer_cast<self_type>(shared_from_this());
     group_node(volatile_value<&self_type::get_num_active_clients>::create(
@@ -255,9 +255,8 @@ void qsfp_dd_coherent_device_handler::add_tuning_nodes() {
         config_param<&self_type::set_frequency>::create(db_, path("config/frequency"), self));
     group_node(config_param<&self_type::set_so_channel_number>::create(
         db_, path("config/wavelengthITU"), self));
-    group_node(config_param<&self_type::set_application>::create(
-                   db_, path("config/application"), self,
-                   std::vector<std::string>{"400G", "300G", "200G", "100G"}))
+    group_node(config_param<&self_type::set_application>::create(db_, path("config/application"),
+                                                                 self, std::move(applications)))
         ->set_value(get_application());
     group_node(
         volatile_value<&self_type::get_application>::create(db_, path("data/application"), self));
@@ -436,6 +435,19 @@ void qsfp_dd_coherent_device_handler::finish_start(const std::string& warm_text,
         const_value<bool>::create(db_, path("data/debug/isWarmStarted"), self, warm_started_));
     activate_value_group();
     set_dh_ready(true);
+}
+
+void qsfp_dd_coherent_device_handler::advertise_single_lane_pages(bool vdm) {
+    auto lock = lock_handler();
+    clear_page_advertisement();
+    add_page_advertisement(0x00, 0, "Administrative Information", "1 of 1");
+    add_page_advertisement(0x01, 0, "Advertising", "1 of 1");
+    add_page_advertisement(0x02, 0, "Thresholds Information", "1 of 1");
+    add_page_advertisement(0x04, 0, "Laser Capabilities Advertising", "1 of 1");
+    add_page_advertisement(0x10, 0, "Lane and Data Path Control", "1 of 1");
+    add_page_advertisement(0x11, 0, "Lane and Data Path Status", "1 of 1");
+    add_page_advertisement(0x12, 0, "Tuneable Laser Control and Status", "1 of 1");
+    if (vdm) add_page_advertisement(0x2F, 0, "VDM Advertisement and Control", "1 of 1");
 }
 
 // --- Low-power handling -------------------------------------------------------------------------
@@ -644,20 +656,26 @@ void qsfp_dd_coherent_device_handler::set_application_code(const rapidjson::Docu
 }
 
 void qsfp_dd_coherent_device_handler::set_application(std::string name) {
-    auto lock = lock_handler();
     const unsigned rate = static_cast<unsigned>(std::atoi(name.c_str()));
-    // The module's own list decides which code carries a rate: the first advertised application
-    // whose media side runs at it (the part number's vendor codes are part of that list).
+    select_application(name,
+                       [&](const applicationList_t& app) { return app.media.Bitrate == rate; });
+}
+
+void qsfp_dd_coherent_device_handler::select_application(
+    const std::string& name, const std::function<bool(const applicationList_t&)>& wanted) {
+    auto lock = lock_handler();
     const auto map = application_map();
     const applicationList_t* chosen = nullptr;
     for (const auto& [number, app] : map)
-        if (!chosen && app.media.Bitrate == rate) chosen = &app;
+        if (!chosen && wanted(app)) chosen = &app;
     if (chosen == nullptr)
         throw dh_error(dh::errc::invalid, "Application " + name + " is not offered by " +
                                               read_for("get_free_side_vendor_pn", [&] {
                                                   return reg_map_->get_free_side_vendor_pn();
                                               }));
-    if (current_bitrate() == rate && _get_application_number() == chosen->app_sel) return;
+    if (read_for("get_application_number", [&] { return _get_application_number(); }) ==
+        chosen->app_sel)
+        return;
     MSG_LOG(msg_log::info, config_tag())
         << "Setting application mode to " << name << " on " << module_name();
     read_for("set_application", [&] {

@@ -3,6 +3,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -164,7 +165,9 @@ class qsfp_dd_coherent_device_handler : public qsfp_dd_device_handler {
     void add_pulse_shaping_nodes();
     void add_module_threshold_nodes();  // voltage, module thresholds, pushed RX thresholds
     void add_total_rx_power_node();
-    void add_tuning_nodes();  // numActiveClients .. application
+    // numActiveClients .. application, with the application names the handler accepts.
+    void add_tuning_nodes(std::vector<std::string> applications = {"400G", "300G", "200G",
+                                                                   "100G"});
     void add_q_nodes();       // qValue, qMargin, cdLow, cdHigh
     void add_fec_nodes();     // FEC counters and client PM
     void add_custom_threshold_nodes();
@@ -173,12 +176,20 @@ class qsfp_dd_coherent_device_handler : public qsfp_dd_device_handler {
     // Warm or cold start, the published start state, then polling and dhReady.
     void finish_start(const std::string& warm_text, const std::string& cold_text);
 
+    // Selects the first advertised application whose media side passes `wanted` (the module's
+    // own list decides which code carries a rate), through low power.
+    void select_application(const std::string& name,
+                            const std::function<bool(const applicationList_t&)>& wanted);
     // The RX thresholds of the current line rate, published again (application change, custom
     // LOS threshold).
     void publish_rate_thresholds();
     double rx_low_alarm_threshold(unsigned gbps) const;
     // A register read of the given format; on failure the line of the failing getter and -99.
     double power_register(const char* getter, const std::function<std::uint16_t()>& read);
+
+    // The page dump of a one-media-lane module: its lane pages have one bank (and VDM pages when
+    // it has them).
+    void advertise_single_lane_pages(bool vdm);
 
     std::uint8_t media_lanes() const { return media_lanes_; }
     const std::string& log_source() const { return log_source_; }
