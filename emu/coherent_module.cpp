@@ -384,9 +384,12 @@ void coherent_module::zero_counters() {
 
 void coherent_module::advance(clock::time_point now) {
     if (now < last_) return;
+    // The checker lost lock if the RX lock was off at any time since the last look.
+    const bool was_unlocked = now > last_ && !(shown_locks(last_) & 0x01);
     if (tuning_ && !stall_tuning_ && now >= tune_until_) finish_tuning(tune_until_);
     integrate(now);
     show(now);
+    if (prbs_checker_ && was_unlocked) latch_lock_lost();
     last_ = now;
 }
 
@@ -442,14 +445,16 @@ std::uint8_t coherent_module::shown_locks(clock::time_point now) const {
     return locks;
 }
 
+void coherent_module::latch_lock_lost() {
+    const unsigned lanes = std::min(module_.profile().lanes, 8u);
+    mem().latch(dsp, prbs_lock_lost_at, static_cast<std::uint8_t>((1u << lanes) - 1));
+}
+
 void coherent_module::show(clock::time_point now) {
     auto& m = mem();
     const std::uint8_t locks = shown_locks(now);
     m.poke(dsp, locks_at, locks);
-    if (prbs_checker_ && !(locks & 0x01)) {
-        const unsigned lanes = std::min(module_.profile().lanes, 8u);
-        m.latch(dsp, prbs_lock_lost_at, static_cast<std::uint8_t>((1u << lanes) - 1));
-    }
+    if (prbs_checker_ && !(locks & 0x01)) latch_lock_lost();
     if (tuning_)
         m.latch(laser_control, tuning_status_at, tuning_in_progress);
     else

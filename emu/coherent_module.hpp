@@ -100,6 +100,7 @@ class coherent_module {
     void on_prbs_control(std::uint8_t value);
     void on_prbs_pattern();
     void zero_counters();
+    void latch_lock_lost();
 
     void integrate(clock::time_point now);
     void show(clock::time_point now);
