@@ -398,8 +398,10 @@ void coherent_module::integrate(clock::time_point now) {
     if (!holds) {
         conditions_since_.reset();
     } else if (!conditions_since_) {
-        // Conditions seen now; a tuning that ended since the last look ended them earlier.
-        conditions_since_ = tuned_at_ && *tuned_at_ >= last_ ? *tuned_at_ : now;
+        // They hold since the data path came up or the last tuning ended, whichever is later.
+        auto since = module_.data_path_up_since(0).value_or(now);
+        if (tuned_at_) since = std::max(since, *tuned_at_);
+        conditions_since_ = std::min(since, now);
     }
     if (conditions_since_) {
         const auto from = std::max(last_, *conditions_since_ + model_.lock_delay);
@@ -421,16 +423,14 @@ void coherent_module::integrate(clock::time_point now) {
     // Client PM: host lanes whose data path is up, from the first activation on.
     for (unsigned lane = 0; lane < client_.size(); ++lane) {
         auto& c = client_[lane];
-        const bool active = data_path_active(lane);
-        if (active && !c.started) {
-            c = {};
-            c.started = true;
-        } else if (active && c.active && now > last_) {
-            const double bits = host_lane_rate * seconds(now - last_);
+        if (!data_path_active(lane)) continue;
+        if (!c.started) c.started = true;
+        const auto from = std::max(last_, module_.data_path_up_since(lane).value_or(now));
+        if (now > from) {
+            const double bits = host_lane_rate * seconds(now - from);
             c.bits += bits;
             c.corrected += bits * host_ber_;
         }
-        c.active = active;
     }
 }
 

@@ -136,7 +136,6 @@ class coherent_module {
     double fec_bits_ = 0, fec_corrected_ = 0, fec_uncorrectable_ = 0;
     struct client_lane {
         bool started = false;  // the data path was up once: the counters run
-        bool active = false;
         double bits = 0, corrected = 0;
     };
     std::array<client_lane, 8> client_{};

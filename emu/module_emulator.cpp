@@ -540,6 +540,12 @@ void module_emulator::flap(lane_flag flag, unsigned lane, std::string pattern, f
     if (step == flap_step::per_period) service();  // step 0 applies at once
 }
 
+std::optional<clock::time_point> module_emulator::data_path_up_since(unsigned host_lane) const {
+    std::lock_guard lock(mutex_);
+    if (host_lane >= dp_.size() || dp_[host_lane].state != dp_state::activated) return std::nullopt;
+    return dp_[host_lane].until;  // the end of DPInit
+}
+
 void module_emulator::ignore_low_power_requests(bool on) {
     std::lock_guard lock(mutex_);
     service();

@@ -85,6 +85,8 @@ class module_emulator {
     void flap(lane_flag flag, unsigned lane, std::string pattern, flap_step step,
               clock::duration period = {}, bool repeat = true);
     void stop_flaps();
+    // When the data path of a CMIS host lane (0-based) became DPActivated, if it is.
+    std::optional<clock::time_point> data_path_up_since(unsigned host_lane) const;
     // A CMIS module that ignores every low power request (LPMode and LowPwrRequestSW).
     void ignore_low_power_requests(bool on);
     // CMIS data paths that stay in DPInit while set.

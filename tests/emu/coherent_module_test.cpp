@@ -32,10 +32,10 @@ double f16(std::uint16_t raw) {
 }
 
 struct Coherent : emu_test {
+    // The data path is up (both profiles advertise DPInit < 100 ms: 99 ms).
     module_emulator& ready(std::string_view stem = "qsfpdd_400zr") {
         auto& m = insert(stem);
-        clock->advance(up);
-        read1(3);  // the module sees ready and the data path up now
+        clock->advance(m.profile().power_up + 99ms);
         return m;
     }
     module_emulator& locked(std::string_view stem = "qsfpdd_400zr") {
