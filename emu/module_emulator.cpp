@@ -5,6 +5,7 @@
 #include <cmath>
 #include <system_error>
 
+#include "coherent_module.hpp"
 #include "msg_log.hpp"
 
 namespace qsfpd::emu {
@@ -114,7 +115,12 @@ module_emulator::module_emulator(module_profile profile, std::shared_ptr<clock> 
     : profile_(std::move(profile)), clock_(std::move(clk)) {
     restart(clock_->now());
     install_dsp_behaviour();
+    if (coherent_module::applies_to(profile_))
+        coherent_ = std::make_unique<coherent_module>(*this, mutex_, clock_,
+                                                      profile_.coherent.value_or(coherent_model{}));
 }
+
+module_emulator::~module_emulator() = default;
 
 void module_emulator::install_dsp_behaviour() {
     if (profile_.family != module_family::sff8636 || !profile_.image().pages.contains(dsp_monitors))
@@ -225,6 +231,7 @@ void module_emulator::restart(clock::time_point now) {
         f.applied = 0;
     }
     auto& mem = memories_.at(a0);
+    if (coherent_) coherent_->restart(now);
     if (profile_.family == module_family::sff8636) mem.latch(lower, sff_status, 0x01);
     if (profile_.family == module_family::sff8472_converter && memories_.contains(a2))
         memories_.at(a2).latch(lower, sfp_status_control, 0x01);
@@ -299,6 +306,7 @@ std::optional<cmis_state> module_emulator::cmis_module_state() {
 }
 
 bool module_emulator::low_power_requested() {
+    if (ignore_low_power_) return false;
     const std::uint8_t controls = memories_.at(a0).peek(lower, cmis_global_controls);
     return ((controls & low_pwr_allow_request_hw) && lpmode_) || (controls & low_pwr_request_sw);
 }
@@ -532,6 +540,29 @@ void module_emulator::flap(lane_flag flag, unsigned lane, std::string pattern, f
     if (step == flap_step::per_period) service();  // step 0 applies at once
 }
 
+std::optional<clock::time_point> module_emulator::data_path_up_since(unsigned host_lane) const {
+    std::lock_guard lock(mutex_);
+    if (host_lane >= dp_.size() || dp_[host_lane].state != dp_state::activated) return std::nullopt;
+    return dp_[host_lane].until;  // the end of DPInit
+}
+
+void module_emulator::ignore_low_power_requests(bool on) {
+    std::lock_guard lock(mutex_);
+    service();
+    ignore_low_power_ = on;
+    service();
+}
+
+void module_emulator::hold_data_path_init(bool on) {
+    std::lock_guard lock(mutex_);
+    service();
+    hold_dp_init_ = on;
+    // Lanes held past their init time go on from now.
+    for (auto& l : dp_)
+        if (!on && l.state == dp_state::init) l.until = std::min(l.until, clock_->now());
+    service();
+}
+
 void module_emulator::stop_flaps() {
     std::lock_guard lock(mutex_);
     flaps_.clear();
@@ -738,6 +769,7 @@ void module_emulator::service() {
     if (profile_.family == module_family::sff8472_converter) advance_sfp(now);
     refresh_monitors(now);
     refresh_lane_status();
+    if (coherent_) coherent_->advance(now);
     apply_stuck();
     evaluate_alarms();
     update_interrupt();
@@ -1140,7 +1172,7 @@ void module_emulator::advance_lanes(clock::time_point now) {
                         l.until = l.checked_at + dp_duration(false);
                     }
                 }
-            } else if (l.state == dp_state::init && now >= l.until) {
+            } else if (l.state == dp_state::init && now >= l.until && !hold_dp_init_) {
                 l.state = dp_state::activated;
             } else if (l.state == dp_state::deinit && now >= l.until) {
                 l.state = dp_state::deactivated;

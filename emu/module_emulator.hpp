@@ -19,6 +19,8 @@
 
 namespace qsfpd::emu {
 
+class coherent_module;
+
 using cmis_state = cage::cmis_module_state;
 using dp_state = cage::cmis_dp_state;
 using config_status = cage::cmis_config_status;
@@ -46,6 +48,7 @@ struct flag_site {
 class module_emulator {
   public:
     module_emulator(module_profile profile, std::shared_ptr<clock> clk);
+    ~module_emulator();
     module_emulator(const module_emulator&) = delete;
     module_emulator& operator=(const module_emulator&) = delete;
 
@@ -82,6 +85,15 @@ class module_emulator {
     void flap(lane_flag flag, unsigned lane, std::string pattern, flap_step step,
               clock::duration period = {}, bool repeat = true);
     void stop_flaps();
+    // When the data path of a CMIS host lane (0-based) became DPActivated, if it is.
+    std::optional<clock::time_point> data_path_up_since(unsigned host_lane) const;
+    // A CMIS module that ignores every low power request (LPMode and LowPwrRequestSW).
+    void ignore_low_power_requests(bool on);
+    // CMIS data paths that stay in DPInit while set.
+    void hold_data_path_init(bool on);
+    // The coherent DSP and laser (emu/coherent_module.hpp) of a profile with the coherent pages,
+    // else null.
+    coherent_module* coherent() { return coherent_.get(); }
     bool flag_live(lane_flag flag, unsigned lane);
     std::optional<flag_site> site(lane_flag flag, unsigned lane) const;
     // Freezes bytes (e.g. a monitor register) at a value: the monitor refresh no longer moves them.
@@ -215,6 +227,9 @@ class module_emulator {
     };
     std::vector<hook_entry> hooks_;
     void install(const hook_entry& h);
+    bool ignore_low_power_ = false;
+    bool hold_dp_init_ = false;
+    std::unique_ptr<coherent_module> coherent_;
     bool sfp_tx_disable_ = false;
     bool sfp_rate_select_ = false;
 };

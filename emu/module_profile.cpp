@@ -314,6 +314,39 @@ module_profile module_profile::parse(std::string_view json, std::string_view ori
         }
     }
 
+    if (auto it = doc.FindMember("coherent"); it != doc.MemberEnd()) {
+        const auto& c = it->value;
+        if (!c.IsObject()) fail(origin, "coherent", "must be an object");
+        coherent_model m;
+        m.tuning = ms_or(c, "tuning_ms", m.tuning, origin);
+        m.lock_delay = ms_or(c, "lock_delay_ms", m.lock_delay, origin);
+        const auto rate = [&](const char* name, double fallback) {
+            const double v = number_or(c, name, fallback, origin);
+            if (v < 0) fail(origin, std::string("coherent.") + name, "must not be negative");
+            return v;
+        };
+        m.pre_fec_ber = rate("pre_fec_ber", m.pre_fec_ber);
+        m.uncorrectable_per_s = rate("uncorrectable_per_s", m.uncorrectable_per_s);
+        m.prbs_ber = rate("prbs_ber", m.prbs_ber);
+        m.host_ber = rate("host_ber", m.host_ber);
+        m.cd_high_range = rate("cd_high_range_ps_nm", m.cd_high_range);
+        m.cd_search_low = number_or(c, "cd_search_low_ps_nm", m.cd_search_low, origin);
+        m.cd_search_high = number_or(c, "cd_search_high_ps_nm", m.cd_search_high, origin);
+        m.laser_age = rate("laser_age_pct", m.laser_age);
+        m.q_db = monitor_or(c, "q_db", m.q_db, origin);
+        m.q_margin_db = monitor_or(c, "q_margin_db", m.q_margin_db, origin);
+        m.osnr_db = monitor_or(c, "osnr_db", m.osnr_db, origin);
+        m.esnr_db = monitor_or(c, "esnr_db", m.esnr_db, origin);
+        m.cd = monitor_or(c, "cd_ps_nm", m.cd, origin);
+        m.dgd_ps = monitor_or(c, "dgd_ps", m.dgd_ps, origin);
+        m.pdl_db = monitor_or(c, "pdl_db", m.pdl_db, origin);
+        m.cfo_mhz = monitor_or(c, "cfo_mhz", m.cfo_mhz, origin);
+        m.sop_roc_krad_s = monitor_or(c, "sop_roc_krad_s", m.sop_roc_krad_s, origin);
+        m.errored_frames = monitor_or(c, "errored_frames", m.errored_frames, origin);
+        m.signal_below_total_db = rate("signal_below_total_db", m.signal_below_total_db);
+        p.coherent = m;
+    }
+
     // Identifier (byte 0) per family: SFF-8024 identifier codes.
     const std::uint8_t id = p.image().lower[0];
     switch (p.family) {

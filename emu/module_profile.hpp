@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -42,6 +43,33 @@ struct monitor_model {
     double noise = 0.0;
 };
 
+// A coherent (400ZR / ZR+ class) module's DSP and line: timing, error rates and the nominal
+// values of its line monitors (noise as for monitor_model). Units are the registers' engineering
+// units: dB, ps/nm, ps, MHz, krad/s, dBm.
+struct coherent_model {
+    std::chrono::milliseconds tuning{1200};     // laser tuning, from the write to completion
+    std::chrono::milliseconds lock_delay{300};  // demodulator lock after ready + data path up
+    double pre_fec_ber = 2.0e-4;                // corrected bits / received bits
+    double uncorrectable_per_s = 0.0;           // uncorrectable FEC frames per second
+    double prbs_ber = 1.0e-12;                  // PRBS checker errors / checked bits
+    double host_ber = 1.0e-9;                   // client PM corrected bits / bits
+    double cd_high_range = 2400.0;              // |CD| the high granularity register covers
+    double cd_search_low = -2400.0;
+    double cd_search_high = 2400.0;
+    double laser_age = 3.0;  // % of end of life
+    monitor_model q_db{9.5, 0.1};
+    monitor_model q_margin_db{3.2, 0.1};
+    monitor_model osnr_db{34.0, 0.3};
+    monitor_model esnr_db{18.5, 0.2};
+    monitor_model cd{1600.0, 5.0};
+    monitor_model dgd_ps{4.0, 0.5};
+    monitor_model pdl_db{0.8, 0.1};
+    monitor_model cfo_mhz{-120.0, 20.0};
+    monitor_model sop_roc_krad_s{5.0, 1.0};
+    monitor_model errored_frames{0.0, 0.0};  // ratio, shown as F16
+    double signal_below_total_db = 0.3;      // RX signal power = total power minus this
+};
+
 // One kind of module, loaded from a JSON file in emu/profiles/ (format: emu/profiles/README.md).
 struct module_profile {
     std::string name;
@@ -68,6 +96,7 @@ struct module_profile {
     monitor_model tx_power_mw{1.0, 0.02};
     monitor_model rx_power_mw{0.8, 0.02};
     std::uint64_t noise_seed = 1;
+    std::optional<coherent_model> coherent;  // "coherent" object of the profile
 
     const memory_image& image(std::uint8_t device_address = 0x50) const;
 

@@ -590,19 +590,36 @@ def dac_cisco():
 ZR_WRITABLE = [
     {"page": "b0:12", "from": 128, "to": 167},  # grid, channel, fine tuning
     {"page": "b0:12", "from": 200, "to": 215},  # target output power
+    {"page": "C0", "from": 129, "to": 129, "mask": 0x01},  # pulse shaping
+    {"page": "C0", "from": 164, "to": 180},     # custom RX thresholds and their enables
+    {"page": "C0", "from": 202, "to": 202, "mask": 0x07},  # PRBS control (bit 2 self-clears)
+    {"page": "C0", "from": 203, "to": 203},     # PRBS pattern
+    {"page": "2F", "from": 144, "to": 144},     # PM / VDM freeze request (bit 7)
 ]
 
+# Grid codes of page 12h byte 128 bits 7..4 and their bit in page 04h byte 128 (1 << code), the
+# channel step in GHz (75 GHz counts 25 GHz steps) and where page 04h keeps the channel bounds.
+GRIDS = {3.125: (0, 3.125), 6.25: (1, 6.25), 12.5: (2, 12.5), 25: (3, 25), 50: (4, 50),
+         100: (5, 100), 33: (6, 100 / 3), 75: (7, 25)}
 
-def coherent_pages(grid_low, grid_high, pmin_dbm, pmax_dbm, target_dbm):
-    """C-CMIS tunable laser pages. Page 04h: 128 supported grids (bit 7 75 GHz), 158/160 lowest/
-    highest 75 GHz-grid channel (signed, 25 GHz steps from 193.1 THz), 198/200 min/max
-    programmable output power (signed 0.01 dBm). Page 12h: 128 grid spacing lane 1 (bits 7..4,
-    7 = 75 GHz), 136 channel lane 1, 168 current frequency lane 1 (u32, MHz), 200 target output
-    power lane 1 (0.01 dBm), 222 tuning status, 231 latched tuning flags."""
+
+def coherent_pages(grids, low_thz, high_thz, pmin_dbm, pmax_dbm, target_dbm):
+    """C-CMIS tunable laser pages. Page 04h: 128 supported grids (bit = 1 << grid code), 130 +
+    4 code / 132 + 4 code lowest/highest channel of each advertised grid (signed, steps from
+    193.1 THz), 198/200 min/max programmable output power (signed 0.01 dBm). Page 12h: 128 grid
+    spacing lane 1 (bits 7..4, 7 = 75 GHz), 136 channel lane 1, 168 current frequency lane 1
+    (u32, MHz), 200 target output power lane 1 (0.01 dBm), 222 tuning status, 230 summary, 231
+    latched tuning flags."""
     p04 = zeros()
-    put(p04, 128, [0x80])
-    put16(p04, 158, grid_low)
-    put16(p04, 160, grid_high)
+    for g in grids:
+        code, step = GRIDS[g]
+        p04[0] |= 1 << code
+        low = -int((193.1 - low_thz) * 1000 / step + 1e-6)
+        high = int((high_thz - 193.1) * 1000 / step + 1e-6)
+        if g == 75:  # a 75 GHz channel is a multiple of 3 steps of 25 GHz
+            low, high = -(-low // 3 * 3), high // 3 * 3
+        put16(p04, 130 + 4 * code, low)
+        put16(p04, 132 + 4 * code, high)
     put16(p04, 198, int(round(pmin_dbm * 100)))
     put16(p04, 200, int(round(pmax_dbm * 100)))
     p12 = zeros()
@@ -613,8 +630,48 @@ def coherent_pages(grid_low, grid_high, pmin_dbm, pmax_dbm, target_dbm):
     return p04, p12
 
 
+def dbm100(x):
+    return int(round(x * 100))
+
+
+def coherent_dsp_pages():
+    """Vendor pages of the DSP (docs/coherent-registers.md). C0h: 128 capabilities (custom RX
+    thresholds, pulse shaping, PRBS), 129 pulse shaping on, 164..178 custom thresholds with their
+    bounds at 182..200 (maximum, minimum; 0.01 dBm), 203 pattern PRBS31. C1h PRBS counters 0,
+    C2h/C3h client PM all ones until a data path was up; the emulator writes the live bytes."""
+    c0 = zeros()
+    put(c0, 128, [0x07, 0x01])
+    for at, v in [(164, 2.0), (166, -24.0), (168, 0.0), (170, -0.5), (172, -20.0),
+                  (174, -19.5), (176, -25.0), (178, -26.0)]:
+        put16(c0, at, dbm100(v))
+    for at, (hi, lo) in [(182, (5.0, -10.0)), (186, (-5.0, -30.0)), (190, (3.0, -15.0)),
+                         (194, (-8.0, -28.0)), (198, (-15.0, -30.0))]:
+        put16(c0, at, dbm100(hi))
+        put16(c0, at + 2, dbm100(lo))
+    return {"C0": c0, "C1": zeros(), "C2": [0xFF] * 128, "C3": [0xFF] * 128,
+            "2F": zeros(), "34": zeros(), "35": zeros()}
+
+
+def coherent_model(tuning_ms, ber, cd_search, **monitors):
+    """The "coherent" object of a profile: laser tuning time, error rates, the CD search range
+    and the line monitors' nominal values and noise (emu/profiles/README.md)."""
+    model = {"tuning_ms": tuning_ms, "lock_delay_ms": 300, "pre_fec_ber": ber,
+             "uncorrectable_per_s": 0.0, "prbs_ber": 1e-12, "host_ber": 1e-9,
+             "cd_high_range_ps_nm": 2400, "cd_search_low_ps_nm": -cd_search,
+             "cd_search_high_ps_nm": cd_search, "laser_age_pct": 3,
+             "q_db": {"nominal": 9.5, "noise": 0.1}, "q_margin_db": {"nominal": 3.2, "noise": 0.1},
+             "osnr_db": {"nominal": 34.0, "noise": 0.3}, "esnr_db": {"nominal": 18.5, "noise": 0.2},
+             "cd_ps_nm": {"nominal": 1600, "noise": 5}, "dgd_ps": {"nominal": 4.0, "noise": 0.5},
+             "pdl_db": {"nominal": 0.8, "noise": 0.1}, "cfo_mhz": {"nominal": -120, "noise": 20},
+             "sop_roc_krad_s": {"nominal": 5, "noise": 1},
+             "errored_frames": {"nominal": 1e-9, "noise": 5e-10},
+             "signal_below_total_db": 0.3}
+    model.update(monitors)
+    return model
+
+
 def coherent(revision, name, apps, media_lane_assign, pmin, pmax, target, seed, tx_mw, durations,
-             tx_limits=(0.4, 0.05, 0.32, 0.063)):
+             tx_limits=(0.4, 0.05, 0.32, 0.063), grids=(75,), low_thz=191.375, high_thz=196.1):
     lower, p00 = blocks(load("cmis_qsfpdd_400g_dr4_avago_afct93drphz_fd2038fg0fk.hex"))
     lower[1] = revision
     cmis_apps(lower, apps)
@@ -623,42 +680,55 @@ def coherent(revision, name, apps, media_lane_assign, pmin, pmax, target, seed, 
     put(p00, 200, [0xE0, 80])  # power class 8, 20 W max (0.25 W units)
     put(p00, 203, [0x07])      # LC
     put(p00, 212, [0x10])      # media interface technology: C-band tunable laser
-    p04, p12 = coherent_pages(-69, 120, pmin, pmax, target)
-    pages = {"00": p00, "01": cmis_page01(0, 0, 0, media_lane_assign, 2, durations),
+    p04, p12 = coherent_pages(grids, low_thz, high_thz, pmin, pmax, target)
+    p01 = cmis_page01(0, 0, 0, media_lane_assign, 2, durations)
+    p01[155 - 128] |= 0x40  # TransmitterIsTunable: pages 04h and 12h
+    p01[255 - 128] = csum(p01, 130, 254)
+    pages = {"00": p00, "01": p01,
              "02": cmis_page02(tx=tx_limits, bias=(300, 50, 280, 60),
                                rx=(1.0, 0.0016, 0.8, 0.002), multiplier=4),
              "03": zeros(), "04": p04, "b0:10": cmis_page10(8), "b0:11": cmis_page11(8),
-             "b0:12": p12}
+             "b0:12": p12, **coherent_dsp_pages()}
     return lower, pages, optical_monitors(seed, 55.0, 150.0, tx_mw, 0.05)
 
 
 def zr():
-    """400ZR (CMIS 4.0 + C-CMIS): app 1 400GAUI-8 / 400ZR DWDM amplified (3Eh), app 2 400GAUI-8 /
-    400ZR single wavelength unamplified (3Fh); 8 host lanes, 1 media lane; 191.375..196.100 THz
-    on the 75 GHz grid; output power -10..-6 dBm."""
+    """400ZR (CMIS 4.0 + C-CMIS), 1 media lane: app 1 400GAUI-8 / 400ZR DWDM amplified (3Eh),
+    2 400GAUI-8 / ZR400-OFEC-16QAM (46h), 3 100GAUI-2 x6 host lanes / ZR300-OFEC-8QAM (47h),
+    4 100GAUI-2 x4 / ZR200-OFEC-QPSK (48h), 5 100GAUI-2 x2 / ZR100-OFEC-QPSK (49h); grids 100,
+    75, 50 and 33 GHz over 191.3..196.1 THz; output power -10..-6 dBm; tuning 1.2 s."""
     lower, pages, mon = coherent(0x40, "EMU-QDD-400G-ZR",
-                                 [app(0x11, 0x3E, 8, 1, 0x01), app(0x11, 0x3F, 8, 1, 0x01)],
-                                 [0x01, 0x01], -10.0, -6.0, -10.0, 4002, 0.1, None)
-    return cmis_profile("QSFP-DD 400ZR coherent tunable (constructed)",
-                        "CMIS 4.0, C-CMIS pages 04h/12h, 1 media lane",
-                        "constructed from CMIS and C-CMIS tables on the Avago image", lower, pages, 1,
-                        mon, ZR_WRITABLE, power_up_ms=1500, power_down_ms=200)
+                                 [app(0x11, 0x3E, 8, 1, 0x01), app(0x11, 0x46, 8, 1, 0x01),
+                                  app(0x0D, 0x47, 6, 1, 0x01), app(0x0D, 0x48, 4, 1, 0x01),
+                                  app(0x0D, 0x49, 2, 1, 0x01)],
+                                 [0x01] * 5, -10.0, -6.0, -10.0, 4002, 0.1, None,
+                                 grids=(100, 75, 50, 33), low_thz=191.3, high_thz=196.1)
+    profile = cmis_profile("QSFP-DD 400ZR coherent tunable (constructed)",
+                           "CMIS 4.0, C-CMIS pages 04h/12h/2Fh/34h/35h, DSP pages C0h-C3h, "
+                           "1 media lane", "constructed from CMIS and C-CMIS tables on the Avago "
+                           "image", lower, pages, 1, mon, ZR_WRITABLE, power_up_ms=1500,
+                           power_down_ms=200)
+    profile["coherent"] = coherent_model(1200, 2.0e-4, 2400)
+    return profile
 
 
 def zr_plus():
     """400ZR+ (CMIS 5.0, revision 50h): app 1 400GAUI-8 / ZR400-OFEC-16QAM (46h), app 2
     400GAUI-8 / 400ZR DWDM (3Eh), app 3 100GAUI-2 (0Dh) / ZR100-OFEC-QPSK (49h), 2 host lanes;
     output power -15..+1 dBm; page 01h byte 167 power up/down duration codes 6 (< 1 s) / 5
-    (< 500 ms)."""
+    (< 500 ms); tuning 2 s."""
     lower, pages, mon = coherent(0x50, "EMU-QDD-400G-ZRP",
                                  [app(0x11, 0x46, 8, 1, 0x01), app(0x11, 0x3E, 8, 1, 0x01),
                                   app(0x0D, 0x49, 2, 1, 0x01)],
                                  [0x01, 0x01, 0x01], -15.0, 1.0, 0.0, 5001, 1.0, 0x56,
                                  tx_limits=(2.0, 0.02, 1.6, 0.03))
-    return cmis_profile("QSFP-DD 400ZR+ coherent tunable (constructed)",
-                        "CMIS 5.0, C-CMIS pages 04h/12h, 1 media lane, OpenZR+ modes",
-                        "constructed from CMIS and C-CMIS tables on the Avago image", lower, pages, 1,
-                        mon, ZR_WRITABLE, power_up_ms=900, power_down_ms=400)
+    profile = cmis_profile("QSFP-DD 400ZR+ coherent tunable (constructed)",
+                           "CMIS 5.0, C-CMIS pages 04h/12h, 1 media lane, OpenZR+ modes",
+                           "constructed from CMIS and C-CMIS tables on the Avago image", lower,
+                           pages, 1, mon, ZR_WRITABLE, power_up_ms=900, power_down_ms=400)
+    profile["coherent"] = coherent_model(2000, 5.0e-4, 50000, cd_ps_nm={"nominal": 8500,
+                                                                        "noise": 20})
+    return profile
 
 
 # --- QSFP-to-SFP converter ------------------------------------------------------------------

@@ -136,8 +136,8 @@ TEST(ProfileContents, DspPagesHoldAHealthyLinkAndCmisModulesAdvertiseTheirApplic
     EXPECT_EQ(zr.image().lower[88], 0x81);
     EXPECT_EQ(upper(zr, {0, 0x04}, 128) & 0x80, 0x80);  // 75 GHz grid supported
     EXPECT_EQ(upper(zr, {0, 0x12}, 128) >> 4, 7);       // 75 GHz grid selected
-    // Its channels: -69 (191.375 THz) to 120 (196.100 THz).
-    EXPECT_EQ(upper16(zr, {0, 0x04}, 158), 0xffbb);
+    // Its 75 GHz channels: -72 (191.300 THz) to 120 (196.100 THz).
+    EXPECT_EQ(upper16(zr, {0, 0x04}, 158), 0xffb8);
     EXPECT_EQ(upper16(zr, {0, 0x04}, 160), 120);
     const auto zrp = module_profile::load_named("qsfpdd_400zr_plus");
     EXPECT_EQ(zrp.image().lower[1], 0x50);

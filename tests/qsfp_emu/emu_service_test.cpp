@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "../support/errno_of.hpp"
+#include "coherent_module.hpp"
 #include "emu_ctl.hpp"
 #include "hex_bytes.hpp"
 #include "qsfp_device.hpp"
@@ -134,7 +135,8 @@ TEST_F(EmuService, ADaemonReachesTheCagesThroughTheSocketsAndBadRequestsAreRefus
     ASSERT_EQ(ctl({"insert", "0", "qsfp28_100g_lr4"}), "0 true");
     EXPECT_EQ(ctl({"fault", R"({"cage":0,"kind":"sideways"})"}),
               "1 qsfp-emu ctl: Invalid params: 'kind' must be nack, errno, at, flap, stick, "
-              "module_fault or clear (error -32602)");
+              "module_fault, no_low_power, stall_dp_init, stall_tuning, lock_flap or clear "
+              "(error -32602)");
     EXPECT_EQ(ctl({"frobnicate"}), "2 qsfp-emu ctl: unknown method frobnicate");
     EXPECT_EQ(ctl({"pins", "0", "extra"}), "2 qsfp-emu ctl: too many arguments for pins");
     std::ostringstream sink;
@@ -145,6 +147,40 @@ TEST_F(EmuService, ADaemonReachesTheCagesThroughTheSocketsAndBadRequestsAreRefus
     EXPECT_THROW(from_hex("0a f"), std::invalid_argument);
     EXPECT_THROW(from_hex("zz"), std::invalid_argument);
     EXPECT_EQ(to_hex(bytes{0, 1, 0xab}), "00 01 ab");
+}
+
+TEST_F(EmuService, CoherentFaultsAndBerValuesAreSetThroughTheControlSocket) {
+    ASSERT_EQ(ctl({"insert", "0", "qsfpdd_400zr"}), "0 true");
+    ASSERT_EQ(ctl({"insert", "1", "qsfp28_100g_lr4"}), "0 true");
+    clock->advance(10s);
+    auto& module = *service->cage(0).module();
+    auto& coherent = *module.coherent();
+    EXPECT_EQ(ctl({"ber", "0", "3e-3", "1e-9"}), R"(0 {"pre_fec":0.003,"prbs":1e-9})");
+    EXPECT_DOUBLE_EQ(coherent.pre_fec_ber(), 3e-3);
+    EXPECT_EQ(ctl({"ber", R"({"cage":0,"uncorrectable_per_s":"x"})"}),
+              "1 qsfp-emu ctl: Invalid params: 'uncorrectable_per_s' must be a number >= 0 "
+              "(error -32602)");
+    EXPECT_EQ(ctl({"ber", "1", "1e-3"}), "1 qsfp-emu ctl: Not a coherent module (error -22)");
+    // The module is ready and locked: a flap on the TX lock only, then a module that stays ready.
+    ASSERT_EQ(coherent.locks(), 0x03);
+    EXPECT_EQ(ctl({"fault", R"({"cage":0,"kind":"lock_flap","pattern":"0","locks":"tx"})"}),
+              "0 true");
+    EXPECT_EQ(coherent.locks(), 0x01);
+    EXPECT_EQ(ctl({"fault", "0", "no_low_power"}), "0 true");
+    service->cage(0).pin_set(cage::line::lpmode, true);
+    clock->advance(5s);
+    EXPECT_EQ(module.cmis_module_state(), cage::cmis_module_state::ready);
+    EXPECT_EQ(ctl({"fault", "0", "stall_tuning"}), "0 true");
+    EXPECT_EQ(ctl({"poke", "0", "2440", "00 03"}), "0 true");  // page 12h byte 136 raw: no tuning
+    EXPECT_FALSE(coherent.tuning());
+    EXPECT_EQ(ctl({"fault", "1", "stall_tuning"}),
+              "1 qsfp-emu ctl: Not a coherent module (error -22)");
+    EXPECT_EQ(ctl({"fault", "0", "stall_dp_init"}), "0 true");
+    // Clear undoes them all: the pin now takes the module to low power.
+    EXPECT_EQ(ctl({"fault", "0", "clear"}), "0 true");
+    clock->advance(5s);
+    EXPECT_EQ(module.cmis_module_state(), cage::cmis_module_state::low_pwr);
+    EXPECT_EQ(coherent.locks(), 0x00);
 }
 
 }  // namespace

@@ -18,6 +18,7 @@ const std::map<std::string, std::vector<std::string>, std::less<>>& positional()
         {"poke", {"cage", "address", "bytes"}},
         {"pins", {"cage"}},
         {"counters", {}},
+        {"ber", {"cage", "pre_fec", "prbs"}},
     };
     return table;
 }
@@ -34,6 +35,7 @@ std::string ctl_usage() {
            "  peek CAGE ADDRESS [LENGTH [BANK]]          poke CAGE ADDRESS HEXBYTES\n"
            "  (ADDRESS: lower memory 0..127, upper page P byte B at P * 128 + B, e.g. the\n"
            "  active control set, page 11h byte 206, at 2382)\n"
+           "  ber CAGE [PRE_FEC [PRBS]]  a coherent module's BERs (e.g. 2e-4); shows them\n"
            "  fault CAGE KIND            or any method with one JSON object of params, e.g.\n"
            "  fault "
            "'{\"cage\":3,\"kind\":\"flap\",\"flag\":\"rx_los\",\"lane\":0,\"pattern\":\"1100\"}'\n";

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "coherent_module.hpp"
 #include "dh_error.hpp"
 #include "dh_json.hpp"
 #include "hex_bytes.hpp"
@@ -57,6 +58,39 @@ page_id page_of(unsigned flat, unsigned bank, std::uint8_t& offset) {
     }
     offset = static_cast<std::uint8_t>(128 + flat % 128);
     return page_id{static_cast<std::uint8_t>(bank), static_cast<std::uint8_t>(flat / 128 - 1)};
+}
+
+bool bool_param(const rapidjson::Value* params, const char* name, bool fallback) {
+    const auto* v = find(params, name);
+    if (v == nullptr) return fallback;
+    if (!v->IsBool()) invalid(std::string("'") + name + "' must be true or false");
+    return v->GetBool();
+}
+
+// A rate given as a JSON number or as text ("2e-4", as `qsfp-emu ctl ber 0 2e-4` sends it).
+std::optional<double> rate_param(const rapidjson::Value* params, const char* name) {
+    const auto* v = find(params, name);
+    if (v == nullptr) return std::nullopt;
+    double out = -1;
+    if (v->IsNumber()) {
+        out = v->GetDouble();
+    } else if (v->IsString()) {
+        try {
+            std::size_t used = 0;
+            out = std::stod(v->GetString(), &used);
+            if (used != v->GetStringLength()) out = -1;
+        } catch (const std::exception&) {
+            out = -1;
+        }
+    }
+    if (!(out >= 0)) invalid(std::string("'") + name + "' must be a number >= 0");
+    return out;
+}
+
+coherent_module& coherent_of(module_emulator& module) {
+    auto* c = module.coherent();
+    if (c == nullptr) throw dh_error(dh::errc::invalid, "Not a coherent module");
+    return *c;
 }
 
 lane_flag flag_named(const std::string& name) {
@@ -229,6 +263,9 @@ std::string emu_service::control(const std::string& method, const rapidjson::Val
             if (auto* m = c.module()) {
                 m->stop_flaps();
                 m->unstick_all();
+                m->ignore_low_power_requests(false);
+                m->hold_data_path_init(false);
+                if (auto* coherent = m->coherent()) coherent->clear_faults();
             }
         } else {
             auto* module = c.module();
@@ -256,17 +293,49 @@ std::string emu_service::control(const std::string& method, const rapidjson::Val
                 module->stick(page, offset, bytes);
             } else if (kind == "module_fault") {
                 module->force_fault();
+            } else if (kind == "no_low_power") {
+                module->ignore_low_power_requests(bool_param(params, "on", true));
+            } else if (kind == "stall_dp_init") {
+                module->hold_data_path_init(bool_param(params, "on", true));
+            } else if (kind == "stall_tuning") {
+                coherent_of(*module).stall_tuning(bool_param(params, "on", true));
+            } else if (kind == "lock_flap") {
+                const auto locks = string_param(params, "locks", std::string("both"));
+                if (locks != "rx" && locks != "tx" && locks != "both")
+                    invalid("'locks' must be rx, tx or both");
+                coherent_of(*module).flap_locks(
+                    string_param(params, "pattern"),
+                    std::chrono::milliseconds(uint_param(params, "period_ms", 3'600'000, 100u)),
+                    locks == "rx"   ? 0x01
+                    : locks == "tx" ? 0x02
+                                    : 0x03);
             } else {
-                invalid("'kind' must be nack, errno, at, flap, stick, module_fault or clear");
+                invalid(
+                    "'kind' must be nack, errno, at, flap, stick, module_fault, no_low_power, "
+                    "stall_dp_init, stall_tuning, lock_flap or clear");
             }
         }
         return "true";
+    }
+    if (method == "ber") {
+        auto& c = *cages_[cage_param(params)];
+        auto* module = c.module();
+        if (module == nullptr) throw dh_error(-ENXIO, "No module in the cage");
+        auto& coherent = coherent_of(*module);
+        if (const auto v = rate_param(params, "pre_fec")) coherent.set_pre_fec_ber(*v);
+        if (const auto v = rate_param(params, "prbs")) coherent.set_prbs_ber(*v);
+        if (const auto v = rate_param(params, "host")) coherent.set_host_ber(*v);
+        if (const auto v = rate_param(params, "uncorrectable_per_s"))
+            coherent.set_uncorrectable_per_s(*v);
+        return fmt::format(R"({{"pre_fec":{},"prbs":{}}})", coherent.pre_fec_ber(),
+                           coherent.prbs_ber());
     }
     throw dh_error(dh::rpc::method_not_found, "Method not found: " + method);
 }
 
 void emu_service::add_control_methods() {
-    for (const char* method : {"insert", "remove", "fault", "peek", "poke", "pins", "counters"}) {
+    for (const char* method :
+         {"insert", "remove", "fault", "peek", "poke", "pins", "counters", "ber"}) {
         control_server_->add_method(
             method, [this, name = std::string(method)](const rapidjson::Value* params) {
                 try {
