@@ -373,10 +373,8 @@ void coherent_module::on_prbs_pattern() {
 }
 
 void coherent_module::zero_counters() {
-    // The PRBS reset also restarts the FEC PM counters.
     prbs_bits_ = {};
     prbs_errors_ = {};
-    fec_bits_ = fec_corrected_ = fec_uncorrectable_ = 0;
 }
 
 // --- Time

@@ -239,7 +239,7 @@ TEST_F(Coherent, FecCountersGrowAtTheLineRateWithTheConfiguredBer) {
     }
 }
 
-TEST_F(Coherent, NoFecCountingWithoutLockAndThePrbsClearRestartsIt) {
+TEST_F(Coherent, NoFecCountingWithoutLockAndThePrbsClearLeavesIt) {
     ready();
     clock->advance(lock_delay);
     EXPECT_EQ(at(0x34, 128, 8), 0u);  // counting starts with the lock
@@ -248,9 +248,10 @@ TEST_F(Coherent, NoFecCountingWithoutLockAndThePrbsClearRestartsIt) {
     tune(grid_75, 3);
     clock->advance(zr_tuning + lock_delay);
     EXPECT_NEAR(static_cast<double>(at(0x34, 128, 8)), zr_rate, 1.0);  // held while unlocked
+    const auto before = at(0x34, 128, 8);
     select(0xc0);
-    write(202, {0x04});
-    EXPECT_EQ(at(0x34, 128, 8), 0u);
+    write(202, {0x04});  // a PRBS counter clear is not a FEC PM clear
+    EXPECT_GE(at(0x34, 128, 8), before);
 }
 
 TEST_F(Coherent, FreezeHoldsFecClientAndLinkPmAndTheCountersCatchUpWhenReleased) {
