@@ -114,6 +114,7 @@ module_emulator::module_emulator(module_profile profile, std::shared_ptr<clock> 
     : profile_(std::move(profile)), clock_(std::move(clk)) {
     restart(clock_->now());
     install_dsp_behaviour();
+    vdm_ = vdm_pages::install(*this);
 }
 
 void module_emulator::install_dsp_behaviour() {

@@ -16,6 +16,7 @@
 #include "clock.hpp"
 #include "module_memory.hpp"
 #include "module_profile.hpp"
+#include "vdm_pages.hpp"
 
 namespace qsfpd::emu {
 
@@ -112,6 +113,9 @@ class module_emulator {
 
     // Brings state machine, flaps and monitors up to the clock's now().
     void service();
+
+    // The VDM pages and page C8h of a CMIS 5 profile that has them (fault injection), else null.
+    vdm_pages* vdm() { return vdm_.get(); }
 
     // The engineering value a monitor shows at `tick` (monitor periods since the last restart);
     // exposed so tests can compare against the registers.
@@ -217,6 +221,7 @@ class module_emulator {
     void install(const hook_entry& h);
     bool sfp_tx_disable_ = false;
     bool sfp_rate_select_ = false;
+    std::unique_ptr<vdm_pages> vdm_;
 };
 
 }  // namespace qsfpd::emu
