@@ -15,8 +15,10 @@ bool qsfp_dd_device_handler::VDM_init() {
 bool qsfp_dd_device_handler::_VDM_init() {
     if (vdm_supported_) return *vdm_supported_;
     vdm_.clear();
-    const std::uint8_t advertising = reg_map_->read_register(cmis::vdm_map::advertisement_address);
-    if (!paging_ || !(advertising & cmis::vdm_map::advertisement_bit)) {
+    // A flat-memory module has no page 01h to advertise anything.
+    const std::uint8_t advertising =
+        paging_ ? reg_map_->read_register(cmis::vdm_map::advertisement_address) : 0;
+    if (!(advertising & cmis::vdm_map::advertisement_bit)) {
         MSG_LOG(msg_log::info, init_tag())
             << "VDM not supported! Advertising: 0x" << fmt::format("{:02X}", advertising);
         vdm_supported_ = false;

@@ -195,19 +195,27 @@ TEST_F(VdmHandler, FlagsOfPositionsZeroAndOneComeFromTheLowNibbleOfTheFirstByte)
 }
 
 TEST_F(VdmHandler, AModuleWithoutVdmServesNoNodeAndSaysSoOnce) {
-    insert("qsfpdd_400zr");
-    auto h = handler("EMU-QDD-400G-ZR");
-    EXPECT_EQ(h->register_VDM_nodes(), 0u);
-    EXPECT_EQ(h->register_VDM_nodes(), 0u);
-    EXPECT_FALSE(h->VDM_init());
-    expect_logged("VDM", {"VDM not supported! Advertising: 0x04"});
-    for (const auto& row : cmis::cmis5_vdm_observables())
-        EXPECT_EQ(db.find("qsfp/data/" + std::string(row.node)), nullptr) << row.node;
-    EXPECT_EQ(error_of([&] {
-                  h->get_VDM_sample_float(VDM_observable_types::pre_fec_ber_cur_host,
-                                          VDM_sample_type::sample, 1.0);
-              }).text(),
-              "Type not implemented");
+    // The 400ZR (CMIS 4.0) advertises page 03h only; a flat-memory cable has no page 01h at all.
+    const std::pair<const char*, const char*> modules[] = {
+        {"qsfpdd_400zr", "EMU-QDD-400G-ZR"},
+        {"qsfpdd_dac_fithonteng_flat", "CU4EP54-01000-EF"},
+    };
+    for (const auto& [profile, part] : modules) {
+        insert(profile);
+        auto h = handler(part);
+        EXPECT_EQ(h->register_VDM_nodes(), 0u) << profile;
+        EXPECT_EQ(h->register_VDM_nodes(), 0u) << profile;
+        EXPECT_FALSE(h->VDM_init()) << profile;
+        for (const auto& row : cmis::cmis5_vdm_observables())
+            EXPECT_EQ(db.find("qsfp/data/" + std::string(row.node)), nullptr) << row.node;
+        EXPECT_EQ(error_of([&] {
+                      h->get_VDM_sample_float(VDM_observable_types::pre_fec_ber_cur_host,
+                                              VDM_sample_type::sample, 1.0);
+                  }).text(),
+                  "Type not implemented");
+    }
+    expect_logged("VDM",
+                  {"VDM not supported! Advertising: 0x04", "VDM not supported! Advertising: 0x00"});
 }
 
 TEST_F(VdmHandler, ATypeTheModuleDoesNotListIsNotImplemented) {
