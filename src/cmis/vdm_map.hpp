@@ -134,8 +134,8 @@ class vdm_map {
     }
     // Page 2Ch from byte 128, a nibble per map position.
     static cage::flat_address flag_address(unsigned p) { return (p >> 1) + flags_address; }
-    // Positions 0 and 1 read the low nibble of the first byte, every other the high nibble of
-    // its byte. That is the rule modules in the field were qualified with, so it stays as it is.
+    // Deliberately not the even/odd split of the flag page: positions 0 and 1 read the low
+    // nibble of the first byte, every other position the high nibble of its byte.
     static std::uint8_t flag_nibble(unsigned p, std::uint8_t byte) {
         return p < 2 ? byte & 0x0F : byte >> 4;
     }
