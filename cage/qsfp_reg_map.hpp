@@ -693,6 +693,11 @@ class qsfp_reg_map {
 
     // Raw access at a flat address; write_register changes only the bits in `mask`.
     std::uint8_t read_register(flat_address address) { return device_.read_byte(address); }
+    // `length` bytes from a flat address into `buffer`, one transaction while they stay within
+    // one page (bank 0).
+    void read_bank_register(flat_address address, std::size_t length, std::uint8_t* buffer) {
+        device_.i2c_read(address, std::span<std::uint8_t>(buffer, length));
+    }
     void write_register(flat_address address, std::uint8_t data, std::uint8_t mask = 0xFF);
 
     // The field kinds.

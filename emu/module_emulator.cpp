@@ -118,6 +118,7 @@ module_emulator::module_emulator(module_profile profile, std::shared_ptr<clock> 
     if (coherent_module::applies_to(profile_))
         coherent_ = std::make_unique<coherent_module>(*this, mutex_, clock_,
                                                       profile_.coherent.value_or(coherent_model{}));
+    vdm_ = vdm_pages::install(*this);
 }
 
 module_emulator::~module_emulator() = default;

@@ -16,6 +16,7 @@
 #include "clock.hpp"
 #include "module_memory.hpp"
 #include "module_profile.hpp"
+#include "vdm_pages.hpp"
 
 namespace qsfpd::emu {
 
@@ -125,6 +126,9 @@ class module_emulator {
     // Brings state machine, flaps and monitors up to the clock's now().
     void service();
 
+    // The VDM pages and page C8h of a CMIS 5 profile that has them (fault injection), else null.
+    vdm_pages* vdm() { return vdm_.get(); }
+
     // The engineering value a monitor shows at `tick` (monitor periods since the last restart);
     // exposed so tests can compare against the registers.
     enum class sensor : unsigned { temperature, vcc, bias, tx_power, rx_power };
@@ -232,6 +236,7 @@ class module_emulator {
     std::unique_ptr<coherent_module> coherent_;
     bool sfp_tx_disable_ = false;
     bool sfp_rate_select_ = false;
+    std::unique_ptr<vdm_pages> vdm_;
 };
 
 }  // namespace qsfpd::emu

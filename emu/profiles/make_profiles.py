@@ -731,6 +731,75 @@ def zr_plus():
     return profile
 
 
+def f16(value):
+    """CMIS F16: mantissa (bits 10-0) x 10^(exponent (bits 15-11) - 24), smallest exponent that
+    fits, as the emulator encodes it."""
+    if value <= 0:
+        return 0
+    for exponent in range(32):
+        mantissa = round(value / 10.0 ** (exponent - 24))
+        if mantissa <= 2047:
+            return exponent << 11 | mantissa
+    return 0xFFFF
+
+
+# VDM observables of a CMIS 5 coherent module, by group: (type ID, threshold-set ID). Group 1
+# laser, modulator and DSP observables; group 2 FEC statistics, media and host.
+VDM_GROUPS = [
+    [(1, 0), (2, 1), (3, 2), (4, 3), (5, 4), (7, 5), (128, 6), (129, 6), (130, 6), (131, 6),
+     (132, 7), (133, 7), (137, 8), (142, 9), (143, 10), (144, 11), (145, 11), (147, 12),
+     (148, 13), (149, 14)],
+    [(8, 0), (6, 1)] + [(t, 2 if t < 17 and t % 2 else 3 if t < 17 else 4 if t < 25 and t % 2
+                         else 5 if t < 25 else 6) for t in range(9, 27)],
+]
+# Threshold sets per group (high alarm, low alarm, high warning, low warning) as register values:
+# LSBs of the CMIS VDM table (S16/U16 units, F16 encoded).
+PCT_S = 32767 / 100
+PCT_U = 65535 / 100
+VDM_THRESHOLDS = [
+    {0: (90, 0, 80, 0), 1: (90 * PCT_S, -90 * PCT_S, 80 * PCT_S, -80 * PCT_S),
+     2: (180, -180, 150, -150), 3: (75 * 256, 10 * 256, 70 * 256, 15 * 256),
+     4: (60 * 256, 10 * 256, 55 * 256, 12 * 256), 5: (60 * 256, 10 * 256, 55 * 256, 12 * 256),
+     6: (95 * PCT_U, 5 * PCT_U, 90 * PCT_U, 10 * PCT_U),
+     7: (95 * PCT_U, 5 * PCT_U, 90 * PCT_U, 10 * PCT_U), 8: (50000, 0, 40000, 0),
+     9: (30 * PCT_U, 0, 25 * PCT_U, 0), 10: (300, -1800, 200, -1600),
+     11: (300, -2500, 0, -2200), 12: (400, 80, 350, 100),
+     13: (90 * PCT_S, -90 * PCT_S, 80 * PCT_S, -80 * PCT_S), 14: (500, 0, 400, 0)},
+    {0: (60 * 256, 10 * 256, 55 * 256, 12 * 256), 1: (60 * 256, 10 * 256, 55 * 256, 12 * 256),
+     2: (f16(1e-2), 0, f16(5e-3), 0), 3: (f16(1e-5), 0, f16(1e-6), 0),
+     4: (f16(1e-6), 0, f16(1e-8), 0), 5: (f16(1e-6), 0, f16(1e-8), 0)},
+]
+
+
+def with_vdm(profile):
+    """CMIS 5 VDM on a profile: page 01h byte 142 bit 6 (checksum 255 again), descriptors 20h-21h
+    (byte 2n threshold-set ID bits 7-4 and lane - 1 bits 3-0, byte 2n+1 type), samples 24h-25h and
+    flags 2Ch (the emulator's), thresholds 28h-29h, masks 2Dh (writable), 2Fh: 128 groups
+    supported minus one, 144 bit 7 freeze request (writable); and the CMIS 5 coherent page C8h
+    (fault flags, post-FEC BER; the emulator's)."""
+    pages = profile["pages"]
+    p01 = list(bytes.fromhex(pages["01"]))
+    p01[142 - 128] |= 0x40
+    p01[255 - 128] = csum(p01, 130, 254)
+    pages["01"] = hexs(p01)
+    for group, observables in enumerate(VDM_GROUPS):
+        desc, limits = zeros(), zeros()
+        for slot, (kind, tset) in enumerate(observables):
+            put(desc, 128 + 2 * slot, [tset << 4, kind])
+        for tset, values in VDM_THRESHOLDS[group].items():
+            thresholds(limits, 128 + 8 * tset, values)
+        pages[f"{0x20 + group:02X}"] = hexs(desc)
+        pages[f"{0x24 + group:02X}"] = hexs(zeros())
+        pages[f"{0x28 + group:02X}"] = hexs(limits)
+    control = zeros()
+    put(control, 128, [len(VDM_GROUPS) - 1])
+    pages.update({"2C": hexs(zeros()), "2D": hexs(zeros()), "2F": hexs(control),
+                  "C8": hexs(zeros())})
+    profile["writable"] += [{"page": "2D", "from": 128, "to": 255},
+                            {"page": "2F", "from": 144, "to": 144}]
+    return profile
+
+
 # --- QSFP-to-SFP converter ------------------------------------------------------------------
 
 def converter_sfp_sr():
@@ -765,7 +834,7 @@ if __name__ == "__main__":
     for stem, build in [("qsfp28_100g_lr4", lr4), ("qsfp28_100g_cwdm4", cwdm4),
                         ("qsfp28_100g_fr1_pam4", fr1_pam4), ("qsfp28_100g_sr2_pam4", sr2_pam4),
                         ("qsfp28_100g_dwdm4", dwdm4), ("qsfpplus_dac_passive", dac),
-                        ("qsfpdd_400g_fr4", fr4), ("qsfpdd_400zr", zr), ("qsfpdd_400zr_plus", zr_plus),
+                        ("qsfpdd_400g_fr4", fr4), ("qsfpdd_400zr", zr), ("qsfpdd_400zr_plus", lambda: with_vdm(zr_plus())),
                         ("qsfpdd_400g_dr4_avago", dr4_avago),
                         ("qsfpdd_400g_dr4_innolight", dr4_innolight),
                         ("qsfpdd_400g_cr8_amphenol", cr8_amphenol),

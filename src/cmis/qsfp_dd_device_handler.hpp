@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <unordered_map>
 
@@ -13,6 +14,8 @@
 #include "app_code_tables.hpp"
 #include "application_list_file.hpp"
 #include "qsfp_device_handler.hpp"
+#include "vdm_map.hpp"
+#include "vdm_observables.hpp"
 
 // What every CMIS module (QSFP-DD, QSFP with CMIS) has: the advertised applications and their
 // selection, module and lane transmitter enable, the RX output equalisation controls, auto
@@ -95,6 +98,28 @@ class qsfp_dd_device_handler : public qsfp_device_handler {
     // The decoded applications, for subclasses and tests.
     std::map<unsigned, applicationList_t> application_map();
 
+    // VDM (versatile diagnostics). VDM_init reads the module's observable list (once: later calls
+    // keep it) and says whether the module has VDM; the getters decode a sample or threshold of
+    // an observable times `scale`, refused with "Type not implemented" for a type the module
+    // does not list. Samples and flags are read a page at a time and kept for one refresh
+    // period (VDM_refresh starts a new one).
+    using VDM_observable_types = qsfpd::cmis::VDM_observable_types;
+    using VDM_sample_type = qsfpd::cmis::VDM_sample_type;
+    bool VDM_init();
+    void VDM_refresh();
+    double get_VDM_sample_float(VDM_observable_types type, VDM_sample_type sample_type,
+                                double scale);
+    double get_VDM_sample_int(VDM_observable_types type, VDM_sample_type sample_type, double scale);
+    double get_VDM_sample_unsigned(VDM_observable_types type, VDM_sample_type sample_type,
+                                   double scale);
+    unsigned get_VDM_flags(VDM_observable_types type);
+    unsigned get_VDM_mask(VDM_observable_types type);
+    void set_VDM_mask(VDM_observable_types type, unsigned value);
+    // Publishes "data/" + name and its flag and threshold siblings for every row whose type the
+    // module lists; returns how many rows were published (none without VDM).
+    std::size_t register_VDM_nodes(
+        std::span<const qsfpd::cmis::vdm_observable> rows = qsfpd::cmis::cmis5_vdm_observables());
+
   protected:
     unsigned _get_cmis_major_version();
     std::string _get_cmis();
@@ -119,6 +144,16 @@ class qsfp_dd_device_handler : public qsfp_device_handler {
     void _apply_config();
 
     bool _page_implemented(unsigned page, unsigned bank) override;
+
+    bool _VDM_init();
+    double _get_VDM_sample_float(VDM_observable_types type, VDM_sample_type sample_type,
+                                 double scale);
+    double _get_VDM_sample_int(VDM_observable_types type, VDM_sample_type sample_type,
+                               double scale);
+    double _get_VDM_sample_unsigned(VDM_observable_types type, VDM_sample_type sample_type,
+                                    double scale);
+    unsigned _get_VDM_flags(VDM_observable_types type);
+    unsigned _get_VDM_mask(VDM_observable_types type);
     unsigned _banks_supported() override;
 
     // The decoded application `number`, or null; the caller holds the handler lock.
@@ -143,6 +178,9 @@ class qsfp_dd_device_handler : public qsfp_device_handler {
     void check_rx_output(bool supported, const char* what, const char* name, unsigned id,
                          unsigned min, unsigned max);
     void require_paging(const char* what) const;
+    double VDM_sample(VDM_observable_types type, VDM_sample_type sample_type, double scale,
+                      qsfpd::cmis::VDM_format format);
+    const qsfpd::cmis::VDM_position& VDM_position_of(VDM_observable_types type) const;
 
     std::map<std::string, unsigned, std::less<>> service_map_;
     std::unordered_map<unsigned, applicationList_t> app_map_;
@@ -157,6 +195,9 @@ class qsfp_dd_device_handler : public qsfp_device_handler {
     bool return_to_high_power_;
     bool paging_ = false;
     unsigned lane_count_ = 1;
+    // Empty until VDM_init has run; then whether the module has VDM.
+    std::optional<bool> vdm_supported_;
+    qsfpd::cmis::vdm_map vdm_;
 
     std::shared_ptr<dh::api::const_value<unsigned>> lanes_node_;
     std::shared_ptr<dh::api::const_value<bool>> pre_cursor_supported_node_;

@@ -135,8 +135,8 @@ TEST_F(EmuService, ADaemonReachesTheCagesThroughTheSocketsAndBadRequestsAreRefus
     ASSERT_EQ(ctl({"insert", "0", "qsfp28_100g_lr4"}), "0 true");
     EXPECT_EQ(ctl({"fault", R"({"cage":0,"kind":"sideways"})"}),
               "1 qsfp-emu ctl: Invalid params: 'kind' must be nack, errno, at, flap, stick, "
-              "module_fault, no_low_power, stall_dp_init, stall_tuning, lock_flap or clear "
-              "(error -32602)");
+              "module_fault, no_low_power, stall_dp_init, stall_tuning, lock_flap, coherent or "
+              "clear (error -32602)");
     EXPECT_EQ(ctl({"frobnicate"}), "2 qsfp-emu ctl: unknown method frobnicate");
     EXPECT_EQ(ctl({"pins", "0", "extra"}), "2 qsfp-emu ctl: too many arguments for pins");
     std::ostringstream sink;
@@ -181,6 +181,34 @@ TEST_F(EmuService, CoherentFaultsAndBerValuesAreSetThroughTheControlSocket) {
     clock->advance(5s);
     EXPECT_EQ(module.cmis_module_state(), cage::cmis_module_state::low_pwr);
     EXPECT_EQ(coherent.locks(), 0x00);
+}
+
+TEST_F(EmuService, CoherentFaultFlagsAreSetAndClearedPerBank) {
+    ASSERT_EQ(ctl({"insert", "0", "qsfpdd_400zr_plus"}), "0 true");
+    clock->advance(10s);
+    auto qsfp0 = open_cage(0);
+    auto faults = [&](std::uint8_t bank) {
+        qsfp0.i2c_write(0x50, 126, bytes{bank, 0xC8});
+        bytes b(1);
+        qsfp0.i2c_read(0x50, 128, b);
+        return int{b[0]};
+    };
+    EXPECT_EQ(ctl({"fault", R"({"cage":0,"kind":"coherent","flag":"rx_local"})"}), "0 true");
+    EXPECT_EQ(ctl({"fault", R"({"cage":0,"kind":"coherent","flag":"tx_remote","bank":1})"}),
+              "0 true");
+    EXPECT_EQ(faults(0), 0x08);
+    EXPECT_EQ(faults(1), 0x01);
+    EXPECT_EQ(ctl({"fault", R"({"cage":0,"kind":"coherent","flag":"rx_local","on":false})"}),
+              "0 true");
+    EXPECT_EQ(faults(0), 0x00);
+    EXPECT_EQ(ctl({"fault", R"({"cage":0,"kind":"clear"})"}), "0 true");
+    EXPECT_EQ(faults(1), 0x00);
+    EXPECT_EQ(ctl({"fault", R"({"cage":0,"kind":"coherent","flag":"sideways"})"}),
+              "1 qsfp-emu ctl: Invalid params: 'flag' must be tx_remote, tx_local, rx_remote or "
+              "rx_local (error -32602)");
+    ASSERT_EQ(ctl({"insert", "1", "qsfpdd_400zr"}), "0 true");
+    EXPECT_EQ(ctl({"fault", R"({"cage":1,"kind":"coherent","flag":"rx_local"})"}),
+              "1 qsfp-emu ctl: The module has no page C8h (error -95)");
 }
 
 }  // namespace

@@ -38,7 +38,11 @@ std::string ctl_usage() {
            "  ber CAGE [PRE_FEC [PRBS]]  a coherent module's BERs (e.g. 2e-4); shows them\n"
            "  fault CAGE KIND            or any method with one JSON object of params, e.g.\n"
            "  fault "
-           "'{\"cage\":3,\"kind\":\"flap\",\"flag\":\"rx_los\",\"lane\":0,\"pattern\":\"1100\"}'\n";
+           "'{\"cage\":3,\"kind\":\"flap\",\"flag\":\"rx_los\",\"lane\":0,\"pattern\":\"1100\"}'\n"
+           "  fault "
+           "'{\"cage\":3,\"kind\":\"coherent\",\"flag\":\"rx_local\",\"bank\":0,\"on\":true}'\n"
+           "  (CMIS 5 coherent fault flags of page C8h: tx_remote, tx_local, rx_remote, "
+           "rx_local)\n";
 }
 
 int run_ctl(const std::vector<std::string>& args_in, std::ostream& out, std::ostream& err) {

@@ -104,6 +104,18 @@ lane_flag flag_named(const std::string& name) {
     invalid("'flag' must be tx_fault, tx_los, tx_lol, rx_los or rx_lol");
 }
 
+coherent_fault coherent_fault_named(const std::string& name) {
+    static const std::pair<const char*, coherent_fault> names[] = {
+        {"tx_remote", coherent_fault::tx_remote},
+        {"tx_local", coherent_fault::tx_local},
+        {"rx_remote", coherent_fault::rx_remote},
+        {"rx_local", coherent_fault::rx_local},
+    };
+    for (const auto& [text, fault] : names)
+        if (name == text) return fault;
+    invalid("'flag' must be tx_remote, tx_local, rx_remote or rx_local");
+}
+
 }  // namespace
 
 emu_service::emu_service(options opts, std::shared_ptr<clock> clk)
@@ -266,6 +278,7 @@ std::string emu_service::control(const std::string& method, const rapidjson::Val
                 m->ignore_low_power_requests(false);
                 m->hold_data_path_init(false);
                 if (auto* coherent = m->coherent()) coherent->clear_faults();
+                if (auto* pages = m->vdm()) pages->clear_faults();
             }
         } else {
             auto* module = c.module();
@@ -309,10 +322,19 @@ std::string emu_service::control(const std::string& method, const rapidjson::Val
                     locks == "rx"   ? 0x01
                     : locks == "tx" ? 0x02
                                     : 0x03);
+            } else if (kind == "coherent") {
+                // CMIS 5 coherent fault flags of page C8h, one bank of 8 host lanes.
+                auto* pages = module->vdm();
+                if (pages == nullptr) throw dh_error(-ENOTSUP, "The module has no page C8h");
+                const auto* on = find(params, "on");
+                if (on != nullptr && !on->IsBool()) invalid("'on' must be true or false");
+                pages->set_fault(uint_param(params, "bank", 3, 0u),
+                                 coherent_fault_named(string_param(params, "flag")),
+                                 on == nullptr || on->GetBool());
             } else {
                 invalid(
                     "'kind' must be nack, errno, at, flap, stick, module_fault, no_low_power, "
-                    "stall_dp_init, stall_tuning, lock_flap or clear");
+                    "stall_dp_init, stall_tuning, lock_flap, coherent or clear");
             }
         }
         return "true";
