@@ -311,7 +311,8 @@ void coherent_module::on_tx_target_write() {
 }
 
 void coherent_module::on_threshold_write(std::uint8_t offset) {
-    // Each threshold has its bounds (maximum, minimum); a warning shares its alarm's.
+    // Each alarm threshold has its bounds (maximum, minimum); a warning has none: the host keeps
+    // it inside its alarm, which may put it just beyond the alarm's bounds.
     struct bounds {
         std::uint8_t max, min;
     };
@@ -325,12 +326,14 @@ void coherent_module::on_threshold_write(std::uint8_t offset) {
             b = {186, 188};
             break;
         case 168:
-        case 170:
             b = {190, 192};
             break;
         case 172:
-        case 174:
             b = {194, 196};
+            break;
+        case 170:
+        case 174:
+            b = {0, 0};
             break;
         default:
             b = {198, 200};
@@ -339,7 +342,8 @@ void coherent_module::on_threshold_write(std::uint8_t offset) {
     auto& m = mem();
     const auto v = s16_at(m, dsp, reg);
     const unsigned index = reg - thresholds_first;
-    if (v > s16_at(m, dsp, b.max) || v < s16_at(m, dsp, b.min)) {
+    const bool bounded = b.max != 0;
+    if (bounded && (v > s16_at(m, dsp, b.max) || v < s16_at(m, dsp, b.min))) {
         m.poke(dsp, reg, thresholds_[index]);
         m.poke(dsp, static_cast<std::uint8_t>(reg + 1), thresholds_[index + 1]);
     } else {

@@ -142,6 +142,8 @@ class qsfp_dd_device_handler : public qsfp_device_handler {
     void _set_application_code(unsigned code, const std::string& service);
     // A data-path re-init with the staged control set, the module held in low power meanwhile.
     void _apply_config();
+    // Waits for the module to run the new configuration and logs when it does not.
+    void check_application_taken(unsigned code);
 
     bool _page_implemented(unsigned page, unsigned bank) override;
 
@@ -172,8 +174,6 @@ class qsfp_dd_device_handler : public qsfp_device_handler {
     // Holds the low-power line and waits up to 61 x 100 ms for ModuleLowPwr.
     void enter_low_power_for_reconfiguration();
     void leave_low_power_after_reconfiguration();
-    // Waits for the module to run the new configuration and logs when it does not.
-    void check_application_taken(unsigned code);
     const app_code_info_t* find_media_code(std::uint8_t encoding, unsigned id);
     void check_rx_output(bool supported, const char* what, const char* name, unsigned id,
                          unsigned min, unsigned max);

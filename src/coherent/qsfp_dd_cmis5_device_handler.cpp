@@ -88,6 +88,9 @@ void qsfp_dd_cmis5_device_handler::start() {
     group_node(volatile_value<&self_type::get_diff_group_delay>::create(
         db_, path("data/diffGroupDelay"), self));
     add_fec_nodes();
+    // The line and host statistics this module gives through VDM, with their flags and
+    // thresholds.
+    register_VDM_nodes();
     add_custom_threshold_nodes();
     add_tx_power_nodes();
     add_admin_and_prbs_nodes();
@@ -125,6 +128,7 @@ bool qsfp_dd_cmis5_device_handler::check_local_remote_faults_flags(bool flag, un
 void qsfp_dd_cmis5_device_handler::run_periodic_tasks() {
     qsfp_dd_coherent_device_handler::run_periodic_tasks();
     auto lock = lock_handler();
+    VDM_refresh();
     const std::string tag = info_tag();
     bool rx_remote_fault = false;
     bool rx_local_fault = false;

@@ -91,9 +91,8 @@ std::string stream_text(float v) {
     return out.str();
 }
 
-// A new reading of a counter that only grows (until the module restarts it): the increase.
-std::uint64_t increase(std::uint64_t last, std::uint64_t now) {
-    return now >= last ? now - last : now;
+double seconds_between(qsfpd::clock::time_point from, qsfpd::clock::time_point to) {
+    return std::chrono::duration<double>(to - from).count();
 }
 
 }  // namespace
@@ -110,17 +109,24 @@ qsfp_dd_coherent_device_handler::qsfp_dd_coherent_device_handler(
       alarms_(1, 99.0, clock) {
     auto lock = lock_handler();
     module_access([&] {
-        const auto& app = _get_current_application_info();
-        media_lanes_ = static_cast<std::uint8_t>(std::clamp<unsigned>(app.media_lane_count, 1, 8));
-        host_lanes_ = std::clamp<unsigned>(app.host_lane_count, 1, 8);
         // The module says itself what it lets the host set: the DSP's capability byte for the
         // custom RX power alarm thresholds, and a non-empty programmable range of page 04h for
         // the output power.
         rx_pwr_alarm_custom_supported_ =
             (reg_map_->get_dd_dsp_capabilities() & custom_thresholds_capability) != 0;
-        tx_power_settable_ =
-            reg_map_->get_dd_support_laser_capabilities() &&
-            reg_map_->get_dd_min_tx_prog_out_pwr() < reg_map_->get_dd_max_tx_prog_out_pwr();
+        tx_power_settable_ = reg_map_->get_dd_support_laser_capabilities() &&
+                             reg_map_->get_dd_min_tx_prog_out_pwr() <
+                                 reg_map_->get_dd_max_tx_prog_out_pwr();
+    });
+}
+
+void qsfp_dd_coherent_device_handler::read_line_shape() {
+    auto lock = lock_handler();
+    // The lanes of the running application, once the base has decoded the advertisement.
+    module_access([&] {
+        const auto& app = _get_current_application_info();
+        media_lanes_ = static_cast<std::uint8_t>(std::clamp<unsigned>(app.media_lane_count, 1, 8));
+        host_lanes_ = std::clamp<unsigned>(app.host_lane_count, 1, 8);
     });
     alarms_ = optical_alarms(media_lanes_, -std::numeric_limits<double>::infinity(), clock_);
     prbs_ = std::make_unique<prbs_test>(
@@ -129,9 +135,21 @@ qsfp_dd_coherent_device_handler::qsfp_dd_coherent_device_handler(
 
 qsfp_dd_coherent_device_handler::~qsfp_dd_coherent_device_handler() = default;
 
+void qsfp_dd_coherent_device_handler::counter_rate::take(std::uint64_t value, double seconds) {
+    if (seen) {
+        // A counter only grows until the module restarts it: then the new value is the increase.
+        const std::uint64_t delta = value >= last ? value - last : value;
+        accumulated += delta;
+        if (seconds > 0) per_sec = static_cast<std::uint64_t>(static_cast<double>(delta) / seconds);
+    }
+    last = value;
+    seen = true;
+}
+
 // --- Node groups --------------------------------------------------------------------------------
 
 void qsfp_dd_coherent_device_handler::add_head_nodes() {
+    read_line_shape();
     using self_type = qsfp_dd_coherent_device_handler;
     const auto self = std::static_pointer_cast<self_type>(shared_from_this());
     group_node(volatile_value<&self_type::get_fake_temperature>::create(
@@ -414,7 +432,8 @@ void qsfp_dd_coherent_device_handler::add_admin_and_prbs_nodes() {
 }
 
 void qsfp_dd_coherent_device_handler::finish_start(const std::string& warm_text,
-                                                   const std::string& cold_text) {
+                                                   const std::string& cold_text,
+                                                   bool start_polling) {
     const auto self = shared_from_this();
     oper_status_node_ =
         keep_node(status_value<std::string>::create(db_, path("data/operStatus"), self, "down"));
@@ -433,7 +452,7 @@ void qsfp_dd_coherent_device_handler::finish_start(const std::string& warm_text,
     }
     keep_node(
         const_value<bool>::create(db_, path("data/debug/isWarmStarted"), self, warm_started_));
-    activate_value_group();
+    if (start_polling) activate_value_group();
     set_dh_ready(true);
 }
 
@@ -498,8 +517,8 @@ void qsfp_dd_coherent_device_handler::set_frequency(double mhz) {
     });
 }
 
-void qsfp_dd_coherent_device_handler::_set_frequency(double mhz) {
-    if (mhz == static_cast<double>(reg_map_->get_dd_current_freq())) return;
+void qsfp_dd_coherent_device_handler::_set_frequency(double mhz, bool force) {
+    if (!force && mhz == static_cast<double>(reg_map_->get_dd_current_freq())) return;
     MSG_LOG(msg_log::info, config_tag())
         << "Setting frequency to " << mhz << " on " << module_name();
     assert_low_power_pin(true);
@@ -584,7 +603,7 @@ void qsfp_dd_coherent_device_handler::set_grid_spacing(float ghz) {
             MSG_LOG(msg_log::info, config_tag())
                 << "Re-calculation of frequency: " << fmt::format("{:f}", *configured_frequency_)
                 << " gridSpacing: " << ghz;
-            _set_frequency(*configured_frequency_);
+            _set_frequency(*configured_frequency_, true);
         }
         release_pin_if_admin_up();
     });
@@ -637,9 +656,10 @@ double qsfp_dd_coherent_device_handler::rx_low_alarm_threshold(unsigned gbps) co
                                             : coherent::thresholds_of_rate(gbps).los;
 }
 
-void qsfp_dd_coherent_device_handler::publish_rate_thresholds() {
+void qsfp_dd_coherent_device_handler::publish_rate_thresholds(std::optional<unsigned> gbps) {
     auto lock = lock_handler();
-    const unsigned rate = read_for("get_current_bitrate", [&] { return current_bitrate(); });
+    const unsigned rate =
+        gbps ? *gbps : read_for("get_current_bitrate", [&] { return current_bitrate(); });
     const auto t = coherent::thresholds_of_rate(rate);
     los_threshold_dbm_ = t.los;
     if (rx_low_alarm_threshold_node_)
@@ -691,8 +711,11 @@ void qsfp_dd_coherent_device_handler::select_application(
             throw;
         }
         release_pin_if_admin_up();
+        // Running, the module must show the new application; held in low power it runs it
+        // once the port comes up.
+        if (admin_up_) check_application_taken(chosen->app_sel);
     });
-    publish_rate_thresholds();
+    publish_rate_thresholds(chosen->media.Bitrate);
 }
 
 std::string qsfp_dd_coherent_device_handler::get_application() {
@@ -1105,19 +1128,9 @@ void qsfp_dd_coherent_device_handler::run_periodic_tasks() {
 void qsfp_dd_coherent_device_handler::read_fec_counters(qsfpd::clock::time_point now) {
     auto& g = groups_[0];
     const auto counters = reg_map_->get_dd_fec_counters();
-    const auto seconds =
-        g.read_once ? std::chrono::duration_cast<std::chrono::seconds>(now - g.read_at).count() : 0;
-    const auto update = [&](counter_rate& r, std::uint64_t value) {
-        if (r.seen) {
-            const auto delta = increase(r.last, value);
-            r.accumulated += delta;
-            if (seconds > 0) r.per_sec = delta / static_cast<std::uint64_t>(seconds);
-        }
-        r.last = value;
-        r.seen = true;
-    };
-    update(fec_corrected_, counters.corrected_bits);
-    update(fec_uncorrected_, counters.uncorrected_blocks);
+    const double seconds = g.read_once ? seconds_between(g.read_at, now) : 0.0;
+    fec_corrected_.take(counters.corrected_bits, seconds);
+    fec_uncorrected_.take(counters.uncorrected_blocks, seconds);
     fec_total_bits_ = counters.total_bits;
     g.read_at = now;
     g.read_once = true;
@@ -1127,7 +1140,9 @@ void qsfp_dd_coherent_device_handler::read_client_pm(unsigned page, qsfpd::clock
     auto& g = groups_[1 + page];
     const unsigned first = page * 4;
     const unsigned count = std::min(4u, host_lanes_ - std::min(host_lanes_, first));
+    const double seconds = g.read_once ? seconds_between(g.read_at, now) : 0.0;
     g.read_at = now;
+    g.read_once = true;
     if (count == 0) return;
     std::vector<qsfp_reg_map::client_pm> pm;
     try {
@@ -1138,9 +1153,6 @@ void qsfp_dd_coherent_device_handler::read_client_pm(unsigned page, qsfpd::clock
                 << "Failed to get TX pm bits on client: " << lane + 1 << " because: " << e.what();
         return;
     }
-    const auto seconds =
-        g.read_once ? std::chrono::duration_cast<std::chrono::seconds>(now - g.read_at).count() : 0;
-    g.read_once = true;
     for (unsigned i = 0; i < count; ++i) {
         const unsigned lane = first + i;
         const std::array<std::uint64_t, 4> values{pm[i].tx_bits, pm[i].tx_corr_bits,
@@ -1160,16 +1172,8 @@ void qsfp_dd_coherent_device_handler::read_client_pm(unsigned page, qsfpd::clock
                 r.seen = false;
             continue;
         }
-        for (unsigned k = 0; k < values.size(); ++k) {
-            auto& r = client_pm_[lane][k];
-            if (r.seen) {
-                const auto delta = increase(r.last, values[k]);
-                r.accumulated += delta;
-                if (seconds > 0) r.per_sec = delta / static_cast<std::uint64_t>(seconds);
-            }
-            r.last = values[k];
-            r.seen = true;
-        }
+        for (unsigned k = 0; k < values.size(); ++k)
+            client_pm_[lane][k].take(values[k], seconds);
     }
 }
 

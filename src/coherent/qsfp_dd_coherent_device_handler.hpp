@@ -173,8 +173,10 @@ class qsfp_dd_coherent_device_handler : public qsfp_dd_device_handler {
     void add_custom_threshold_nodes();
     void add_tx_power_nodes();
     void add_admin_and_prbs_nodes();
-    // Warm or cold start, the published start state, then polling and dhReady.
-    void finish_start(const std::string& warm_text, const std::string& cold_text);
+    // Warm or cold start, the published start state, then polling (unless a test holds it back)
+    // and dhReady.
+    void finish_start(const std::string& warm_text, const std::string& cold_text,
+                      bool start_polling = true);
 
     // Selects the first advertised application whose media side passes `wanted` (the module's
     // own list decides which code carries a rate), through low power.
@@ -182,7 +184,7 @@ class qsfp_dd_coherent_device_handler : public qsfp_dd_device_handler {
                             const std::function<bool(const applicationList_t&)>& wanted);
     // The RX thresholds of the current line rate, published again (application change, custom
     // LOS threshold).
-    void publish_rate_thresholds();
+    void publish_rate_thresholds(std::optional<unsigned> gbps = std::nullopt);
     double rx_low_alarm_threshold(unsigned gbps) const;
     // A register read of the given format; on failure the line of the failing getter and -99.
     double power_register(const char* getter, const std::function<std::uint16_t()>& read);
@@ -195,7 +197,11 @@ class qsfp_dd_coherent_device_handler : public qsfp_dd_device_handler {
     const std::string& log_source() const { return log_source_; }
 
   private:
-    void _set_frequency(double mhz);
+    // `force`: write the channel even when the frequency register already shows `mhz` (after a
+    // grid change, the old channel number means another frequency on the new grid).
+    void _set_frequency(double mhz, bool force = false);
+    // Media and host lane counts of the running application, and what depends on them.
+    void read_line_shape();
     void assert_low_power_pin(bool on);
     void release_pin_if_admin_up();
     // Reads the module state each 100 ms after asserting the pin; true once it shows
@@ -238,6 +244,8 @@ class qsfp_dd_coherent_device_handler : public qsfp_dd_device_handler {
         std::uint64_t accumulated = 0;
         std::uint64_t per_sec = 0;
         bool seen = false;
+        // A new reading `seconds` after the previous one (0: no rate from this pair).
+        void take(std::uint64_t value, double seconds);
     };
     struct counter_group {
         qsfpd::clock::time_point read_at{};
