@@ -114,6 +114,7 @@ module_emulator::module_emulator(module_profile profile, std::shared_ptr<clock> 
     : profile_(std::move(profile)), clock_(std::move(clk)) {
     restart(clock_->now());
     install_dsp_behaviour();
+    install_sfp_behaviour();
 }
 
 void module_emulator::install_dsp_behaviour() {
@@ -181,6 +182,7 @@ void module_emulator::build_memories() {
             }
             break;
         case module_family::sff8472_converter:
+            configure_sfp_memory();
             break;
     }
 }
@@ -403,6 +405,7 @@ void module_emulator::advance_sfp(clock::time_point now) {
     put(0x04, live_[static_cast<std::size_t>(lane_flag::tx_fault)][0]);
     put(0x02, live_[static_cast<std::size_t>(lane_flag::rx_los)][0]);
     mem.poke(lower, sfp_status_control, v);
+    advance_sfp_behaviour(now);
 }
 
 bool module_emulator::in_low_power() {
@@ -455,7 +458,7 @@ bool module_emulator::tx_on_now(unsigned lane) {
             return dp_[host].state == dp_state::activated;
         }
         case module_family::sff8472_converter: {
-            if (sfp_tx_disable_) return false;
+            if (sfp_tx_disable_ || sfp_tuning_) return false;
             return !memories_.contains(a2) ||
                    !(memories_.at(a2).peek(lower, sfp_status_control) & 0x40);
         }
