@@ -331,6 +331,31 @@ TEST_F(Converter, ATestPlugReportsAndSetsItsLoopback) {
     EXPECT_EQ(values("data/loopback"), "true");
 }
 
+// Maximum rate (Gbit/s) and border transfer function by A0h bytes 12 (nominal rate), 13 (rate
+// identifier) and 66 (the second nominal rate, 250 Mbit/s, when byte 12 is FFh).
+TEST_F(Converter, MaximumRateAndBorderTransferFunction) {
+    auto h = converter("qsa_sfpplus_10g_sr");
+    struct row {
+        std::uint8_t nominal, rate_id, nominal_2;
+        const char* expected;  // data/maxRateSupport data/borderTf
+    };
+    const row rows[] = {
+        {103, 0, 0, R"(10 "OC192-OC192")"},    {99, 0, 0, R"(9 "OC192-OC192")"},
+        {119, 0, 0, R"(11 "OC192-OC192")"},    {140, 0, 0, R"(14 "16GFC-16GFC")"},
+        {0xFF, 0, 100, R"(25 "25GbE-25GbE")"}, {85, 0, 0, R"(8 "unknown")"},
+        {85, 10, 0, R"(8 "8GFC-8GFC")"},       {85, 12, 0, R"(8 "8GFC-8GFC")"},
+        {140, 14, 0, R"(14 "8GFC-8GFC")"},     {140, 16, 0, R"(14 "16GFC-16GFC")"},
+        {103, 2, 0, R"(10 "unknown")"},
+    };
+    for (const auto& r : rows) {
+        module().poke({}, 12, r.nominal);
+        module().poke({}, 13, r.rate_id);
+        module().poke({}, 66, r.nominal_2);
+        EXPECT_EQ(values("data/maxRateSupport data/borderTf"), r.expected)
+            << int(r.nominal) << " " << int(r.rate_id) << " " << int(r.nominal_2);
+    }
+}
+
 TEST_F(Converter, PageDumpsOfA0hAndA2h) {
     auto h = converter("qsa_sfpplus_10g_tunable_dwdm");
     auto a0 = dump("data/pageDumpA0");
