@@ -134,6 +134,9 @@ TEST_F(qsfp_device_test, ready_follows_data_not_ready_for_sff8636_and_take_over_
     EXPECT_FALSE(device.i2c_is_ready());
     bus->set_byte(0, 0, 0x18);  // CMIS has no Data_Not_Ready: byte 2 bit 0 means nothing there
     EXPECT_TRUE(device.i2c_is_ready());
+    bus->set_byte(0, 0, 0x03);  // nor an SFP in a converter: byte 2 is its connector (07h LC)
+    bus->set_byte(0, 2, 0x07);
+    EXPECT_TRUE(device.i2c_is_ready());
     bus->fail_next(ENXIO);
     EXPECT_FALSE(device.i2c_is_ready());
     // Take-over moves the transport to a fresh device.
