@@ -431,12 +431,9 @@ class sfp_reg_map {
         write_tunable(sfp_field::channel_number_lsb, v);
     }
     std::uint8_t get_tunable_features() const { return read_tunable(sfp_field::tunable_features); }
-    bool get_tune_status_tuning() const {
-        return (read_tunable({sfp_field::tune_status_tuning.address}) &
-                sfp_field::tune_status_tuning.mask) != 0;
-    }
-    std::uint8_t get_tune_status() const {
-        return read_tunable({sfp_field::tune_status_tuning.address});
+    bool get_tune_status_tuning() const { return read_tunable_flag(sfp_field::tune_status_tuning); }
+    bool get_tune_status_unlocked() const {
+        return read_tunable_flag(sfp_field::tune_status_unlocked);
     }
     // Clears on read.
     std::uint8_t get_tune_latched() const { return read_tunable(sfp_field::tune_latched); }
@@ -444,6 +441,9 @@ class sfp_reg_map {
   private:
     std::uint32_t read_paged_word(std::uint8_t page, sfp_field::word_field f) const;
     std::uint8_t read_tunable(sfp_field::byte_field f) const;
+    bool read_tunable_flag(sfp_field::flag_field f) const {
+        return (read_tunable({f.address}) & f.mask) != 0;
+    }
     void write_tunable(sfp_field::byte_field f, std::uint8_t value) const;
     void select_tunable_page() const;
 
