@@ -202,12 +202,13 @@ void sfp_plus_optical_device_handler::run_periodic_tasks() {
             static_cast<std::uint16_t>(word(b[104 - block_first], b[105 - block_first])));
     }
     // The signals where the module drives them, else its soft status bits.
-    tx_fault_ = tx_fault_pin_ ? device_->sfp_tx_fault() : (status & status_tx_fault) != 0;
+    const bool tx_fault = tx_fault_pin_ ? device_->sfp_tx_fault() : (status & status_tx_fault) != 0;
     bool los = los_pin_ ? device_->sfp_los() : (status & status_rx_los) != 0;
     if (flags_.isLosWorkaround && diagnostics_) los = soft_los(rx_dbm);
+    tx_fault_ = tx_fault;
     los_ = los;
-    in.tx_fault = tx_fault_ ? 1 : 0;
-    in.rx_los = los_ ? 1 : 0;
+    in.tx_fault = tx_fault ? 1 : 0;
+    in.rx_los = los ? 1 : 0;
     in.total_rx_power_dbm = rx_dbm;
     alarms_.process(in, info_tag(), module_name_);
 }

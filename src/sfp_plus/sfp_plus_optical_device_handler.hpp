@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -75,8 +76,9 @@ class sfp_plus_optical_device_handler : public sfp_plus_device_handler {
     bool tx_fault_pin_ = false;
     bool los_pin_ = false;
     double los_threshold_dbm_ = -99.0;
-    bool los_ = false;
-    bool tx_fault_ = false;
+    // Written by the cycle, read by client threads.
+    std::atomic<bool> los_{false};
+    std::atomic<bool> tx_fault_{false};
     bool soft_los_state_ = false;
     optical_alarms alarms_;
 
