@@ -821,6 +821,33 @@ def converter_sfp_fc_nodom():
                         "tx_power_mw": none, "rx_power_mw": none})
 
 
+def converter_sfp_dac():
+    """Constructed on the Finisar SR image: a 3 m passive SFP+ direct-attach cable. SFF-8472:
+    connector 21h (copper pigtail), byte 8 bit 2 (passive cable), byte 18 length 3 m, bytes
+    60..61 the passive cable compliance (bit 0, SFF-8431 appendix E) instead of a wavelength, no
+    signals (byte 65 = 0) and no diagnostics (byte 92 = 0): nothing at 51h."""
+    src = "sff8472_sfpplus_10g_sr_finisar_ftlx8571d3bcl_auj0rcj.hex"
+    a0l, a0u, _ = sfp_dump(src)
+    put_text(a0l, 20, "QSFPD-EMU", 16, 0)
+    put_text(a0l, 40, "EMU-SFP-DAC-3M", 16, 0)
+    put_text(a0l, 68, "EMU0000000000012", 16, 0)
+    a0l[2] = 0x21
+    put(a0l, 3, [0] * 8, 0)
+    a0l[8] = 0x04
+    a0l[11] = 0x00  # encoding unspecified
+    a0l[14:20] = [0, 0, 0, 0, 3, 0]
+    put(a0l, 60, [0x01, 0x00, 0x00], 0)
+    a0l[64], a0l[65] = 0, 0
+    a0l[92], a0l[93], a0l[94] = 0, 0, 0
+    sff8472_sums(a0l)
+    none = {"nominal": 0, "noise": 0}
+    return sfp_profile("QSFP-to-SFP converter with a 3 m passive SFP+ cable (constructed)",
+                       "SFF-8472 A0h only behind a QSA: a direct-attach cable", src,
+                       {"a0:lower": a0l, "a0:00": a0u},
+                       {"seed": 8476, "temperature_c": none, "vcc_v": none, "bias_ma": none,
+                        "tx_power_mw": none, "rx_power_mw": none})
+
+
 if __name__ == "__main__":
     for stem, build in [("qsfp28_100g_lr4", lr4), ("qsfp28_100g_cwdm4", cwdm4),
                         ("qsfp28_100g_fr1_pam4", fr1_pam4), ("qsfp28_100g_sr2_pam4", sr2_pam4),
@@ -835,6 +862,7 @@ if __name__ == "__main__":
                         ("qsa_sfpplus_10g_lr", converter_sfp_lr),
                         ("qsa_sfpplus_10g_tunable_dwdm", converter_sfp_tunable_dwdm),
                         ("qsa_sfpplus_10g_voa", converter_sfp_voa),
-                        ("qsa_sfp_fc_brocade_nodom", converter_sfp_fc_nodom)]:
+                        ("qsa_sfp_fc_brocade_nodom", converter_sfp_fc_nodom),
+                        ("qsa_sfpplus_dac_passive", converter_sfp_dac)]:
         write(stem, build())
         print("wrote", stem)

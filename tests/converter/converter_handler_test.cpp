@@ -225,6 +225,10 @@ TEST_F(Converter, AnUnlistedSfpTakesTheUnsupportedPath) {
          {"Unsupported SFP device at qsfp3 inserted (vendor: BROCADE, part number: "
           "57-1000042-02).",
           "Unsupported SFP device qsfp3 is optical."}},
+        {"qsa_sfpplus_dac_passive",
+         {"Unsupported SFP device at qsfp3 inserted (vendor: QSFPD-EMU, part number: "
+          "EMU-SFP-DAC-3M).",
+          "Unsupported SFP device qsfp3 is a cable."}},
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.profile);
@@ -232,8 +236,13 @@ TEST_F(Converter, AnUnlistedSfpTakesTheUnsupportedPath) {
         auto h = converter(r.profile);
         EXPECT_FALSE(h->found_in_catalogue());
         expect_logged("Unsupported SFP device", r.lines);
+        const bool cable = std::string_view(r.profile) == "qsa_sfpplus_dac_passive";
         EXPECT_EQ(values("alarms/unsupported/severity inventory/sfpKind inventory/wdmType"),
-                  R"(1 "optical" "NONE")");
+                  cable ? R"(1 "passive" "NONE")" : R"(1 "optical" "NONE")");
+        if (cable) {
+            EXPECT_EQ(values("data/cableType data/cableLength inventory/wavelength"),
+                      R"("passive" 3 0.0)");
+        }
         ASSERT_NE(h->sfp_handler(), nullptr);
         h.reset();
     }
