@@ -23,6 +23,7 @@ constexpr std::uint8_t page_select_byte = 127;
 // SFF-8636 Table 6-2 (Status Indicators), lower page byte 2 bit 0: Data_Not_Ready.
 constexpr std::uint8_t status_byte = 2;
 constexpr std::uint8_t data_not_ready_bit = 0x01;
+constexpr std::uint8_t sfp_identifier = 0x03;  // SFF-8024: SFP/SFP+/SFP28
 
 // SFF-8472 Table 8-3, A0h byte 65 (Option Values).
 constexpr std::uint16_t sfp_options_address = 65;
@@ -225,7 +226,9 @@ bool qsfp_device::i2c_is_ready() {
         invalidate_cache();
         return false;
     }
-    if (memory_map_of(head[0]) == memory_map::sff8636 && (head[status_byte] & data_not_ready_bit))
+    // An SFP behind a converter (identifier 03h) has its connector code in byte 2, not a status.
+    if (memory_map_of(head[0]) == memory_map::sff8636 && head[0] != sfp_identifier &&
+        (head[status_byte] & data_not_ready_bit))
         return false;
     return true;
 }

@@ -119,6 +119,7 @@ module_emulator::module_emulator(module_profile profile, std::shared_ptr<clock> 
         coherent_ = std::make_unique<coherent_module>(*this, mutex_, clock_,
                                                       profile_.coherent.value_or(coherent_model{}));
     vdm_ = vdm_pages::install(*this);
+    install_sfp_behaviour();
 }
 
 module_emulator::~module_emulator() = default;
@@ -188,6 +189,7 @@ void module_emulator::build_memories() {
             }
             break;
         case module_family::sff8472_converter:
+            configure_sfp_memory();
             break;
     }
 }
@@ -412,6 +414,7 @@ void module_emulator::advance_sfp(clock::time_point now) {
     put(0x04, live_[static_cast<std::size_t>(lane_flag::tx_fault)][0]);
     put(0x02, live_[static_cast<std::size_t>(lane_flag::rx_los)][0]);
     mem.poke(lower, sfp_status_control, v);
+    advance_sfp_behaviour(now);
 }
 
 bool module_emulator::in_low_power() {
@@ -464,7 +467,7 @@ bool module_emulator::tx_on_now(unsigned lane) {
             return dp_[host].state == dp_state::activated;
         }
         case module_family::sff8472_converter: {
-            if (sfp_tx_disable_) return false;
+            if (sfp_tx_disable_ || sfp_tuning_) return false;
             return !memories_.contains(a2) ||
                    !(memories_.at(a2).peek(lower, sfp_status_control) & 0x40);
         }

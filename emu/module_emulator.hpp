@@ -183,6 +183,11 @@ class module_emulator {
     bool low_power_requested();
     void advance_sff8636(clock::time_point now);
     void advance_sfp(clock::time_point now);
+    // SFP tuning (SFF-8690) and attenuator behaviour, emu/sfp_behaviour.cpp.
+    bool sfp_tunable() const;
+    void configure_sfp_memory();
+    void install_sfp_behaviour();
+    void advance_sfp_behaviour(clock::time_point now);
     void apply_flap_step(flap_entry& f);
     void set_flag(lane_flag flag, unsigned lane, bool on);
     void refresh_monitors(clock::time_point now);
@@ -237,6 +242,10 @@ class module_emulator {
     bool sfp_tx_disable_ = false;
     bool sfp_rate_select_ = false;
     std::unique_ptr<vdm_pages> vdm_;
+    bool sfp_tuning_ = false;
+    clock::time_point sfp_tune_until_{};
+    bool sfp_voa_moving_ = false;
+    clock::time_point sfp_voa_until_{};
 };
 
 }  // namespace qsfpd::emu

@@ -299,6 +299,8 @@ module_profile module_profile::parse(std::string_view json, std::string_view ori
             else
                 fail(origin, "behaviour.unsupported_page", "must be reject or read_ff");
         }
+        p.sfp_tuning = ms_or(b, "sfp_tuning_ms", p.sfp_tuning, origin);
+        p.sfp_voa_settle = ms_or(b, "sfp_voa_settle_ms", p.sfp_voa_settle, origin);
     }
     if (auto it = doc.FindMember("monitors"); it != doc.MemberEnd()) {
         const auto& m = it->value;

@@ -89,6 +89,9 @@ struct module_profile {
     // Quirk seen on real CMIS modules: ApplyDPInit answers ConfigSuccess but the active control
     // set keeps its old content.
     bool config_success_keeps_old_active_set = false;
+    // SFP: how long a tunable SFP+ takes to move to a new channel, and an attenuator to settle.
+    std::chrono::milliseconds sfp_tuning{1500};
+    std::chrono::milliseconds sfp_voa_settle{0};  // 0: no attenuator
 
     monitor_model temperature_c{35.0, 0.5};
     monitor_model vcc_v{3.3, 0.01};

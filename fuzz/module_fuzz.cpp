@@ -26,6 +26,7 @@
 #include "qsfp_optical_1lane_pam4_device_handler.hpp"
 #include "qsfp_optical_1or2lane_device_handler.hpp"
 #include "qsfp_optical_4lane_device_handler.hpp"
+#include "qsfp_passive_converter_device_handler.hpp"
 #include "qsfp_reg_map.hpp"
 #include "sfp_reg_map.hpp"
 #include "transceiver_catalogue.hpp"
@@ -93,6 +94,11 @@ std::shared_ptr<qsfp_device_handler> build(handler_class cls, dh_db& db,
         case handler_class::optical_1lane_pam4:
             return make<qsfp_optical_1lane_pam4_device_handler>(db, device, vendor, part,
                                                                 description, flags, clock);
+        case handler_class::passive_converter:
+            // No SFP catalogue under the isolated root: the SFP takes the unsupported path and
+            // gets the optical or passive SFP+ handler its memory asks for.
+            return make<qsfp_passive_converter_device_handler>(db, device, vendor, part,
+                                                               description, flags, clock);
         default:
             return nullptr;
     }

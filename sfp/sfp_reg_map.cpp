@@ -88,3 +88,22 @@ void sfp_reg_map::write_tunable(sfp_field::byte_field f, std::uint8_t value) con
     select_tunable_page();
     write_byte(f, value);
 }
+
+std::array<std::uint8_t, sfp_field::cycle_block_length> sfp_reg_map::get_cycle_block() const {
+    std::array<std::uint8_t, sfp_field::cycle_block_length> block{};
+    device_->read(sfp_field::cycle_block, sfp_field::cycle_block_length, block.data());
+    return block;
+}
+
+std::uint32_t sfp_reg_map::read_paged_word(std::uint8_t page, sfp_field::word_field f) const {
+    device_->write(sfp_field::a2h_page_select, 1, &page);
+    return read_unsigned_register(f.address);
+}
+
+void sfp_reg_map::set_voa_attenuation(std::uint16_t hundredths_db) const {
+    const std::uint8_t page = sfp_field::voa_page;
+    device_->write(sfp_field::a2h_page_select, 1, &page);
+    const std::uint8_t bytes[2] = {static_cast<std::uint8_t>(hundredths_db >> 8),
+                                   static_cast<std::uint8_t>(hundredths_db & 0xFF)};
+    device_->write(sfp_field::voa_attenuation_set.address, 2, bytes);
+}

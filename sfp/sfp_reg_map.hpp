@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -75,8 +76,14 @@ inline constexpr flag_field tx_disable_implemented{65, 0x10};
 inline constexpr flag_field tx_fault_implemented{65, 0x08};
 inline constexpr flag_field los_inverted{65, 0x04};
 inline constexpr flag_field los_implemented{65, 0x02};
-inline constexpr flag_field diag_mon_int_calib{92, 0x20};  // Table 8-5
+inline constexpr flag_field diag_mon_implemented{92, 0x40};  // Table 8-5
+inline constexpr flag_field diag_mon_int_calib{92, 0x20};
 inline constexpr flag_field diag_mon_ext_calib{92, 0x10};
+inline constexpr flag_field soft_tx_disable_implemented{93, 0x40};  // Table 8-6
+inline constexpr byte_field sff8472_compliance{94};                 // Table 8-8
+inline constexpr byte_field connector{2};                           // SFF-8024 Table 4-3
+inline constexpr byte_field length_copper_m{18};                    // Table 4-1
+inline constexpr byte_field signaling_rate_max{66};  // Table 8-1: upper margin, % of byte 12
 
 // A2h diagnostics (SFF-8472 Table 9-5 thresholds, Table 9-11 live values).
 inline constexpr word_field temp_high_alarm_th{a2h + 0};
@@ -105,6 +112,19 @@ inline constexpr word_field tx_bias{a2h + 100};
 inline constexpr word_field tx_power{a2h + 102};
 inline constexpr word_field rx_power{a2h + 104};
 
+// A2h status bits of byte 110 (Table 9-11) and the alarm / warning flags (Table 9-12).
+inline constexpr flag_field status_tx_disable{a2h + 110, 0x80};
+inline constexpr flag_field status_tx_fault{a2h + 110, 0x04};
+inline constexpr flag_field status_rx_los{a2h + 110, 0x02};
+inline constexpr flag_field status_data_not_ready{a2h + 110, 0x01};
+inline constexpr flag_field temp_high_alarm_flag{a2h + 112, 0x80};
+inline constexpr flag_field temp_low_alarm_flag{a2h + 112, 0x40};
+inline constexpr flag_field temp_high_warn_flag{a2h + 116, 0x80};
+inline constexpr flag_field temp_low_warn_flag{a2h + 116, 0x40};
+// The block one monitoring cycle reads: monitors 96..105, status 110, flags 112..117.
+inline constexpr sfp_reg_t cycle_block = a2h + 96;
+inline constexpr unsigned cycle_block_length = 22;
+
 // A2h control bits (Table 9-11 byte 110, Table 10-1 byte 118).
 inline constexpr flag_field soft_tx_disable_select{a2h + 110, 0x40};
 inline constexpr flag_field soft_rs0_select{a2h + 110, 0x08};
@@ -117,6 +137,15 @@ inline constexpr flag_field test_rx_los{a2h + 73, 0x02};
 inline constexpr flag_field test_mod_abs{a2h + 73, 0x04};
 inline constexpr flag_field test_tristate{a2h + 73, 0x08};
 inline constexpr flag_field rs1_rs2_ignore{a2h + 73, 0x10};
+inline constexpr flag_field test_loopback{a2h + 73, 0x20};
+
+// Our VOA SFP+ (docs/sfp-voa.md): A2h page 00h bytes 248..255, SFF-8472's vendor-specific
+// control functions. Attenuation in 0.01 dB.
+inline constexpr std::uint8_t voa_page = 0x00;
+inline constexpr word_field voa_attenuation_set{a2h + 248};
+inline constexpr word_field voa_attenuation_actual{a2h + 250};
+inline constexpr word_field voa_attenuation_max{a2h + 252};
+inline constexpr flag_field voa_settling{a2h + 254, 0x01};
 
 // Tunable SFP+ (SFF-8690), A2h upper page 02h: selected through A2h byte 127.
 inline constexpr sfp_reg_t a2h_page_select = a2h + 127;
@@ -133,6 +162,15 @@ inline constexpr byte_field grid_space_ghz10_msb{a2h + 140};
 inline constexpr byte_field grid_space_ghz10_lsb{a2h + 141};
 inline constexpr byte_field channel_number_msb{a2h + 144};
 inline constexpr byte_field channel_number_lsb{a2h + 145};
+inline constexpr byte_field tunable_features{a2h + 128};  // bit 0: tuning by channel number
+inline constexpr word_field frequency_error{a2h + 152};   // signed, 0.1 GHz
+// Current status 168 and latched status 172 (SFF-8690 Table 3-3).
+inline constexpr flag_field tune_status_tec_fault{a2h + 168, 0x40};
+inline constexpr flag_field tune_status_unlocked{a2h + 168, 0x20};
+inline constexpr flag_field tune_status_tuning{a2h + 168, 0x10};  // TxTune
+inline constexpr byte_field tune_latched{a2h + 172};
+inline constexpr std::uint8_t tune_latched_bad_channel = 0x10;
+inline constexpr std::uint8_t tune_latched_new_channel = 0x08;
 
 }  // namespace sfp_field
 
@@ -231,6 +269,14 @@ class sfp_reg_map {
     bool get_tx_disable_implemented() const { return read_flag(sfp_field::tx_disable_implemented); }
     bool get_tx_fault_implemented() const { return read_flag(sfp_field::tx_fault_implemented); }
     bool get_los_implemented() const { return read_flag(sfp_field::los_implemented); }
+    bool get_diag_mon_implemented() const { return read_flag(sfp_field::diag_mon_implemented); }
+    bool get_soft_tx_disable_implemented() const {
+        return read_flag(sfp_field::soft_tx_disable_implemented);
+    }
+    std::uint8_t get_sff8472_compliance() const { return read_byte(sfp_field::sff8472_compliance); }
+    std::uint8_t get_connector() const { return read_byte(sfp_field::connector); }
+    std::uint8_t get_length_copper_m() const { return read_byte(sfp_field::length_copper_m); }
+    std::uint8_t get_signaling_rate_max() const { return read_byte(sfp_field::signaling_rate_max); }
     bool get_diag_mon_type__int_calib() const { return read_flag(sfp_field::diag_mon_int_calib); }
     bool get_diag_mon_type__ext_calib() const { return read_flag(sfp_field::diag_mon_ext_calib); }
 
@@ -304,6 +350,30 @@ class sfp_reg_map {
         return read_unsigned_register(sfp_field::rx_power_low_warn_th.address);
     }
 
+    // One read of A2h 96..117: the monitors, the status byte and the alarm / warning flags.
+    std::array<std::uint8_t, sfp_field::cycle_block_length> get_cycle_block() const;
+
+    bool get_status_tx_disable() const { return read_flag(sfp_field::status_tx_disable); }
+    bool get_status_tx_fault() const { return read_flag(sfp_field::status_tx_fault); }
+    bool get_status_rx_los() const { return read_flag(sfp_field::status_rx_los); }
+    bool get_soft_tx_disable_select() const { return read_flag(sfp_field::soft_tx_disable_select); }
+    bool get_rs0_state() const { return read_flag(sfp_field::soft_rs0_select); }
+    bool get_rs1_state() const { return read_flag(sfp_field::soft_rs1_select); }
+    bool get_loopback() const { return read_flag(sfp_field::test_loopback); }
+    void set_loopback(bool v) const { write_flag(sfp_field::test_loopback, v); }
+
+    // VOA (vendor area of A2h page 00h, selected first).
+    std::uint32_t get_voa_attenuation_set() const {
+        return read_paged_word(sfp_field::voa_page, sfp_field::voa_attenuation_set);
+    }
+    std::uint32_t get_voa_attenuation_actual() const {
+        return read_paged_word(sfp_field::voa_page, sfp_field::voa_attenuation_actual);
+    }
+    std::uint32_t get_voa_attenuation_max() const {
+        return read_paged_word(sfp_field::voa_page, sfp_field::voa_attenuation_max);
+    }
+    void set_voa_attenuation(std::uint16_t hundredths_db) const;
+
     bool get_rs1_rs2_ignore() const { return read_flag(sfp_field::rs1_rs2_ignore); }
     void set_rs1_rs2_ignore(bool v) const { write_flag(sfp_field::rs1_rs2_ignore, v); }
     void set_soft_rs0_select(bool v) const { write_flag(sfp_field::soft_rs0_select, v); }
@@ -360,9 +430,20 @@ class sfp_reg_map {
     void set_channel_number_lsb(std::uint8_t v) const {
         write_tunable(sfp_field::channel_number_lsb, v);
     }
+    std::uint8_t get_tunable_features() const { return read_tunable(sfp_field::tunable_features); }
+    bool get_tune_status_tuning() const { return read_tunable_flag(sfp_field::tune_status_tuning); }
+    bool get_tune_status_unlocked() const {
+        return read_tunable_flag(sfp_field::tune_status_unlocked);
+    }
+    // Clears on read.
+    std::uint8_t get_tune_latched() const { return read_tunable(sfp_field::tune_latched); }
 
   private:
+    std::uint32_t read_paged_word(std::uint8_t page, sfp_field::word_field f) const;
     std::uint8_t read_tunable(sfp_field::byte_field f) const;
+    bool read_tunable_flag(sfp_field::flag_field f) const {
+        return (read_tunable({f.address}) & f.mask) != 0;
+    }
     void write_tunable(sfp_field::byte_field f, std::uint8_t value) const;
     void select_tunable_page() const;
 

@@ -1,5 +1,7 @@
 #include "qsfp_device_handler.hpp"
 
+#include <tuple>
+
 #include <rapidjson/document.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
@@ -194,10 +196,7 @@ void qsfp_device_handler::start() {
     std::string serial;
     {
         auto lock = lock_handler();
-        module_access([&] {
-            revision = reg_map_->get_revision();
-            serial = reg_map_->get_serial_number();
-        });
+        module_access([&] { std::tie(revision, serial) = _read_revision_and_serial(); });
     }
     keep(const_value<std::string>::create(db_, path("inventory/hwRevision"), self, revision));
     keep(const_value<std::string>::create(db_, path("inventory/serialNumber"), self, serial));
@@ -260,6 +259,10 @@ void qsfp_device_handler::start() {
         ->set_value(reg_wr_data_);
     grouped(volatile_value<&self_type::get_reg_rd_data>::create(db_, path("data/debug/reg/rd_data"),
                                                                 self));
+}
+
+std::pair<std::string, std::string> qsfp_device_handler::_read_revision_and_serial() {
+    return {reg_map_->get_revision(), reg_map_->get_serial_number()};
 }
 
 void qsfp_device_handler::add_to_value_group(const std::shared_ptr<dh_db_leaf_node>& node) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "clock.hpp"
@@ -178,6 +179,10 @@ class qsfp_device_handler : public std::enable_shared_from_this<qsfp_device_hand
     void clear_page_advertisement();
     void add_page_advertisement(unsigned page, unsigned bank, std::string description,
                                 std::string banks = {});
+    // The module's vendor revision and serial number for the inventory, read once at start (the
+    // converter takes them from the SFP it holds). Runs with the handler mutex held.
+    virtual std::pair<std::string, std::string> _read_revision_and_serial();
+
     // Banks of banked pages the module has (SFF-8636 modules have none beyond bank 0).
     virtual unsigned _banks_supported();
     // Refuses a page-dump bank the module does not have.

@@ -11,6 +11,7 @@
 #include "qsfp_optical_1lane_pam4_device_handler.hpp"
 #include "qsfp_optical_1or2lane_device_handler.hpp"
 #include "qsfp_optical_4lane_device_handler.hpp"
+#include "qsfp_passive_converter_device_handler.hpp"
 #include "qsfp_passive_device_handler.hpp"
 #include "system_path.hpp"
 
@@ -95,6 +96,7 @@ std::map<handler_class, qsfp_device_mgr::handler_factory> qsfp_device_mgr::defau
         {handler_class::dd_cmis5_1lane_hpower,
          factory_of<qsfp_dd_cmis5_1lane_hpower_device_handler>()},
         {handler_class::passive, factory_of<qsfp_passive_device_handler>()},
+        {handler_class::passive_converter, factory_of<qsfp_passive_converter_device_handler>()},
     };
 }
 

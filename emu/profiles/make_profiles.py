@@ -830,6 +830,163 @@ def converter_sfp_sr():
     }
 
 
+# SFP+ modules behind the QSA, one function each. A0h/A2h as dumped apart from the volatile A2h
+# status byte 110 (the emulator drives its state bits) and the checksums recomputed here.
+SFP_WRITABLE = [
+    {"page": "a2:lower", "from": 110, "to": 110, "mask": 0x48},  # soft TX disable, soft RS(0)
+    {"page": "a2:lower", "from": 118, "to": 118, "mask": 0x08},  # soft RS(1)
+    {"page": "a2:lower", "from": 123, "to": 126},              # password
+    {"page": "a2:00", "from": 128, "to": 247},                 # user EEPROM
+]
+
+
+def sff8472_sums(a0l, a2l=None):
+    a0l[63] = csum(a0l, 0, 62, 0)
+    a0l[95] = csum(a0l, 64, 94, 0)
+    if a2l is not None:
+        a2l[95] = csum(a2l, 0, 94, 0)
+
+
+def sfp_profile(name, description, source, pages, monitors, writable=(), behaviour=None):
+    b = {"i2c_not_ready_ms": 300, "power_up_ms": 300, "monitor_period_ms": 100,
+         "unsupported_page": "reject"}
+    b.update(behaviour or {})
+    return {
+        "name": name,
+        "description": description,
+        "source": source,
+        "family": "sff8472-converter",
+        "lanes": 1,
+        "behaviour": b,
+        "monitors": monitors,
+        "writable": list(writable),
+        "pages": {k: hexs(v) for k, v in pages.items()},
+    }
+
+
+def sfp_dump(name):
+    data = load(name)
+    a0l, a0u = data[0:128], data[128:256]
+    assert a0l[0] == 0x03
+    assert csum(a0l, 0, 62, 0) == a0l[63] and csum(a0l, 64, 94, 0) == a0l[95]
+    a2 = blocks(data[256:]) if len(data) > 256 else None
+    return a0l, a0u, a2
+
+
+def converter_sfp_lr():
+    """10GBASE-LR OEM SFP-10GB-LR: the dump as captured (RX dark in the capture; the emulator's
+    RX monitor gives it light)."""
+    src = "sff8472_sfpplus_10g_lr_oem_yaoy1060.hex"
+    a0l, a0u, (a2l, a2u) = sfp_dump(src)
+    a2l[110] = 0
+    a2l[127] = 0
+    sff8472_sums(a0l, a2l)
+    return sfp_profile("QSFP-to-SFP converter with 10GBASE-LR SFP+ (OEM SFP-10GB-LR)",
+                       "SFF-8472 behind a QSA: A0h at 50h, A2h at 51h", src,
+                       {"a0:lower": a0l, "a0:00": a0u, "a2:lower": a2l, "a2:00": a2u},
+                       optical_monitors(8473, 34.5, 36.0, 0.52, 0.3), SFP_WRITABLE)
+
+
+def tunable_page02(first_ghz, last_ghz, grid_ghz, channel):
+    """SFF-8690 A2h page 02h: 128 features (bit 0 tuning by channel number), 132..139 first and
+    last frequency (THz, then 0.1 GHz), 140 grid (0.1 GHz), 144 channel number set."""
+    p = zeros()
+    put(p, 128, [0x01])
+    for at, ghz in ((132, first_ghz), (136, last_ghz)):
+        put16(p, at, ghz // 1000)
+        put16(p, at + 2, (ghz % 1000) * 10)
+    put16(p, 140, grid_ghz * 10)
+    put16(p, 144, channel)
+    return p
+
+
+def converter_sfp_tunable_dwdm():
+    """Constructed on the Flexoptix P.B1696.10.DA image (a 1330 nm module as dumped): a tunable
+    10G DWDM SFP+, C band 191.50..196.10 THz on the 50 GHz grid (93 channels), starting on
+    channel 33 = 193.10 THz (1552.52 nm)."""
+    src = "sff8472_sfpplus_10g_flexoptix_p.b1696.10.da.hex"
+    a0l, a0u, (a2l, a2u) = sfp_dump(src)
+    put_text(a0l, 20, "QSFPD-EMU", 16, 0)
+    put_text(a0l, 40, "EMU-SFP-T10-DWDM", 16, 0)
+    put_text(a0l, 68, "EMU0000000000010", 16, 0)
+    put(a0l, 60, [1552 >> 8, 1552 & 0xFF, 52], 0)  # nominal wavelength of the start channel
+    a0l[65] |= 0x40  # tunable transmitter (SFF-8472 Table 8-3)
+    a2l[110] = 0
+    a2l[127] = 0
+    sff8472_sums(a0l, a2l)
+    page02 = tunable_page02(191500, 196100, 50, 33)
+    writable = SFP_WRITABLE + [{"page": "a2:02", "from": 144, "to": 147},  # channel, wavelength
+                               {"page": "a2:02", "from": 151, "to": 151}]  # TX dither
+    return sfp_profile("QSFP-to-SFP converter with tunable 10G DWDM SFP+ (constructed)",
+                       "SFF-8472 + SFF-8690 behind a QSA; tuning takes 1.5 s", src,
+                       {"a0:lower": a0l, "a0:00": a0u, "a2:lower": a2l, "a2:00": a2u,
+                        "a2:02": page02},
+                       optical_monitors(8690, 41.0, 45.0, 1.1, 0.2), writable,
+                       {"sfp_tuning_ms": 1500})
+
+
+def converter_sfp_voa():
+    """Constructed on the OEM LR image: an SFP+ with a receive attenuator, 0..15 dB in 0.01 dB
+    (docs/sfp-voa.md), A2h page 00h 248..254."""
+    src = "sff8472_sfpplus_10g_lr_oem_yaoy1060.hex"
+    a0l, a0u, (a2l, a2u) = sfp_dump(src)
+    put_text(a0l, 20, "QSFPD-EMU", 16, 0)
+    put_text(a0l, 40, "EMU-SFP-VOA", 16, 0)
+    put_text(a0l, 68, "EMU0000000000011", 16, 0)
+    a2l[110] = 0
+    a2l[127] = 0
+    sff8472_sums(a0l, a2l)
+    for i in range(248, 256):
+        a2u[i - 128] = 0
+    put16(a2u, 252, 1500)  # maximum attenuation 15.00 dB
+    writable = SFP_WRITABLE + [{"page": "a2:00", "from": 248, "to": 249}]
+    return sfp_profile("QSFP-to-SFP converter with 10G LR SFP+ and VOA (constructed)",
+                       "SFF-8472 behind a QSA; attenuator settles in 200 ms", src,
+                       {"a0:lower": a0l, "a0:00": a0u, "a2:lower": a2l, "a2:00": a2u},
+                       optical_monitors(8474, 36.0, 35.0, 0.5, 0.4), writable,
+                       {"sfp_voa_settle_ms": 200})
+
+
+def converter_sfp_fc_nodom():
+    """Brocade 57-1000042-02 as dumped: A0h only, no diagnostics (byte 92 = 00h), so no A2h."""
+    src = "sff8472_sfp_fc_brocade_57-1000042-02_nodom.hex"
+    a0l, a0u, a2 = sfp_dump(src)
+    assert a2 is None and not a0l[92] & 0x40
+    none = {"nominal": 0, "noise": 0}
+    return sfp_profile("QSFP-to-SFP converter with Brocade 57-1000042-02 SFP (no diagnostics)",
+                       "SFF-8472 A0h only behind a QSA: nothing answers at 51h", src,
+                       {"a0:lower": a0l, "a0:00": a0u},
+                       {"seed": 8475, "temperature_c": none, "vcc_v": none, "bias_ma": none,
+                        "tx_power_mw": none, "rx_power_mw": none})
+
+
+def converter_sfp_dac():
+    """Constructed on the Finisar SR image: a 3 m passive SFP+ direct-attach cable. SFF-8472:
+    connector 21h (copper pigtail), byte 8 bit 2 (passive cable), byte 18 length 3 m, bytes
+    60..61 the passive cable compliance (bit 0, SFF-8431 appendix E) instead of a wavelength, no
+    signals (byte 65 = 0) and no diagnostics (byte 92 = 0): nothing at 51h."""
+    src = "sff8472_sfpplus_10g_sr_finisar_ftlx8571d3bcl_auj0rcj.hex"
+    a0l, a0u, _ = sfp_dump(src)
+    put_text(a0l, 20, "QSFPD-EMU", 16, 0)
+    put_text(a0l, 40, "EMU-SFP-DAC-3M", 16, 0)
+    put_text(a0l, 68, "EMU0000000000012", 16, 0)
+    a0l[2] = 0x21
+    put(a0l, 3, [0] * 8, 0)
+    a0l[8] = 0x04
+    a0l[11] = 0x00  # encoding unspecified
+    a0l[14:20] = [0, 0, 0, 0, 3, 0]
+    put(a0l, 60, [0x01, 0x00, 0x00], 0)
+    a0l[64], a0l[65] = 0, 0
+    a0l[92], a0l[93], a0l[94] = 0, 0, 0
+    sff8472_sums(a0l)
+    none = {"nominal": 0, "noise": 0}
+    return sfp_profile("QSFP-to-SFP converter with a 3 m passive SFP+ cable (constructed)",
+                       "SFF-8472 A0h only behind a QSA: a direct-attach cable", src,
+                       {"a0:lower": a0l, "a0:00": a0u},
+                       {"seed": 8476, "temperature_c": none, "vcc_v": none, "bias_ma": none,
+                        "tx_power_mw": none, "rx_power_mw": none})
+
+
 if __name__ == "__main__":
     for stem, build in [("qsfp28_100g_lr4", lr4), ("qsfp28_100g_cwdm4", cwdm4),
                         ("qsfp28_100g_fr1_pam4", fr1_pam4), ("qsfp28_100g_sr2_pam4", sr2_pam4),
@@ -840,6 +997,11 @@ if __name__ == "__main__":
                         ("qsfpdd_400g_cr8_amphenol", cr8_amphenol),
                         ("qsfpdd_dac_cisco_sparse", dac_cisco),
                         ("qsfpdd_dac_fithonteng_flat", dac_fithonteng),
-                        ("qsa_sfpplus_10g_sr", converter_sfp_sr)]:
+                        ("qsa_sfpplus_10g_sr", converter_sfp_sr),
+                        ("qsa_sfpplus_10g_lr", converter_sfp_lr),
+                        ("qsa_sfpplus_10g_tunable_dwdm", converter_sfp_tunable_dwdm),
+                        ("qsa_sfpplus_10g_voa", converter_sfp_voa),
+                        ("qsa_sfp_fc_brocade_nodom", converter_sfp_fc_nodom),
+                        ("qsa_sfpplus_dac_passive", converter_sfp_dac)]:
         write(stem, build())
         print("wrote", stem)

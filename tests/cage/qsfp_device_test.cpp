@@ -116,8 +116,9 @@ TEST_F(qsfp_device_test, only_cmis_banked_pages_take_a_bank_written_with_the_pag
     EXPECT_EQ(device.read_byte(flat(0x11, 154)), 0x1A);  // bank 0
     read(2, flat(0x01, 142));                            // not a banked page: no bank byte
     read(0, flat(0x10, 130));  // back to a banked page of the bank in place: the page alone
-    EXPECT_EQ(bus->trace(), "r0#1 w126:0111 r154#1 r154#1 w126:0311 r154#1 w126:0011 r154#1 "
-                            "w127:01 r142#1 w127:10 r130#1");
+    EXPECT_EQ(bus->trace(),
+              "r0#1 w126:0111 r154#1 r154#1 w126:0311 r154#1 w126:0011 r154#1 "
+              "w127:01 r142#1 w127:10 r130#1");
     // SFF-8636 modules have no banks, and page 20h is a plain page there.
     bus->set_byte(0, 0, 0x11);
     device.invalidate_cache();
@@ -133,6 +134,9 @@ TEST_F(qsfp_device_test, ready_follows_data_not_ready_for_sff8636_and_take_over_
     bus->set_byte(0, 2, 0x01);
     EXPECT_FALSE(device.i2c_is_ready());
     bus->set_byte(0, 0, 0x18);  // CMIS has no Data_Not_Ready: byte 2 bit 0 means nothing there
+    EXPECT_TRUE(device.i2c_is_ready());
+    bus->set_byte(0, 0, 0x03);  // nor an SFP in a converter: byte 2 is its connector (07h LC)
+    bus->set_byte(0, 2, 0x07);
     EXPECT_TRUE(device.i2c_is_ready());
     bus->fail_next(ENXIO);
     EXPECT_FALSE(device.i2c_is_ready());
@@ -272,6 +276,27 @@ TEST_F(sfp_map_test, junk_strings_read_as_err_with_one_warning_and_setters_keep_
     EXPECT_EQ(bus->trace(),
               "51:r73#1 51:w73:91 51:r73#1 51:r73#1 51:w73:81 51:r110#1 51:w110:c2 51:r118#1 "
               "51:w118:81 51:w127:02 51:r133#1 51:w127:02 51:w145:11");
+}
+
+// The block a monitoring cycle reads, and the fields on A2h pages other than the one selected.
+TEST_F(sfp_map_test, cycle_block_voa_and_tuning_status_read_in_one_transfer_after_a_select) {
+    put(256 + 96, {0x14, 0x02, 0x81, 0xB1});
+    put(256 + 110, {0x06});
+    put(256 + 116, {0x80});
+    put(256 + 168, {0x30});  // A2h upper bytes as the fake holds them, whatever page is selected
+    put(256 + 248, {0x02, 0x26, 0x01, 0x00, 0x05, 0xDC});
+    const auto block = map.get_cycle_block();
+    EXPECT_EQ(std::tuple(block[0], block[1], block[2], block[3], block[14], block[20]),
+              std::tuple(0x14, 0x02, 0x81, 0xB1, 0x06, 0x80));
+    EXPECT_EQ(map.get_voa_attenuation_set(), 550u);
+    EXPECT_EQ(map.get_voa_attenuation_max(), 1500u);
+    EXPECT_TRUE(map.get_tune_status_tuning());
+    EXPECT_TRUE(map.get_tune_status_unlocked());
+    map.set_voa_attenuation(1234);
+    EXPECT_EQ(map.get_voa_attenuation_set(), 1234u);
+    EXPECT_EQ(bus->trace(),
+              "51:r96#22 51:w127:00 51:r248#2 51:w127:00 51:r252#2 51:w127:02 51:r168#1 "
+              "51:w127:02 51:r168#1 51:w127:00 51:w248:04d2 51:w127:00 51:r248#2");
 }
 
 }  // namespace

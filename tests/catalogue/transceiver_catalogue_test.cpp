@@ -281,9 +281,10 @@ const std::map<std::string, catalogue_list> expected_list{
 };
 // The converter's SFP is looked up in the SFP+ list, not here; the CMIS copper cables are not in
 // the sample (their handler selection goes by identification).
-const std::set<std::string> not_in_catalogue{"qsa_sfpplus_10g_sr", "qsfpdd_400g_cr8_amphenol",
-                                             "qsfpdd_dac_cisco_sparse",
-                                             "qsfpdd_dac_fithonteng_flat"};
+const std::set<std::string> not_in_catalogue{
+    "qsa_sfpplus_10g_sr",       "qsa_sfpplus_10g_lr",       "qsa_sfpplus_10g_tunable_dwdm",
+    "qsa_sfpplus_10g_voa",      "qsa_sfp_fc_brocade_nodom", "qsa_sfpplus_dac_passive",
+    "qsfpdd_400g_cr8_amphenol", "qsfpdd_dac_cisco_sparse",  "qsfpdd_dac_fithonteng_flat"};
 
 std::string field(auto begin, int at) {
     return trim_and_upper_case(std::string(begin + at, begin + at + 16));

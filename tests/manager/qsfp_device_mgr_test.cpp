@@ -349,6 +349,30 @@ TEST_F(Manager, CmisModulesOutsideTheCatalogueAreSelectedByRevisionAndTechnology
               R"("passive" 4 true true)");
 }
 
+// A QSA with an SFP+: the rules pick the converter, which finds the SFP in the SFP catalogue and
+// serves it with the manager's cycles and admin status; pulling the QSA takes it all away.
+TEST_F(Manager, AConverterServesItsSfpThroughTheDaemonsFactories) {
+    root.write("etc/transceiver_sfp+.json",
+               R"({"opticalTransceiverList": [{"vendor": "FINISAR CORP.", "partNumber": "FTLX",)"
+               R"( "partName": "SFP+ SR", "wdm": "SR850NM"}]})");
+    root.make_marker("zelt30");  // data/isConverter is a ZELT-30/40/50 node
+    make_manager(true);
+    set("config/adminStatus", R"("up")");
+    insert("qsa_sfpplus_10g_sr");
+    EXPECT_EQ(read("dataModel") + " " + read("inventory/vendor") + " " +
+                  read("inventory/sfpPartName") + " " + read("data/dhReady") + " " +
+                  read("data/isConverter"),
+              R"("converter" "FINISAR CORP." "SFP+ SR" true true)");
+    EXPECT_EQ(read("data/adminStatus") + " " + read("data/txDisablePin"), R"("up" false)");
+    cage->module()->flap(emu::lane_flag::rx_los, 0, "1", emu::flap_step::per_poll);
+    clock->run_for(500ms);
+    EXPECT_EQ(read("alarms/lossOfSignal/severity"), "1");
+    EXPECT_EQ(read("alarms/communicationFailure/severity"), "0");
+    remove();
+    EXPECT_EQ(db.find("data/temperature"), nullptr);
+    EXPECT_EQ(db.find("data/txFaultPin"), nullptr);
+}
+
 // A status given before the module is ready is handed over once it is, and one given later goes
 // straight through.
 TEST_F(Manager, TheStoredAdminStatusGoesToAColdStartedModuleButNotToAWarmStartedOne) {

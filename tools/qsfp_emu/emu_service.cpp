@@ -220,6 +220,18 @@ std::string emu_service::control(const std::string& method, const rapidjson::Val
         };
         for (const auto& [name, line] : lines)
             out += fmt::format(R"(,"{}":{})", name, c.pin_get(line));
+        // A converter's SFP signals (TX fault and LOS as the SFP drives them, TX disable and
+        // rate select as the host does).
+        if (auto* m = c.module(); m && m->profile().family == module_family::sff8472_converter) {
+            static const std::pair<const char*, cage::sfp_signal> signals[] = {
+                {"sfp_tx_fault", cage::sfp_signal::tx_fault},
+                {"sfp_los", cage::sfp_signal::los},
+                {"sfp_tx_disable", cage::sfp_signal::tx_disable},
+                {"sfp_rate_select", cage::sfp_signal::rate_select},
+            };
+            for (const auto& [name, signal] : signals)
+                out += fmt::format(R"(,"{}":{})", name, m->sfp_signal(signal));
+        }
         return out + "}";
     }
     if (method == "counters") return bus_->snapshot_json();
