@@ -127,6 +127,7 @@ void qsfp_dd_coherent_device_handler::read_line_shape() {
         const auto& app = _get_current_application_info();
         media_lanes_ = static_cast<std::uint8_t>(std::clamp<unsigned>(app.media_lane_count, 1, 8));
         host_lanes_ = std::clamp<unsigned>(app.host_lane_count, 1, 8);
+        bias_multiplier_ = reg_map_->get_dd_tx_bias_multiplier();
     });
     alarms_ = optical_alarms(media_lanes_, -std::numeric_limits<double>::infinity(), clock_);
     prbs_ = std::make_unique<prbs_test>(
@@ -661,7 +662,7 @@ void qsfp_dd_coherent_device_handler::publish_rate_thresholds(std::optional<unsi
     const unsigned rate =
         gbps ? *gbps : read_for("get_current_bitrate", [&] { return current_bitrate(); });
     const auto t = coherent::thresholds_of_rate(rate);
-    los_threshold_dbm_ = t.los;
+    rate_ = rate;
     if (rx_low_alarm_threshold_node_)
         rx_low_alarm_threshold_node_->update(rx_low_alarm_threshold(rate));
     if (rx_low_warning_threshold_node_) rx_low_warning_threshold_node_->update(t.low_warning);
@@ -952,7 +953,7 @@ double qsfp_dd_coherent_device_handler::get_trx_temperature() {
     auto lock = lock_handler();
     if (fake_temperature_) return *fake_temperature_;
     const double value = read_for("get_trx_temperature", [&] {
-        return units::temperature_celsius(reg_map_->get_dd_temperature());
+        return units::temperature_celsius(cycle_snapshot().temperature());
     });
     last_temperature_ = value;
     return value;
@@ -1004,7 +1005,16 @@ double qsfp_dd_coherent_device_handler::get_rx_signal_power() {
 
 double qsfp_dd_coherent_device_handler::get_total_rx_power() {
     auto lock = lock_handler();
-    return power_register("get_total_rx_power", [&] { return reg_map_->get_dd_ch_rx_pwr(0); });
+    return power_register("get_total_rx_power", [&] { return cycle_snapshot().rx_power(0); });
+}
+
+const qsfpd::cage::cmis_flags_and_monitors& qsfp_dd_coherent_device_handler::cycle_snapshot() {
+    // The polled values of a cycle come from the cycle's own read; between cycles (or without
+    // them) the monitors are read alone, leaving the latched flags to the cycle.
+    const auto now = clock_->now();
+    if (!snapshot_.valid || now - snapshot_.taken >= snapshot_lifetime)
+        snapshot_ = {reg_map_->get_dd_monitors(media_lanes_), now, true};
+    return snapshot_.values;
 }
 
 void qsfp_dd_coherent_device_handler::check_media_lane(unsigned lane, const char* what) const {
@@ -1017,15 +1027,14 @@ double qsfp_dd_coherent_device_handler::get_channel_actual_tx_power(unsigned lan
     auto lock = lock_handler();
     check_media_lane(lane, "TX power");
     return power_register("get_channel_actual_tx_power",
-                          [&] { return reg_map_->get_dd_ch_tx_pwr(lane); });
+                          [&] { return cycle_snapshot().tx_power(lane); });
 }
 
 double qsfp_dd_coherent_device_handler::get_channel_tx_bias(unsigned lane) {
     auto lock = lock_handler();
     check_media_lane(lane, "TX bias");
     try {
-        return units::bias_milliamps(reg_map_->get_dd_ch_tx_bias(lane),
-                                     reg_map_->get_dd_tx_bias_multiplier());
+        return units::bias_milliamps(cycle_snapshot().tx_bias(lane), bias_multiplier_);
     } catch (const std::system_error&) {
         return failed_read;
     }
@@ -1088,6 +1097,7 @@ int qsfp_dd_coherent_device_handler::get_diff_group_delay() {
 void qsfp_dd_coherent_device_handler::run_periodic_tasks() {
     auto lock = lock_handler();
     const auto fm = reg_map_->get_dd_flags_and_monitors(media_lanes_);
+    snapshot_ = {fm, clock_->now(), true};
     optical_alarms::inputs in;
     in.tx_fault = fm.tx_fault();
     in.rx_los = fm.rx_los();
@@ -1103,8 +1113,7 @@ void qsfp_dd_coherent_device_handler::run_periodic_tasks() {
     // RX power: the module's latched flags, and the handler's own low alarm threshold of the
     // line rate (or the operator's), so that the published threshold and the alarm agree.
     const auto flags = qsfp_reg_map::get_dd_low_high_alarm_flags(fm);
-    const double low_threshold = rx_low_alarm_threshold(
-        static_cast<unsigned>(los_threshold_dbm_ >= no_threshold ? 0 : current_bitrate()));
+    const double low_threshold = rx_low_alarm_threshold(rate_);
     const bool low = (flags & rx_low_alarm_flag) ||
                      (low_threshold < no_threshold && admin_up_ && rx_dbm < low_threshold);
     const bool high = (flags & rx_high_alarm_flag) != 0;

@@ -34,6 +34,8 @@ class qsfp_dd_coherent_device_handler : public qsfp_dd_device_handler {
     static constexpr unsigned data_path_ready_seconds = 5;
     // The warning of a moved custom alarm threshold stays this far inside it (dB).
     static constexpr double warning_inset_db = 0.5;
+    // A cycle's monitor read serves the polled values for one cycle plus slack.
+    static constexpr std::chrono::milliseconds snapshot_lifetime{150};
 
     qsfp_dd_coherent_device_handler(dh_db& db, std::shared_ptr<qsfpd::cage::qsfp_device> device,
                                     std::string root_path,
@@ -232,7 +234,14 @@ class qsfp_dd_coherent_device_handler : public qsfp_dd_device_handler {
     float rx_los_custom_threshold_ = 0.0F;
     bool rx_los_custom_threshold_enabled_dh_ = false;
     float rx_los_custom_threshold_dh_ = 0.0F;
-    double los_threshold_dbm_ = 99.0;
+    unsigned rate_ = 0;  // line rate of the published RX thresholds, Gb/s
+    unsigned bias_multiplier_ = 1;
+    struct {
+        qsfpd::cage::cmis_flags_and_monitors values;
+        qsfpd::clock::time_point taken{};
+        bool valid = false;
+    } snapshot_;
+    const qsfpd::cage::cmis_flags_and_monitors& cycle_snapshot();
     optical_alarms alarms_;
     bool rx_low_state_ = false;
     bool rx_high_state_ = false;
