@@ -114,9 +114,9 @@ qsfp_dd_coherent_device_handler::qsfp_dd_coherent_device_handler(
         // the output power.
         rx_pwr_alarm_custom_supported_ =
             (reg_map_->get_dd_dsp_capabilities() & custom_thresholds_capability) != 0;
-        tx_power_settable_ = reg_map_->get_dd_support_laser_capabilities() &&
-                             reg_map_->get_dd_min_tx_prog_out_pwr() <
-                                 reg_map_->get_dd_max_tx_prog_out_pwr();
+        tx_power_settable_ =
+            reg_map_->get_dd_support_laser_capabilities() &&
+            reg_map_->get_dd_min_tx_prog_out_pwr() < reg_map_->get_dd_max_tx_prog_out_pwr();
     });
 }
 
