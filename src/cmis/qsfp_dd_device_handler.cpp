@@ -616,6 +616,21 @@ void qsfp_dd_device_handler::check_application_taken(unsigned code) {
             << module_name();
 }
 
+unsigned qsfp_dd_device_handler::_count_active_clients() {
+    const auto apps = reg_map_->get_dd_active_app_per_lane();
+    unsigned clients = 0;
+    for (unsigned lane = 0; lane < apps.size();) {
+        const auto* app = apps[lane] != 0 ? find_application(apps[lane]) : nullptr;
+        if (!app || app->host_lane_count == 0) {
+            ++lane;
+            continue;
+        }
+        ++clients;
+        lane += app->host_lane_count;
+    }
+    return clients;
+}
+
 // --- Transmitters -------------------------------------------------------------------------------
 
 void qsfp_dd_device_handler::require_paging(const char* what) const {

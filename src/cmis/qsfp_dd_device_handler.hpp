@@ -144,6 +144,8 @@ class qsfp_dd_device_handler : public qsfp_device_handler {
     void _apply_config();
     // Waits for the module to run the new configuration and logs when it does not.
     void check_application_taken(unsigned code);
+    // Clients of the running application: one per data path (its first lane carries it).
+    unsigned _count_active_clients();
 
     bool _page_implemented(unsigned page, unsigned bank) override;
 

@@ -366,21 +366,7 @@ std::string qsfp_dd_optical_4lane_device_handler::get_fixed_laser_wavelength() {
 unsigned qsfp_dd_optical_4lane_device_handler::active_clients() {
     auto lock = lock_handler();
     if (!paging()) return 0;
-    // One client per data path of the running application: its first lane carries it.
-    return read_for("get_num_active_clients", [&] {
-        const auto apps = reg_map_->get_dd_active_app_per_lane();
-        unsigned clients = 0;
-        for (unsigned lane = 0; lane < apps.size();) {
-            const auto* app = apps[lane] != 0 ? find_application(apps[lane]) : nullptr;
-            if (!app || app->host_lane_count == 0) {
-                ++lane;
-                continue;
-            }
-            ++clients;
-            lane += app->host_lane_count;
-        }
-        return clients;
-    });
+    return read_for("get_num_active_clients", [&] { return _count_active_clients(); });
 }
 
 // --- Settings -----------------------------------------------------------------------------------

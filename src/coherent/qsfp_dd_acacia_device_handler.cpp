@@ -65,17 +65,8 @@ void qsfp_dd_acacia_device_handler::start() {
     value.operator()<&self_type::get_rx_total_power_new>("data/rxPowerNew");
     add_tx_power_nodes();
     add_admin_and_prbs_nodes();
-    {
-        auto lock = lock_handler();
-        add_page_advertisement(0x04, 0, "Laser Capabilities Advertising", "1 of 1");
-    }
-    group_node(volatile_value<&qsfp_device_handler::get_page_dump>::create(
-        db_, path("data/pageDump/upperPage/4"), std::static_pointer_cast<qsfp_device_handler>(self),
-        4u, std::string("Laser Capabilities Advertising")));
-    keep_node(const_value<std::string>::create(db_, path("inventory/device_handler"), self,
-                                               "qsfp_dd_acacia_dh"));
-    finish_start("QSFP optical device handler warm started successfully for ",
-                 "QSFP optical device handler cold started successfully for ");
+    add_laser_page_dump();
+    finish_start("qsfp_dd_acacia_dh");
     demod_thread_ =
         std::jthread([this](std::stop_token stop) { rx_demod_thread_function(std::move(stop)); });
 }

@@ -94,17 +94,8 @@ void qsfp_dd_cmis5_device_handler::start() {
     add_custom_threshold_nodes();
     add_tx_power_nodes();
     add_admin_and_prbs_nodes();
-    {
-        auto lock = lock_handler();
-        add_page_advertisement(0x04, 0, "Laser Capabilities Advertising", "1 of 1");
-    }
-    group_node(volatile_value<&qsfp_device_handler::get_page_dump>::create(
-        db_, path("data/pageDump/upperPage/4"), std::static_pointer_cast<qsfp_device_handler>(self),
-        4u, std::string("Laser Capabilities Advertising")));
-    keep_node(const_value<std::string>::create(db_, path("inventory/device_handler"), self,
-                                               "qsfp_dd_cmis5_dh"));
-    finish_start("QSFP optical device handler warm started successfully for ",
-                 "QSFP optical device handler cold started successfully for ");
+    add_laser_page_dump();
+    finish_start("qsfp_dd_cmis5_dh");
 }
 
 bool qsfp_dd_cmis5_device_handler::check_local_remote_faults_flags(bool flag, unsigned& set_count,

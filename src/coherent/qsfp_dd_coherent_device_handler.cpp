@@ -432,10 +432,21 @@ void qsfp_dd_coherent_device_handler::add_admin_and_prbs_nodes() {
         volatile_value<&self_type::get_prbs_info>::create(db_, path("data/prbs/info"), self));
 }
 
-void qsfp_dd_coherent_device_handler::finish_start(const std::string& warm_text,
-                                                   const std::string& cold_text,
+void qsfp_dd_coherent_device_handler::add_laser_page_dump() {
+    {
+        auto lock = lock_handler();
+        add_page_advertisement(0x04, 0, "Laser Capabilities Advertising", "1 of 1");
+    }
+    group_node(volatile_value<&qsfp_device_handler::get_page_dump>::create(
+        db_, path("data/pageDump/upperPage/4"), shared_from_this(), 4u,
+        std::string("Laser Capabilities Advertising")));
+}
+
+void qsfp_dd_coherent_device_handler::finish_start(const std::string& inventory_name,
                                                    bool start_polling) {
     const auto self = shared_from_this();
+    keep_node(const_value<std::string>::create(db_, path("inventory/device_handler"), self,
+                                               inventory_name));
     oper_status_node_ =
         keep_node(status_value<std::string>::create(db_, path("data/operStatus"), self, "down"));
     {
@@ -448,7 +459,9 @@ void qsfp_dd_coherent_device_handler::finish_start(const std::string& warm_text,
         admin_up_ = warm_started_;
         _adopt_port_admin_status(admin_up_);
         MSG_LOG(msg_log::info, init_tag())
-            << (warm_started_ ? warm_text : cold_text) << module_name();
+            << (warm_started_ ? "QSFP optical device handler warm started successfully for "
+                              : "QSFP optical device handler cold started successfully for ")
+            << module_name();
         oper_status_node_->update(warm_started_ ? "up" : "down");
     }
     keep_node(
@@ -760,21 +773,7 @@ dh::api::json_object qsfp_dd_coherent_device_handler::get_application_details() 
 
 unsigned qsfp_dd_coherent_device_handler::get_num_active_clients() {
     auto lock = lock_handler();
-    return read_for("get_num_active_clients", [&] {
-        // One client per data path of the running application.
-        const auto apps = reg_map_->get_dd_active_app_per_lane();
-        unsigned clients = 0;
-        for (unsigned lane = 0; lane < apps.size();) {
-            const auto* app = apps[lane] != 0 ? find_application(apps[lane]) : nullptr;
-            if (!app || app->host_lane_count == 0) {
-                ++lane;
-                continue;
-            }
-            ++clients;
-            lane += app->host_lane_count;
-        }
-        return clients;
-    });
+    return read_for("get_num_active_clients", [&] { return _count_active_clients(); });
 }
 
 // --- Pulse shaping, transmitter, restart --------------------------------------------------------

@@ -175,10 +175,11 @@ class qsfp_dd_coherent_device_handler : public qsfp_dd_device_handler {
     void add_custom_threshold_nodes();
     void add_tx_power_nodes();
     void add_admin_and_prbs_nodes();
-    // Warm or cold start, the published start state, then polling (unless a test holds it back)
-    // and dhReady.
-    void finish_start(const std::string& warm_text, const std::string& cold_text,
-                      bool start_polling = true);
+    // The page dump of the laser capabilities (page 04h), the last node of the tables.
+    void add_laser_page_dump();
+    // The inventory name, warm or cold start, the published start state, then polling (unless a
+    // test holds it back) and dhReady.
+    void finish_start(const std::string& inventory_name, bool start_polling = true);
 
     // Selects the first advertised application whose media side passes `wanted` (the module's
     // own list decides which code carries a rate), through low power.

@@ -69,7 +69,7 @@ class test_coherent : public qsfp_dd_coherent_device_handler {
         add_custom_threshold_nodes();
         add_tx_power_nodes();
         add_admin_and_prbs_nodes();
-        finish_start("warm ", "cold ", false);
+        finish_start("test_dh", false);
     }
 };
 
