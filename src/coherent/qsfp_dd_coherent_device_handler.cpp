@@ -546,6 +546,7 @@ void qsfp_dd_coherent_device_handler::_set_frequency(double mhz, bool force) {
         MSG_LOG(msg_log::error, config_tag()) << "Illegal grid spacing: " << grid;
         throw dh_error(dh::errc::invalid, "Failed to set frequency.");
     }
+    discard_stale_tuning_flags();
     reg_map_->set_dd_media_tx_1_chan_nbr(coherent::frequency_channel(mhz, *entry));
     MSG_LOG(msg_log::info, config_tag())
         << "Set frequency: " << fmt::format("{:f}", mhz) << " at grid spacing: " << grid;
@@ -560,6 +561,13 @@ void qsfp_dd_coherent_device_handler::_set_frequency(double mhz, bool force) {
     if (!complete)
         MSG_LOG(msg_log::warning, config_tag()) << "Tuning frequency not finished within 3 seconds";
     configured_frequency_ = mhz;
+}
+
+void qsfp_dd_coherent_device_handler::discard_stale_tuning_flags() {
+    // The flags stay latched until read: the completion of an earlier tuning (the previous
+    // setting, the line restore of an admin up) would end the next wait at its first read, with
+    // the laser still moving. Reading byte 231 clears it and the summary of byte 230.
+    static_cast<void>(reg_map_->get_dd_tuning_flags());
 }
 
 void qsfp_dd_coherent_device_handler::set_so_channel_number(double channel) {
@@ -584,6 +592,7 @@ void qsfp_dd_coherent_device_handler::set_so_channel_number(double channel) {
             throw dh_error(dh::errc::invalid, "Setting high power mode timeout");
         }
         const auto grid_mhz = static_cast<int>(reg_map_->get_dd_grid_spacing() * 1000);
+        discard_stale_tuning_flags();
         reg_map_->set_dd_media_tx_1_chan_nbr(coherent::itu_channel_number(c, grid_mhz));
         bool complete = false;
         unsigned reads = 0;

@@ -168,10 +168,9 @@ class qsfp_dd_coherent_device_handler : public qsfp_dd_device_handler {
     void add_module_threshold_nodes();  // voltage, module thresholds, pushed RX thresholds
     void add_total_rx_power_node();
     // numActiveClients .. application, with the application names the handler accepts.
-    void add_tuning_nodes(std::vector<std::string> applications = {"400G", "300G", "200G",
-                                                                   "100G"});
-    void add_q_nodes();       // qValue, qMargin, cdLow, cdHigh
-    void add_fec_nodes();     // FEC counters and client PM
+    void add_tuning_nodes(std::vector<std::string> applications = {"400G", "300G", "200G", "100G"});
+    void add_q_nodes();    // qValue, qMargin, cdLow, cdHigh
+    void add_fec_nodes();  // FEC counters and client PM
     void add_custom_threshold_nodes();
     void add_tx_power_nodes();
     void add_admin_and_prbs_nodes();
@@ -203,6 +202,8 @@ class qsfp_dd_coherent_device_handler : public qsfp_dd_device_handler {
     // `force`: write the channel even when the frequency register already shows `mhz` (after a
     // grid change, the old channel number means another frequency on the new grid).
     void _set_frequency(double mhz, bool force = false);
+    // Reads (and so clears) the latched tuning flags before a channel write.
+    void discard_stale_tuning_flags();
     // Media and host lane counts of the running application, and what depends on them.
     void read_line_shape();
     void assert_low_power_pin(bool on);

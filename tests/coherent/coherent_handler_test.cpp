@@ -143,13 +143,22 @@ TEST_F(CoherentHandler, AFrequencyIsTunedThroughLowPowerAndTheModuleFollows) {
     EXPECT_FALSE(lpmode());  // admin up: back to high power
     EXPECT_EQ(h->configured_frequency(), 193'200'000.0);
     expect_logged("Set frequency", {"Set frequency: 193200000.000000 at grid spacing: 75"});
+    // An admin up writes the line settings back, which retunes the module: that completion stays
+    // latched, unread. The next tunings wait for their own.
+    h->set_port_admin_status("down");
+    while_time_moves([&] { h->set_port_admin_status("up"); });
+    set("config/frequency", 193'300'000.0);
+    EXPECT_EQ(values("data/frequency data/channelId"), "193300000 \"D9330\"");
+    set("config/wavelengthITU", 9340.0);
+    EXPECT_EQ(values("data/frequency data/channelId"), "193400000 \"D9340\"");
+    EXPECT_EQ(channel(), 12);
 
     // Off the grid or beyond the module's range: refused before anything moves.
     EXPECT_EQ(refused("config/frequency", dh::json_value(193'110'000.0)),
               "Channel or frequency is not on grid");
     EXPECT_EQ(refused("config/frequency", dh::json_value(197'000'000.0)),
               "Channel or frequency is not on grid");
-    EXPECT_EQ(channel(), 4);
+    EXPECT_EQ(channel(), 12);
 }
 
 TEST_F(CoherentHandler, ItuChannelsAndGridChangesWriteTheirChannelNumbers) {
