@@ -458,6 +458,9 @@ void qsfp_dd_coherent_device_handler::finish_start(const std::string& inventory_
         });
         admin_up_ = warm_started_;
         _adopt_port_admin_status(admin_up_);
+        // Down means held in low power: a module that powered up on its own before anyone
+        // asserted the line is held there until the port is set up.
+        if (!warm_started_) module_access([&] { assert_low_power_pin(true); });
         MSG_LOG(msg_log::info, init_tag())
             << (warm_started_ ? "QSFP optical device handler warm started successfully for "
                               : "QSFP optical device handler cold started successfully for ")
@@ -534,7 +537,7 @@ void qsfp_dd_coherent_device_handler::set_frequency(double mhz) {
 void qsfp_dd_coherent_device_handler::_set_frequency(double mhz, bool force) {
     if (!force && mhz == static_cast<double>(reg_map_->get_dd_current_freq())) return;
     MSG_LOG(msg_log::info, config_tag())
-        << "Setting frequency to " << mhz << " on " << module_name();
+        << "Setting frequency to " << fmt::format("{}", mhz) << " on " << module_name();
     assert_low_power_pin(true);
     if (!wait_low_power_reads(low_power_reads)) {
         release_pin_if_admin_up();

@@ -227,6 +227,19 @@ TEST_F(CoherentHandler, AdminDownHoldsLowPowerThroughATuningAndUpRestoresTheLine
               std::string("Illegal parameter admin status: sideways"));
 }
 
+TEST_F(CoherentHandler, AColdStartHoldsAModulePoweringUpOnItsOwnInLowPower) {
+    insert("qsfpdd_400zr");
+    device->pin_set(cage::line::lpmode, true);
+    clock->advance(2s);
+    device->pin_set(cage::line::lpmode, false);  // powering up when the handler comes
+    auto h = std::make_shared<test_coherent>(db, device, "qsfp", regs, "VENDOR", "PN", "PART",
+                                             "d", qsfp_flags_s{}, 3, 4, clock);
+    h->start();
+    clock->advance(3s);
+    EXPECT_TRUE(lpmode());
+    EXPECT_EQ(values("data/adminStatus data/moduleState"), "\"down\" \"Low power\"");
+}
+
 TEST_F(CoherentHandler, TheApplicationByRateRepublishesTheRxThresholds) {
     auto h = coherent();
     EXPECT_EQ(values("data/application data/rxLosThreshold data/rxSensitivity"),
