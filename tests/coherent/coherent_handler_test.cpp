@@ -232,8 +232,8 @@ TEST_F(CoherentHandler, AColdStartHoldsAModulePoweringUpOnItsOwnInLowPower) {
     device->pin_set(cage::line::lpmode, true);
     clock->advance(2s);
     device->pin_set(cage::line::lpmode, false);  // powering up when the handler comes
-    auto h = std::make_shared<test_coherent>(db, device, "qsfp", regs, "VENDOR", "PN", "PART",
-                                             "d", qsfp_flags_s{}, 3, 4, clock);
+    auto h = std::make_shared<test_coherent>(db, device, "qsfp", regs, "VENDOR", "PN", "PART", "d",
+                                             qsfp_flags_s{}, 3, 4, clock);
     h->start();
     clock->advance(3s);
     EXPECT_TRUE(lpmode());

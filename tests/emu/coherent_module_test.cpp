@@ -443,7 +443,7 @@ TEST_F(Coherent, CustomThresholdWritesOutsideTheirBoundsAreIgnored) {
     const threshold_row rows[] = {
         {164, 500, true},   {164, 501, false},   {164, -1000, true},  {164, -1001, false},
         {166, -500, true},  {166, -499, false},  {166, -3001, false}, {168, 300, true},
-        {170, 301, true},  {170, -1500, true},  {172, -2800, true},  {174, -799, true},
+        {170, 301, true},   {170, -1500, true},  {172, -2800, true},  {174, -799, true},
         {176, -3000, true}, {176, -3001, false}, {178, -1500, true},  {178, -1499, false},
     };
     insert("qsfpdd_400zr");
