@@ -488,6 +488,8 @@ class qsfp_reg_map {
     }
     bool get_dd_rx_demod_lock() { return read_flag(cmis_only(fields::cm("rx_demod_lock"))); }
     bool get_dd_tx_demod_lock() { return read_flag(cmis_only(fields::cm("tx_demod_lock"))); }
+    // Both locks in one read (they share a byte): bit 0 RX, bit 1 TX.
+    std::uint8_t get_dd_demod_locks() { return read_u8(cmis_only(fields::cm("rx_demod_lock"))); }
     // PM freeze (page 2Fh byte 144 bit 7, read-modify-write).
     void set_dd_latch_request(bool freeze) {
         write_flag(cmis_only(fields::cm("pm_freeze_request")), freeze);

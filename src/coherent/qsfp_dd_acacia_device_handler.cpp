@@ -79,22 +79,20 @@ void qsfp_dd_acacia_device_handler::rx_demod_thread_function(std::stop_token sto
         bool tx = prev_tx_demod_lock_;
         {
             auto lock = lock_handler();
-            // A module that stops answering (pulled, resetting) is logged once per streak, not
-            // ten times a second.
-            const auto read = [&](bool& value, bool (qsfpd::cage::qsfp_reg_map::*get)(),
-                                  bool& failing, const char* text) {
-                try {
-                    value = ((*reg_map_).*get)();
-                    failing = false;
-                } catch (const std::exception&) {
-                    if (!failing) MSG_LOG(msg_log::error, info_tag()) << text;
-                    failing = true;
+            // One read serves both locks. A module that stops answering (pulled, resetting) is
+            // logged once per streak, not ten times a second.
+            try {
+                const std::uint8_t locks = reg_map_->get_dd_demod_locks();
+                rx = (locks & 0x01) != 0;
+                tx = (locks & 0x02) != 0;
+                read_failing_ = false;
+            } catch (const std::exception&) {
+                if (!read_failing_) {
+                    MSG_LOG(msg_log::error, info_tag()) << "Failed to read get_dd_rx_demod_lock";
+                    MSG_LOG(msg_log::error, info_tag()) << "Failed to read get_dd_tx_demod_lock";
                 }
-            };
-            read(rx, &qsfpd::cage::qsfp_reg_map::get_dd_rx_demod_lock, rx_read_failing_,
-                 "Failed to read get_dd_rx_demod_lock");
-            read(tx, &qsfpd::cage::qsfp_reg_map::get_dd_tx_demod_lock, tx_read_failing_,
-                 "Failed to read get_dd_tx_demod_lock");
+                read_failing_ = true;
+            }
         }
         // A demodulator that just locked starts a clean PM interval.
         if ((rx && !prev_rx_demod_lock_) || (tx && !prev_tx_demod_lock_)) {

@@ -55,7 +55,6 @@ class qsfp_dd_acacia_device_handler : public qsfp_dd_coherent_device_handler {
 
     bool prev_rx_demod_lock_ = false;
     bool prev_tx_demod_lock_ = false;
-    bool rx_read_failing_ = false;
-    bool tx_read_failing_ = false;
+    bool read_failing_ = false;
     std::jthread demod_thread_;
 };
