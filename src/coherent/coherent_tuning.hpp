@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <optional>
 
+#include "cmis_f16.hpp"
+
 namespace qsfpd::coherent {
 
 // One grid the handlers know: its spacing, the bit of page 04h byte 128 that advertises it, and
@@ -106,9 +108,9 @@ inline rate_thresholds thresholds_of_rate(unsigned gbps) {
     }
 }
 
-// CMIS F16: an 11-bit mantissa and a 5-bit exponent offset by 24.
+// CMIS F16, as the VDM decoder reads it.
 inline double f16_value(std::uint16_t raw) {
-    return (raw & 0x7FF) * std::pow(10.0, static_cast<int>(raw >> 11) - 24);
+    return cage::f16_to_double(raw);
 }
 
 }  // namespace qsfpd::coherent
